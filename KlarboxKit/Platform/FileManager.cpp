@@ -1,0 +1,257 @@
+#include "KlarboxKit/Platform/FileManager.hpp"
+
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Platform/UniqueFD.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+#include <climits>
+#include <fmt/format.h>
+
+namespace klarbox::FileManager {
+
+namespace {
+
+/// A path with a NUL in it names nothing; the system calls would silently stop at the NUL.
+bool hasNUL(std::string_view path) {
+    return path.find('\0') != std::string_view::npos;
+}
+
+bool status(const FileURL &url, struct stat &st, int flags) {
+    return !hasNUL(url.path()) && ::fstatat(AT_FDCWD, url.path().c_str(), &st, flags) == 0;
+}
+
+[[noreturn]] void throwReadError(const FileURL &url, int code, std::string_view kind) {
+    const auto name = Text::visible(url.lastComponent());
+    switch (code) {
+    case EACCES:
+    case EPERM:
+        throw PlatformError::cocoa(
+            PlatformError::fileReadNoPermission,
+            fmt::format(
+                "The {} “{}” couldn’t be opened because you don’t have permission to view it.",
+                kind, name),
+            code);
+    case ENOENT:
+        throw PlatformError::cocoa(
+            PlatformError::fileReadNoSuchFile,
+            fmt::format("The {} “{}” couldn’t be opened because it doesn’t exist.", kind, name),
+            code);
+    default:
+        throw PlatformError::cocoa(PlatformError::fileReadUnknown,
+                                   fmt::format("The {} “{}” couldn’t be opened. {}", kind, name,
+                                               std::generic_category().message(code)),
+                                   code);
+    }
+}
+
+[[noreturn]] void throwWriteError(const FileURL &url, int code) {
+    const auto name = Text::visible(url.path());
+    int cocoa = PlatformError::fileWriteUnknown;
+    if (code == EACCES || code == EPERM) {
+        cocoa = PlatformError::fileWriteNoPermission;
+    } else if (code == ENOSPC || code == EDQUOT) {
+        cocoa = PlatformError::fileWriteOutOfSpace;
+    } else if (code == EROFS) {
+        cocoa = PlatformError::fileWriteVolumeReadOnly;
+    }
+    throw PlatformError::cocoa(
+        cocoa,
+        fmt::format("“{}” couldn’t be saved. {}", name, std::generic_category().message(code)),
+        code);
+}
+
+void makeDirectories(const FileURL &url) {
+    if (isDirectory(url)) {
+        return;
+    }
+    if (url.path() != "/") {
+        makeDirectories(url.parent());
+    }
+    if (::mkdir(url.path().c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+        throwWriteError(url, errno);
+    }
+}
+
+} // namespace
+
+Date date(std::int64_t seconds, std::int64_t nanoseconds) {
+    constexpr std::int64_t furthest =
+        std::chrono::duration_cast<std::chrono::seconds>(Date::duration::max()).count() / 2;
+    return Date(
+        std::chrono::seconds(std::clamp(seconds, -furthest, furthest)) +
+        std::chrono::floor<std::chrono::microseconds>(std::chrono::nanoseconds(nanoseconds)));
+}
+
+bool exists(const FileURL &url) {
+    struct stat st {};
+    return status(url, st, 0);
+}
+
+bool isDirectory(const FileURL &url) {
+    struct stat st {};
+    return status(url, st, 0) && S_ISDIR(st.st_mode);
+}
+
+bool isExecutableFile(const FileURL &url) {
+    struct stat st {};
+    return status(url, st, 0) && S_ISREG(st.st_mode) && ::access(url.path().c_str(), X_OK) == 0;
+}
+
+std::optional<FileType> type(const FileURL &url) {
+    struct stat st {};
+    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
+        return std::nullopt;
+    }
+    switch (st.st_mode & S_IFMT) {
+    case S_IFREG:
+        return FileType::regular;
+    case S_IFDIR:
+        return FileType::directory;
+    case S_IFLNK:
+        return FileType::symbolicLink;
+    default:
+        return FileType::other;
+    }
+}
+
+std::optional<Date> modificationDate(const FileURL &url) {
+    struct stat st {};
+    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
+        return std::nullopt;
+    }
+    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+}
+
+std::optional<std::string> realPath(std::string_view path) {
+    if (hasNUL(path)) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<char, void (*)(void *)> resolved(
+        ::realpath(std::string(path).c_str(), nullptr), std::free);
+    return resolved ? std::optional<std::string>(resolved.get()) : std::nullopt;
+}
+
+std::vector<std::string> contentsOfDirectory(const FileURL &url) {
+    if (hasNUL(url.path())) {
+        throwReadError(url, ENOENT, "folder");
+    }
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(::opendir(url.path().c_str()), ::closedir);
+    if (!stream) {
+        throwReadError(url, errno, "folder");
+    }
+    std::vector<std::string> names;
+    for (;;) {
+        errno = 0;
+        // Each call has a stream of its own, so the shared state that readdir is known for is not
+        // shared. NOLINTNEXTLINE(concurrency-mt-unsafe)
+        const auto *entry = ::readdir(stream.get());
+        if (entry == nullptr) {
+            break;
+        }
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.emplace_back(name);
+        }
+    }
+    if (errno != 0) {
+        throwReadError(url, errno, "folder");
+    }
+    return names;
+}
+
+std::string contents(const FileURL &url, std::size_t limit) {
+    if (hasNUL(url.path())) {
+        throwReadError(url, ENOENT, "file");
+    }
+    const UniqueFD file(::open(url.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat st {};
+    if (!file || ::fstat(file.get(), &st) != 0) {
+        throwReadError(url, errno, "file");
+    }
+    if (!S_ISREG(st.st_mode)) {
+        throwReadError(url, S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "file");
+    }
+    std::string bytes;
+    if (static_cast<std::size_t>(st.st_size) <= limit) {
+        bytes.reserve(static_cast<std::size_t>(st.st_size));
+    }
+    std::array<char, 65536> buffer; // NOLINT: filled by read before it is looked at
+    for (;;) {
+        const auto count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            throwReadError(url, errno, "file");
+        }
+        if (count == 0) {
+            return bytes;
+        }
+        if (static_cast<std::size_t>(count) > limit - bytes.size()) {
+            throwReadError(url, EFBIG, "file");
+        }
+        bytes.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+}
+
+void writeAtomically(const FileURL &url, std::string_view bytes) {
+    makeDirectories(url.parent());
+    std::string temporary = url.path() + ".XXXXXX";
+    UniqueFD file(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file) {
+        throwWriteError(url, errno);
+    }
+    const auto fail = [&](int code) {
+        ::unlink(temporary.c_str());
+        throwWriteError(url, code);
+    };
+    while (!bytes.empty()) {
+        const auto count = ::write(file.get(), bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            fail(errno);
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    if (::fsync(file.get()) != 0 || ::rename(temporary.c_str(), url.path().c_str()) != 0) {
+        fail(errno);
+    }
+}
+
+FileURL homeDirectory() {
+    // The environment is not changed after start. NOLINTNEXTLINE(concurrency-mt-unsafe)
+    if (const char *home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
+        return FileURL(home, true);
+    }
+    std::array<char, 16384> buffer{};
+    struct passwd entry {};
+    struct passwd *found = nullptr;
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr && found->pw_dir != nullptr && found->pw_dir[0] == '/') {
+        return FileURL(found->pw_dir, true);
+    }
+    return FileURL("/", true);
+}
+
+std::string currentDirectory() {
+    const std::unique_ptr<char, void (*)(void *)> path(::getcwd(nullptr, 0), std::free);
+    // "(unreachable)…" is what the kernel says of a folder outside this process's root.
+    const std::string_view found = path ? path.get() : "";
+    return found.starts_with('/') && found != "/" ? std::string(found) : "";
+}
+
+} // namespace klarbox::FileManager

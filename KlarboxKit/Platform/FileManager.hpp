@@ -1,0 +1,66 @@
+#pragma once
+
+#include "KlarboxKit/Platform/FileURL.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The file system as the engine asks about it. Paths are bytes. Failures are `PlatformError`s in
+/// the Cocoa domain that name the file and carry the POSIX error as their cause. Stateless; safe
+/// from any thread.
+namespace klarbox::FileManager {
+
+/// A wall-clock time. Times more than 146,000 years away (some file systems store them) are held as
+/// the nearest one within, so that the distance of two dates never overflows.
+using Date = std::chrono::sys_time<std::chrono::microseconds>;
+
+/// The date of a time in whole seconds and nanoseconds since 1970.
+Date date(std::int64_t seconds, std::int64_t nanoseconds);
+
+enum class FileType { regular, directory, symbolicLink, other };
+
+/// Whether anything exists at the path, symbolic links followed (a dangling link does not exist).
+bool exists(const FileURL &url);
+
+/// Whether the path leads to a directory, symbolic links followed.
+bool isDirectory(const FileURL &url);
+
+/// Whether the path leads to a regular file that this process may execute.
+bool isExecutableFile(const FileURL &url);
+
+/// What the entry itself is, a final symbolic link not followed; nothing when it has no status.
+std::optional<FileType> type(const FileURL &url);
+
+/// When the entry itself (a final symbolic link not followed) was last modified; nothing when it
+/// has no status.
+std::optional<Date> modificationDate(const FileURL &url);
+
+/// The path with every symbolic link resolved; nothing when it does not lead anywhere.
+std::optional<std::string> realPath(std::string_view path);
+
+/// The names of a folder's entries in the order of the file system, without "." and "..".
+/// Throws when the folder cannot be listed to its end.
+std::vector<std::string> contentsOfDirectory(const FileURL &url);
+
+/// The bytes of a regular file, symbolic links followed. Never waits (on a FIFO, say). Throws when
+/// the file cannot be read, is no regular file, or is longer than `limit` bytes.
+std::string contents(const FileURL &url, std::size_t limit = SIZE_MAX);
+
+/// Replaces the file at `url` as one step: readers see the old bytes or the new ones, a failure
+/// leaves the old ones, and nothing is written through a symbolic link. Missing parent folders are
+/// made, private to the user. The file is readable by the user alone.
+void writeAtomically(const FileURL &url, std::string_view bytes);
+
+/// The home folder of the user this process runs as: `HOME`, or the user database without it.
+FileURL homeDirectory();
+
+/// The process's current folder without a trailing slash, so that the root is the empty string (and
+/// stands in when the current folder is gone).
+std::string currentDirectory();
+
+} // namespace klarbox::FileManager

@@ -1,0 +1,52 @@
+#include "KlarboxKit/Safety/FS.hpp"
+
+#include "KlarboxKit/Platform/PlatformError.hpp"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace klarbox::FS {
+
+std::vector<FileURL> children(const FileURL &folder) {
+    auto names = FileManager::contentsOfDirectory(folder);
+    std::erase(names, ".DS_Store");
+    std::ranges::sort(names);
+    std::vector<FileURL> urls;
+    urls.reserve(names.size());
+    for (const auto &name : names) {
+        urls.push_back(folder.appending(name));
+    }
+    return urls;
+}
+
+std::optional<FileManager::Date> modificationDate(const FileURL &url) {
+    return FileManager::modificationDate(url);
+}
+
+bool isRealDirectory(const FileURL &url) {
+    return FileManager::type(url) == FileManager::FileType::directory;
+}
+
+std::string tildePath(const FileURL &url, const FileURL &home) {
+    const auto &path = url.path();
+    const auto &prefix = home.path();
+    if (path.size() > prefix.size() && path.starts_with(prefix) && path[prefix.size()] == '/') {
+        return "~" + path.substr(prefix.size());
+    }
+    return path;
+}
+
+bool isPermissionError(const std::exception &error) {
+    const auto *platformError = dynamic_cast<const PlatformError *>(&error);
+    for (; platformError != nullptr; platformError = platformError->cause()) {
+        const int code = platformError->code();
+        const bool isPOSIX = platformError->domain() == PlatformError::Domain::posix;
+        if (isPOSIX ? code == EPERM || code == EACCES
+                    : code == PlatformError::fileReadNoPermission) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace klarbox::FS

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Safety/SafetyViolation.hpp"
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace klarbox {
+
+/// Decides whether a path may be removed on behalf of a root folder. Every removal passes it first.
+///
+/// Immutable after creation and safe from any thread. It changes nothing on disk and judges the
+/// file system as it is at the moment of each call; what happens between a call and the removal is
+/// the business of `SecureDeleter` and its like.
+class SafetyGuard {
+public:
+    /// Protects the system's folders and the personal folders of this home (about 74 paths, each
+    /// resolved once, here).
+    explicit SafetyGuard(const FileURL &homeDirectory);
+
+    /// Returns the resolved location to act on in place of `url`: links in its parent folders are
+    /// resolved, its last component is not, and it is marked as a directory exactly when it is one
+    /// itself. Throws `SafetyRefusal`, and nothing else, for the first rule that `url` breaks.
+    FileURL validate(const FileURL &url, const FileURL &root) const;
+
+    /// Whether the location is protected, or is the top folder of a mounted volume.
+    bool isProtected(const FileURL &url) const;
+
+    /// The path with links resolved when it exists, else lexically standardised.
+    static std::string canonicalPath(std::string_view path);
+
+    /// Whether `candidate` lies strictly below `parent`, by whole components, letter case apart.
+    static bool isInside(std::string_view candidate, std::string_view parent);
+
+private:
+    std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased
+};
+
+} // namespace klarbox

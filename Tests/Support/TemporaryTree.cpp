@@ -1,0 +1,127 @@
+#include "Tests/Support/TemporaryTree.hpp"
+
+#include "KlarboxKit/Platform/Overloaded.hpp"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace klarbox::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+FileURL makeRoot() {
+    auto pattern = (fs::canonical(fs::temp_directory_path()) / "klarbox-test.XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), pattern);
+    }
+    return FileURL(pattern, true);
+}
+
+void setTimes(const std::string &path, FileManager::Date date) {
+    const auto since = date.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+    const timespec time{seconds.count(), std::chrono::nanoseconds(since - seconds).count()};
+    const timespec times[2] = {time, time};
+    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+}
+
+void writeFile(const std::string &path, std::string_view content) {
+    std::ofstream file(path, std::ios::binary);
+    file.write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (!file.flush()) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
+} // namespace
+
+TemporaryTree::TemporaryTree(std::initializer_list<Entry> entries) : root_(makeRoot()) {
+    for (const auto &entry : entries) {
+        add(entry);
+    }
+    // Making an entry touches its folder, so dates and modes are set once everything stands.
+    for (const auto &entry : entries) {
+        const auto path = (root_.appending(entry.path)).path();
+        if (entry.modified) {
+            setTimes(path, *entry.modified);
+        }
+        if (entry.mode && ::chmod(path.c_str(), *entry.mode) != 0) {
+            throw std::system_error(errno, std::generic_category(), path);
+        }
+    }
+}
+
+TemporaryTree::~TemporaryTree() {
+    std::error_code ignored;
+    for (auto it = fs::recursive_directory_iterator(
+             root_.path(), fs::directory_options::skip_permission_denied, ignored);
+         !ignored && it != fs::recursive_directory_iterator(); it.increment(ignored)) {
+        if (it->symlink_status(ignored).type() == fs::file_type::directory) {
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+        }
+    }
+    fs::remove_all(root_.path(), ignored);
+}
+
+void TemporaryTree::add(const Entry &entry) const {
+    const auto path = root_.appending(entry.path).path();
+    fs::create_directories(fs::path(path).parent_path());
+    std::visit(
+        overloaded{
+            [&](const Entry::Bytes &content) { writeFile(path, std::string(content.count, 'x')); },
+            [&](const Entry::Text &content) { writeFile(path, content.text); },
+            [&](const Entry::Directory &) { fs::create_directories(path); },
+            [&](const Entry::SymbolicLink &link) { fs::create_symlink(link.target, path); },
+            [&](const Entry::HardLink &link) {
+                fs::create_hard_link(root_.appending(link.target).path(), path);
+            },
+        },
+        entry.what);
+    if (entry.modified) {
+        setTimes(path, *entry.modified);
+    }
+}
+
+std::string manifest(const FileURL &folder) {
+    std::set<std::string> lines;
+    for (const auto &entry : fs::recursive_directory_iterator(folder.path())) {
+        struct stat st {};
+        if (::lstat(entry.path().c_str(), &st) != 0) {
+            throw std::system_error(errno, std::generic_category(), entry.path());
+        }
+        std::string content;
+        if (S_ISLNK(st.st_mode)) {
+            content = fs::read_symlink(entry.path()).string();
+        } else if (S_ISREG(st.st_mode)) {
+            std::ifstream file(entry.path(), std::ios::binary);
+            const std::string all((std::istreambuf_iterator<char>(file)), {});
+            content = fmt::format("{:x}", std::hash<std::string>{}(all));
+        }
+        lines.insert(fmt::format("{} {:o} {} {}.{} {}\n", entry.path().string(), st.st_mode,
+                                 st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec, content));
+    }
+    std::string all;
+    for (const auto &line : lines) {
+        all += line;
+    }
+    return all;
+}
+
+bool isRoot() {
+    return ::geteuid() == 0;
+}
+
+} // namespace klarbox::test

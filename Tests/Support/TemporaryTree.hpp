@@ -1,0 +1,83 @@
+#pragma once
+
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/FileURL.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <variant>
+
+namespace klarbox::test {
+
+/// What to put at one path of a `TemporaryTree`.
+struct Entry {
+    struct Bytes {
+        std::size_t count;
+    };
+    struct Text {
+        std::string text;
+    };
+    struct Directory {};
+    struct SymbolicLink {
+        std::string target;
+    };
+    struct HardLink {
+        std::string target; ///< relative to the tree's root
+    };
+
+    std::string path; ///< relative to the tree's root; parents are made as needed
+    std::variant<Bytes, Text, Directory, SymbolicLink, HardLink> what;
+    std::optional<FileManager::Date> modified = std::nullopt;
+    std::optional<mode_t> mode = std::nullopt;
+};
+
+inline Entry::Bytes bytes(std::size_t count) {
+    return {count};
+}
+inline Entry::Text text(std::string content) {
+    return {std::move(content)};
+}
+inline Entry::Directory directory() {
+    return {};
+}
+inline Entry::SymbolicLink link(std::string target) {
+    return {std::move(target)};
+}
+inline Entry::HardLink hardLink(std::string target) {
+    return {std::move(target)};
+}
+
+/// A folder of its own below the system's temporary folder (symbolic links resolved), filled as
+/// declared and removed at the end, whatever modes its folders have by then.
+class TemporaryTree {
+public:
+    TemporaryTree() : TemporaryTree({}) {}
+    TemporaryTree(std::initializer_list<Entry> entries);
+    ~TemporaryTree();
+    TemporaryTree(const TemporaryTree &) = delete;
+    TemporaryTree &operator=(const TemporaryTree &) = delete;
+
+    /// The tree's own folder.
+    const FileURL &root() const { return root_; }
+    /// The location at a relative path; nothing needs to be there.
+    FileURL operator/(std::string_view relative) const { return root_.appending(relative); }
+    /// Adds an entry. Throws when that fails.
+    void add(const Entry &entry) const;
+
+private:
+    FileURL root_;
+};
+
+/// Every entry below a folder as one line each (path, type, mode, size, modification time, link
+/// target, hash of the content), sorted: two equal manifests mean that nothing changed.
+std::string manifest(const FileURL &folder);
+
+/// Whether this process may read and remove what file modes forbid.
+bool isRoot();
+
+} // namespace klarbox::test
