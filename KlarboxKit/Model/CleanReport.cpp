@@ -1,6 +1,7 @@
 #include "KlarboxKit/Model/CleanReport.hpp"
 
 #include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Platform/Saturating.hpp"
 
 #include <algorithm>
 #include <iterator>
@@ -12,9 +13,8 @@ namespace {
 std::int64_t sum(const std::vector<CleanOutcome> &outcomes, bool trashed) {
     std::int64_t total = 0;
     for (const auto &outcome : outcomes) {
-        if (outcome.wentToTrash == trashed &&
-            __builtin_add_overflow(total, outcome.bytes, &total)) {
-            return INT64_MAX;
+        if (outcome.wentToTrash == trashed) {
+            total = saturatingSum(total, outcome.bytes);
         }
     }
     return total;

@@ -28,16 +28,6 @@ FileURL makeRoot() {
     return FileURL(pattern, true);
 }
 
-void setTimes(const std::string &path, FileManager::Date date) {
-    const auto since = date.time_since_epoch();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-    const timespec time{seconds.count(), std::chrono::nanoseconds(since - seconds).count()};
-    const timespec times[2] = {time, time};
-    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw std::system_error(errno, std::generic_category(), path);
-    }
-}
-
 void writeFile(const std::string &path, std::string_view content) {
     std::ofstream file(path, std::ios::binary);
     file.write(content.data(), static_cast<std::streamsize>(content.size()));
@@ -48,6 +38,16 @@ void writeFile(const std::string &path, std::string_view content) {
 
 } // namespace
 
+void setModified(const FileURL &url, FileManager::Date date) {
+    const auto since = date.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+    const timespec time{seconds.count(), std::chrono::nanoseconds(since - seconds).count()};
+    const timespec times[2] = {time, time};
+    if (::utimensat(AT_FDCWD, url.path().c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        throw std::system_error(errno, std::generic_category(), url.path());
+    }
+}
+
 TemporaryTree::TemporaryTree(std::initializer_list<Entry> entries) : root_(makeRoot()) {
     for (const auto &entry : entries) {
         add(entry);
@@ -56,7 +56,7 @@ TemporaryTree::TemporaryTree(std::initializer_list<Entry> entries) : root_(makeR
     for (const auto &entry : entries) {
         const auto path = (root_.appending(entry.path)).path();
         if (entry.modified) {
-            setTimes(path, *entry.modified);
+            setModified(FileURL(path), *entry.modified);
         }
         if (entry.mode && ::chmod(path.c_str(), *entry.mode) != 0) {
             throw std::system_error(errno, std::generic_category(), path);
@@ -76,8 +76,8 @@ TemporaryTree::~TemporaryTree() {
     fs::remove_all(root_.path(), ignored);
 }
 
-void TemporaryTree::add(const Entry &entry) const {
-    const auto path = root_.appending(entry.path).path();
+void makeEntry(const FileURL &root, const Entry &entry) {
+    const auto path = root.appending(entry.path).path();
     fs::create_directories(fs::path(path).parent_path());
     std::visit(
         overloaded{
@@ -86,12 +86,12 @@ void TemporaryTree::add(const Entry &entry) const {
             [&](const Entry::Directory &) { fs::create_directories(path); },
             [&](const Entry::SymbolicLink &link) { fs::create_symlink(link.target, path); },
             [&](const Entry::HardLink &link) {
-                fs::create_hard_link(root_.appending(link.target).path(), path);
+                fs::create_hard_link(root.appending(link.target).path(), path);
             },
         },
         entry.what);
     if (entry.modified) {
-        setTimes(path, *entry.modified);
+        setModified(FileURL(path), *entry.modified);
     }
 }
 

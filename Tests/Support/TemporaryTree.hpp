@@ -52,6 +52,12 @@ inline Entry::HardLink hardLink(std::string target) {
     return {std::move(target)};
 }
 
+/// Puts an entry at its place below `root`. Throws when that fails.
+void makeEntry(const FileURL &root, const Entry &entry);
+
+/// Sets when an entry itself (not what a link leads to) was last modified. Throws.
+void setModified(const FileURL &url, FileManager::Date date);
+
 /// A folder of its own below the system's temporary folder (symbolic links resolved), filled as
 /// declared and removed at the end, whatever modes its folders have by then.
 class TemporaryTree {
@@ -66,8 +72,8 @@ public:
     const FileURL &root() const { return root_; }
     /// The location at a relative path; nothing needs to be there.
     FileURL operator/(std::string_view relative) const { return root_.appending(relative); }
-    /// Adds an entry. Throws when that fails.
-    void add(const Entry &entry) const;
+    /// Adds an entry, as `makeEntry` does.
+    void add(const Entry &entry) const { makeEntry(root_, entry); }
 
 private:
     FileURL root_;
