@@ -2,6 +2,8 @@
 
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
+#include <fmt/format.h>
+
 namespace klarbox {
 
 JSON parseJSON(std::string_view bytes) {
@@ -20,6 +22,26 @@ JSON parseJSON(std::string_view bytes) {
 
 std::string encodeJSON(const JSON &value, int indent) {
     return value.dump(indent, ' ', false, JSON::error_handler_t::replace);
+}
+
+const JSON &requiredMember(const JSON &record, std::string_view key) {
+    const auto found = record.find(key);
+    if (found == record.end()) {
+        throw PlatformError::cocoa(PlatformError::coderReadCorrupt,
+                                   fmt::format("the key \"{}\" is missing", key));
+    }
+    return *found;
+}
+
+std::int64_t requiredInteger(const JSON &record, std::string_view key) {
+    const auto &number = requiredMember(record, key);
+    const bool fits = number.is_number_integer() &&
+                      (!number.is_number_unsigned() || number.get<std::uint64_t>() <= INT64_MAX);
+    if (!fits) {
+        throw PlatformError::cocoa(PlatformError::coderReadCorrupt,
+                                   fmt::format("\"{}\" must be a whole number", key));
+    }
+    return number.get<std::int64_t>();
 }
 
 } // namespace klarbox

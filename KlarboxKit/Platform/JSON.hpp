@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,5 +17,10 @@ JSON parseJSON(std::string_view bytes);
 /// Writes the value, compact or indented by `indent` spaces. Strings that are not UTF-8 have the
 /// offending bytes replaced by U+FFFD.
 std::string encodeJSON(const JSON &value, int indent = -1);
+
+/// The member of an object; its value as a whole number that fits 64 bits. Both throw a
+/// `PlatformError` that names the key when it is missing or of the wrong type.
+const JSON &requiredMember(const JSON &record, std::string_view key);
+std::int64_t requiredInteger(const JSON &record, std::string_view key);
 
 } // namespace klarbox

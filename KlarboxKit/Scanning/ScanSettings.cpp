@@ -13,16 +13,8 @@ namespace {
     throw PlatformError::cocoa(PlatformError::coderReadCorrupt, message);
 }
 
-const JSON &value(const JSON &record, std::string_view key) {
-    const auto found = record.find(key);
-    if (found == record.end()) {
-        fail(fmt::format("the key \"{}\" is missing", key));
-    }
-    return *found;
-}
-
 std::vector<std::string> strings(const JSON &record, std::string_view key) {
-    const auto &list = value(record, key);
+    const auto &list = requiredMember(record, key);
     std::vector<std::string> texts;
     if (!list.is_array()) {
         fail(fmt::format("\"{}\" must be a list of texts", key));
@@ -37,21 +29,11 @@ std::vector<std::string> strings(const JSON &record, std::string_view key) {
 }
 
 bool boolean(const JSON &record, std::string_view key) {
-    const auto &flag = value(record, key);
+    const auto &flag = requiredMember(record, key);
     if (!flag.is_boolean()) {
         fail(fmt::format("\"{}\" must be true or false", key));
     }
     return flag.get<bool>();
-}
-
-std::int64_t integer(const JSON &record, std::string_view key) {
-    const auto &number = value(record, key);
-    const bool fits = number.is_number_integer() &&
-                      (!number.is_number_unsigned() || number.get<std::uint64_t>() <= INT64_MAX);
-    if (!fits) {
-        fail(fmt::format("\"{}\" must be a whole number", key));
-    }
-    return number.get<std::int64_t>();
 }
 
 } // namespace
@@ -73,7 +55,7 @@ ScanSettings ScanSettings::decode(std::string_view json) {
     return {
         .projectRoots = strings(record, "projectRoots"),
         .includeNodeModules = boolean(record, "includeNodeModules"),
-        .staleProjectDays = integer(record, "staleProjectDays"),
+        .staleProjectDays = requiredInteger(record, "staleProjectDays"),
         .excludedPaths = strings(record, "excludedPaths"),
     };
 }
