@@ -1,13 +1,13 @@
 #include "KlarboxKit/Model/CategoryScan.hpp"
 
-#include "KlarboxKit/Platform/Saturating.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 
 namespace klarbox {
 
 std::int64_t CategoryScan::totalSize() const {
     std::int64_t total = 0;
     for (const auto &item : items) {
-        total = saturatingSum(total, item.size);
+        total = saturatingAdd(total, item.size);
     }
     return total;
 }

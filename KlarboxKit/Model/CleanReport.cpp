@@ -1,7 +1,7 @@
 #include "KlarboxKit/Model/CleanReport.hpp"
 
 #include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/Saturating.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 
 #include <algorithm>
 #include <iterator>
@@ -14,7 +14,7 @@ std::int64_t sum(const std::vector<CleanOutcome> &outcomes, bool trashed) {
     std::int64_t total = 0;
     for (const auto &outcome : outcomes) {
         if (outcome.wentToTrash == trashed) {
-            total = saturatingSum(total, outcome.bytes);
+            total = saturatingAdd(total, outcome.bytes);
         }
     }
     return total;

@@ -1,10 +1,9 @@
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Scanning/PathTree.hpp"
 
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -14,76 +13,18 @@ namespace klarbox {
 
 namespace {
 
-/// Locations by their folded components, so that a question costs the length of the path asked
-/// about, however many locations are held.
-class PathTree {
-public:
-    void insert(const std::vector<std::string> &components) {
-        Node *node = &root_;
-        for (const auto &component : components) {
-            node = &node->children[component];
-        }
-        node->isMember = true;
-    }
-
-    /// Whether a member equals the path or holds it.
-    bool covers(const std::vector<std::string> &components) const {
-        return walk(components).metMember;
-    }
-
-    /// Whether a member equals the path, holds it, or lies inside it.
-    bool touches(const std::vector<std::string> &components) const {
-        const auto [metMember, end] = walk(components);
-        return metMember || end != nullptr;
-    }
-
-private:
-    struct Node {
-        std::map<std::string, Node, std::less<>> children;
-        bool isMember = false;
-    };
-
-    struct Walk {
-        bool metMember;
-        const Node *end; ///< where the path ends in the tree; null when it leaves the tree before
-    };
-
-    Walk walk(const std::vector<std::string> &components) const {
-        const Node *node = &root_;
-        for (const auto &component : components) {
-            if (node->isMember) {
-                return {true, nullptr};
-            }
-            const auto next = node->children.find(component);
-            if (next == node->children.end()) {
-                return {false, nullptr};
-            }
-            node = &next->second;
-        }
-        // The root node of an empty tree is the end of the empty path but holds nothing.
-        const bool holdsAny = node->isMember || !node->children.empty();
-        return {node->isMember, holdsAny ? node : nullptr};
-    }
-
-    Node root_;
-};
-
-std::vector<std::string> foldedComponents(const FileURL &url) {
-    return Text::foldedPathComponents(url.standardized().path());
-}
-
 /// Drops what the person excluded and what an earlier item already claims.
 void tidy(std::vector<CategoryScan> &scans, const ScanContext &context) {
     PathTree excluded;
     for (const auto &path : context.settings.excludedPaths) {
-        excluded.insert(foldedComponents(context.expand(path)));
+        excluded.insert(PathTree::components(context.expand(path)));
     }
     PathTree claimed;
     for (auto &scan : scans) {
         std::erase_if(scan.items, [&](const KlarboxItem &item) {
-            std::vector<std::vector<std::string>> paths;
+            std::vector<PathTree::Components> paths;
             for (const auto &url : item.target.paths()) {
-                paths.push_back(foldedComponents(url));
+                paths.push_back(PathTree::components(url));
             }
             for (const auto &path : paths) {
                 if (excluded.touches(path) || claimed.covers(path)) {
