@@ -21,6 +21,7 @@ public:
         fileReadUnknown = 256,
         fileReadNoPermission = 257,
         fileReadNoSuchFile = 260,
+        fileReadTooLarge = 263,
         propertyListReadCorrupt = 3840,
         coderReadCorrupt = 4864,
         fileWriteUnknown = 512,
