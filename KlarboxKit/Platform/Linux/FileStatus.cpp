@@ -1,0 +1,38 @@
+#include "KlarboxKit/Platform/FileStatus.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace klarbox {
+
+namespace {
+
+std::optional<FileStatus> status(int fd, const char *name, int flags) {
+    struct statx raw;
+    // Nothing else is asked for: a network file system need not fetch what nobody reads.
+    constexpr unsigned wanted = STATX_TYPE | STATX_NLINK | STATX_INO | STATX_BLOCKS;
+    if (::statx(fd, name, flags | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, wanted, &raw) != 0) {
+        return std::nullopt;
+    }
+    const bool saysMountRoot = (raw.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
+    return FileStatus{
+        .device = (std::uint64_t{raw.stx_dev_major} << 32) | raw.stx_dev_minor,
+        .inode = raw.stx_ino,
+        .links = raw.stx_nlink,
+        .allocatedBytes = static_cast<std::int64_t>(raw.stx_blocks * 512),
+        .isDirectory = S_ISDIR(raw.stx_mode),
+        .mayBeMountRoot = !saysMountRoot || (raw.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0,
+    };
+}
+
+} // namespace
+
+std::optional<FileStatus> FileStatus::of(int folder, const char *name) {
+    return status(folder, name, 0);
+}
+
+std::optional<FileStatus> FileStatus::ofOpen(int fd) {
+    return status(fd, "", AT_EMPTY_PATH);
+}
+
+} // namespace klarbox
