@@ -16,26 +16,21 @@ CategoryScan LogsScanner::scan(const ScanContext &context, std::stop_token stop)
     if (!FileManager::exists(root)) {
         return scan;
     }
-    for (const auto &entry : ScannerSupport::childrenOrIssue(root, context, scan)) {
-        if (stop.stop_requested()) {
-            break;
-        }
-        const auto size = ScannerSupport::offeredSize(entry, context, stop);
-        if (!size) {
-            continue;
-        }
-        const std::string name(entry.lastComponent());
-        scan.items.push_back({
-            .id = info().id + ":" + name,
-            .title = name,
-            .detail = FS::tildePath(entry, context.home),
-            .target = FileManager::isDirectory(entry) ? KlarboxTarget::contents(entry)
-                                                      : KlarboxTarget::item(entry),
-            .allowedRoot = root,
-            .size = *size,
-            .tier = SafetyTier::safe,
+    const auto entries = ScannerSupport::childrenOrIssue(root, context, scan);
+    scan.items = ScannerSupport::offeredItems(
+        entries, context, stop, [&](const FileURL &entry, std::int64_t size) -> KlarboxItem {
+            const std::string name(entry.lastComponent());
+            return {
+                .id = info().id + ":" + name,
+                .title = name,
+                .detail = FS::tildePath(entry, context.home),
+                .target = FileManager::isDirectory(entry) ? KlarboxTarget::contents(entry)
+                                                          : KlarboxTarget::item(entry),
+                .allowedRoot = root,
+                .size = size,
+                .tier = SafetyTier::safe,
+            };
         });
-    }
     ScannerSupport::sortLargestFirst(scan.items);
     return scan;
 }

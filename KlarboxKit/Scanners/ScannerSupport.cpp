@@ -40,6 +40,39 @@ std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &c
     }
 }
 
+std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const ScanContext &context,
+                                      const std::stop_token &stop, const ItemMaker &makeItem) {
+    std::vector<KlarboxItem> items;
+    for (const auto &entry : entries) {
+        if (stop.stop_requested()) {
+            break;
+        }
+        if (const auto size = offeredSize(entry, context, stop)) {
+            items.push_back(makeItem(entry, *size));
+        }
+    }
+    return items;
+}
+
+CacheTraits cacheTraits(std::string_view name, const ScanContext &context,
+                        std::string_view appleNote) {
+    const bool isApples = name.starts_with("com.apple.");
+    const bool isRunning = context.environment.runningBundleIDs.contains(std::string(name));
+    CacheTraits traits{
+        .title = context.environment.installedAppName(name).value_or(std::string(name)),
+        .tier = isApples ? SafetyTier::review : SafetyTier::safe,
+        .note = std::nullopt,
+        .isSelectedByDefault = !isApples && !isRunning,
+    };
+    if (isRunning) {
+        traits.note = "The app is running. Quit it first so it doesn't recreate files while "
+                      "cleaning.";
+    } else if (isApples) {
+        traits.note = appleNote;
+    }
+    return traits;
+}
+
 void sortLargestFirst(std::vector<KlarboxItem> &items) {
     std::ranges::stable_sort(items, std::greater{}, &KlarboxItem::size);
 }

@@ -4,9 +4,12 @@
 #include "KlarboxKit/Scanning/CategoryScanner.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <stop_token>
+#include <string>
+#include <string_view>
 #include <vector>
 
 /// What several scanners do the same way. Stateless; safe from any thread.
@@ -29,6 +32,27 @@ std::vector<FileURL> childrenOrNone(const FileURL &folder);
 /// (needs Full Disk Access, or the failure's message) and there are none.
 std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &context,
                                      CategoryScan &scan);
+
+/// What is shown of an entry that is worth offering: the entry and its size in bytes.
+using ItemMaker = std::function<KlarboxItem(const FileURL &entry, std::int64_t size)>;
+
+/// One item for each of the entries that is worth offering, in their order. A requested `stop` ends
+/// it early with the items so far; a default token never does.
+std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const ScanContext &context,
+                                      const std::stop_token &stop, const ItemMaker &makeItem);
+
+/// How a cache folder is offered whose name is, by custom, its application's bundle identifier.
+struct CacheTraits {
+    std::string title; ///< the installed application's name, or the folder's without one
+    SafetyTier tier;
+    std::optional<std::string> note;
+    bool isSelectedByDefault;
+};
+
+/// A running application's cache carries a warning and Apple's own caches carry `appleNote` and are
+/// for review; neither starts out selected.
+CacheTraits cacheTraits(std::string_view name, const ScanContext &context,
+                        std::string_view appleNote);
 
 /// Sorts by size, largest first; equal sizes keep their order.
 void sortLargestFirst(std::vector<KlarboxItem> &items);
