@@ -72,6 +72,49 @@ bool status(const FileURL &url, struct stat &st, int flags) {
         code);
 }
 
+std::optional<FileType> listedType(unsigned char type) {
+    switch (type) {
+    case DT_UNKNOWN:
+        return std::nullopt;
+    case DT_REG:
+        return FileType::regular;
+    case DT_DIR:
+        return FileType::directory;
+    case DT_LNK:
+        return FileType::symbolicLink;
+    default:
+        return FileType::other;
+    }
+}
+
+/// Visits name and listed type of every entry but "." and "..".
+template <typename Visit>
+void forEachEntry(const FileURL &url, Visit visit) {
+    if (hasNUL(url.path())) {
+        throwReadError(url, ENOENT, "folder");
+    }
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(::opendir(url.path().c_str()), ::closedir);
+    if (!stream) {
+        throwReadError(url, errno, "folder");
+    }
+    for (;;) {
+        errno = 0;
+        // Each call has a stream of its own, so the shared state that readdir is known for is not
+        // shared. NOLINTNEXTLINE(concurrency-mt-unsafe)
+        const auto *entry = ::readdir(stream.get());
+        if (entry == nullptr) {
+            break;
+        }
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            visit(name, entry->d_type);
+        }
+    }
+    if (errno != 0) {
+        throwReadError(url, errno, "folder");
+    }
+}
+
 void makeDirectories(const FileURL &url) {
     if (isDirectory(url)) {
         return;
@@ -144,31 +187,17 @@ std::optional<std::string> realPath(std::string_view path) {
 }
 
 std::vector<std::string> contentsOfDirectory(const FileURL &url) {
-    if (hasNUL(url.path())) {
-        throwReadError(url, ENOENT, "folder");
-    }
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(::opendir(url.path().c_str()), ::closedir);
-    if (!stream) {
-        throwReadError(url, errno, "folder");
-    }
     std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        // Each call has a stream of its own, so the shared state that readdir is known for is not
-        // shared. NOLINTNEXTLINE(concurrency-mt-unsafe)
-        const auto *entry = ::readdir(stream.get());
-        if (entry == nullptr) {
-            break;
-        }
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.emplace_back(name);
-        }
-    }
-    if (errno != 0) {
-        throwReadError(url, errno, "folder");
-    }
+    forEachEntry(url, [&](std::string_view name, unsigned char) { names.emplace_back(name); });
     return names;
+}
+
+std::vector<DirectoryEntry> entriesOfDirectory(const FileURL &url) {
+    std::vector<DirectoryEntry> entries;
+    forEachEntry(url, [&](std::string_view name, unsigned char type) {
+        entries.push_back({std::string(name), listedType(type)});
+    });
+    return entries;
 }
 
 std::string contents(const FileURL &url, std::size_t limit) {

@@ -47,6 +47,15 @@ std::optional<std::string> realPath(std::string_view path);
 /// Throws when the folder cannot be listed to its end.
 std::vector<std::string> contentsOfDirectory(const FileURL &url);
 
+/// One entry of a folder as its listing tells it.
+struct DirectoryEntry {
+    std::string name;
+    std::optional<FileType> type; ///< nothing when the file system keeps no types in its listings
+};
+
+/// The same entries with the types that the listing gives without a look at each entry.
+std::vector<DirectoryEntry> entriesOfDirectory(const FileURL &url);
+
 /// The bytes of a regular file, symbolic links followed. Never waits (on a FIFO, say). Throws when
 /// the file cannot be read, is no regular file, or is longer than `limit` bytes.
 std::string contents(const FileURL &url, std::size_t limit = SIZE_MAX);

@@ -139,6 +139,24 @@ std::vector<std::string> foldedPathComponents(std::string_view path) {
     return components;
 }
 
+std::optional<std::size_t> lowercaseLetters(std::string_view text) {
+    std::size_t count = 0;
+    utf8proc_int32_t previous = 0;
+    utf8proc_int32_t state = 0;
+    while (!text.empty()) {
+        const auto scalar = decode(text);
+        text.remove_prefix(scalar.length);
+        const bool begins =
+            count == 0 || utf8proc_grapheme_break_stateful(previous, scalar.value, &state);
+        if (begins && utf8proc_category(scalar.value) != UTF8PROC_CATEGORY_LL) {
+            return std::nullopt;
+        }
+        count += begins ? 1 : 0;
+        previous = scalar.value;
+    }
+    return count;
+}
+
 bool isValidUTF8(std::string_view bytes) {
     while (!bytes.empty()) {
         const auto scalar = decode(bytes);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,10 @@ std::string lowercased(std::string_view text);
 /// The components of a path, split at "/", empty ones dropped, each `lowercased`: what two paths
 /// are compared by wherever letter case does not count.
 std::vector<std::string> foldedPathComponents(std::string_view path);
+
+/// How many characters (as people count them) `text` has when each is a lower-case letter; nothing
+/// when any is not.
+std::optional<std::size_t> lowercaseLetters(std::string_view text);
 
 bool isValidUTF8(std::string_view bytes);
 

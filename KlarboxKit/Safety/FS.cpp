@@ -7,8 +7,9 @@
 
 namespace klarbox::FS {
 
-std::vector<FileURL> children(const FileURL &folder) {
-    auto names = FileManager::contentsOfDirectory(folder);
+namespace {
+
+std::vector<FileURL> sortedURLs(const FileURL &folder, std::vector<std::string> names) {
     std::erase(names, ".DS_Store");
     std::ranges::sort(names);
     std::vector<FileURL> urls;
@@ -17,6 +18,24 @@ std::vector<FileURL> children(const FileURL &folder) {
         urls.push_back(folder.appending(name));
     }
     return urls;
+}
+
+} // namespace
+
+std::vector<FileURL> children(const FileURL &folder) {
+    return sortedURLs(folder, FileManager::contentsOfDirectory(folder));
+}
+
+std::vector<FileURL> realDirectories(const FileURL &folder) {
+    std::vector<std::string> names;
+    for (auto &entry : FileManager::entriesOfDirectory(folder)) {
+        const bool isDirectory = entry.type ? entry.type == FileManager::FileType::directory
+                                            : isRealDirectory(folder.appending(entry.name));
+        if (isDirectory) {
+            names.push_back(std::move(entry.name));
+        }
+    }
+    return sortedURLs(folder, std::move(names));
 }
 
 std::optional<FileManager::Date> modificationDate(const FileURL &url) {

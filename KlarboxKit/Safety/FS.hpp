@@ -15,6 +15,10 @@ namespace klarbox::FS {
 /// included. Throws `PlatformError` when the folder cannot be listed.
 std::vector<FileURL> children(const FileURL &folder);
 
+/// Those of the `children` that are directories themselves, links to directories left out. Looks at
+/// the entries one by one only where the file system's listing does not tell their types.
+std::vector<FileURL> realDirectories(const FileURL &folder);
+
 /// When the entry itself (not what a link leads to) was last modified; nothing when unknown.
 std::optional<FileManager::Date> modificationDate(const FileURL &url);
 

@@ -27,6 +27,14 @@ std::vector<FileURL> childrenOrNone(const FileURL &folder) {
     }
 }
 
+std::vector<FileURL> foldersOrNone(const FileURL &folder) {
+    try {
+        return FS::realDirectories(folder);
+    } catch (const PlatformError &) {
+        return {};
+    }
+}
+
 std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &context,
                                      CategoryScan &scan) {
     try {
@@ -52,6 +60,10 @@ std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const Sc
         }
     }
     return items;
+}
+
+KlarboxTarget contentsOrItself(const FileURL &entry) {
+    return FS::isRealDirectory(entry) ? KlarboxTarget::contents(entry) : KlarboxTarget::item(entry);
 }
 
 CacheTraits cacheTraits(std::string_view name, const ScanContext &context,

@@ -28,6 +28,9 @@ std::optional<std::int64_t> offeredSize(const FileURL &url, const ScanContext &c
 /// The sorted entries of a folder; none when it cannot be listed.
 std::vector<FileURL> childrenOrNone(const FileURL &folder);
 
+/// The sorted real directories in a folder; none when it cannot be listed.
+std::vector<FileURL> foldersOrNone(const FileURL &folder);
+
 /// The sorted entries of a folder. When it cannot be listed, `scan` gets an issue that says why
 /// (needs Full Disk Access, or the failure's message) and there are none.
 std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &context,
@@ -40,6 +43,10 @@ using ItemMaker = std::function<KlarboxItem(const FileURL &entry, std::int64_t s
 /// it early with the items so far; a default token never does.
 std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const ScanContext &context,
                                       const std::stop_token &stop, const ItemMaker &makeItem);
+
+/// The contents of a folder, so that the folder stays; else the entry itself, which for a link to a
+/// folder is the link.
+KlarboxTarget contentsOrItself(const FileURL &entry);
 
 /// How a cache folder is offered whose name is, by custom, its application's bundle identifier.
 struct CacheTraits {

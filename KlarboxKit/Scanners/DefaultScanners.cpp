@@ -1,0 +1,41 @@
+#include "KlarboxKit/Scanners/DefaultScanners.hpp"
+
+#include "KlarboxKit/Scanners/AISessionsScanner.hpp"
+#include "KlarboxKit/Scanners/InstallersScanner.hpp"
+#include "KlarboxKit/Scanners/LogsScanner.hpp"
+#include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
+#include "KlarboxKit/Scanners/PackageCachesScanner.hpp"
+#include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
+#include "KlarboxKit/Scanners/SimulatorDyldCacheScanner.hpp"
+#include "KlarboxKit/Scanners/SystemCachesScanner.hpp"
+#include "KlarboxKit/Scanners/SystemCrashReportsScanner.hpp"
+#include "KlarboxKit/Scanners/SystemLogsScanner.hpp"
+#include "KlarboxKit/Scanners/TrashScanner.hpp"
+#include "KlarboxKit/Scanners/UserCachesScanner.hpp"
+#include "KlarboxKit/Scanners/XcodeScanner.hpp"
+
+namespace klarbox {
+
+ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory) {
+    return {
+        std::make_shared<UserCachesScanner>(),
+        std::make_shared<LogsScanner>(),
+        std::make_shared<TrashScanner>(volumesDirectory),
+        std::make_shared<MailDownloadsScanner>(),
+        std::make_shared<InstallersScanner>(),
+        std::make_shared<SystemCachesScanner>(roots.libraryCaches),
+        std::make_shared<SystemLogsScanner>(roots.libraryLogs, roots.systemLogs),
+        std::make_shared<SystemCrashReportsScanner>(roots.diagnosticReports),
+        std::make_shared<XcodeScanner>(),
+        std::make_shared<SimulatorDyldCacheScanner>(roots.simulatorDyldCaches),
+        std::make_shared<PackageCachesScanner>(),
+        std::make_shared<ProjectArtifactsScanner>(),
+        std::make_shared<AISessionsScanner>(),
+    };
+}
+
+ScannerList defaultScanners() {
+    return defaultScanners(PrivilegedRoots::ofThisMachine(), FileURL("/Volumes", true));
+}
+
+} // namespace klarbox

@@ -1,0 +1,54 @@
+#include "KlarboxKit/Scanners/TrashScanner.hpp"
+
+#include "KlarboxKit/Safety/FS.hpp"
+#include "KlarboxKit/Scanners/ScannerSupport.hpp"
+#include "KlarboxKit/Scanning/CategoryCatalog.hpp"
+
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace klarbox {
+
+const CategoryInfo &TrashScanner::info() const {
+    return CategoryCatalog::trash();
+}
+
+CategoryScan TrashScanner::scan(const ScanContext &context, std::stop_token) const {
+    CategoryScan scan{.info = info()};
+    addTrash(context.homePath(".Trash"), "Trash", context, scan);
+    for (const auto &volume : ScannerSupport::childrenOrNone(volumesDirectory_)) {
+        // The startup volume is among the volumes; its Trash is the one at home.
+        if (FileManager::realPath(volume.path()) != "/") {
+            addTrash(volume.appending(fmt::format(".Trashes/{}", ::getuid())),
+                     fmt::format("Trash on {}", volume.lastComponent()), context, scan);
+        }
+    }
+    return scan;
+}
+
+void TrashScanner::addTrash(const FileURL &folder, std::string title, const ScanContext &context,
+                            CategoryScan &scan) const {
+    if (!FileManager::exists(folder) ||
+        ScannerSupport::childrenOrIssue(folder, context, scan).empty()) {
+        return;
+    }
+    const auto size = ScannerSupport::offeredSize(folder, context);
+    if (!size) {
+        return;
+    }
+    scan.items.push_back({
+        .id = info().id + ":" + folder.path(),
+        .title = std::move(title),
+        .detail = FS::tildePath(folder, context.home),
+        .target = KlarboxTarget::contents(folder),
+        .allowedRoot = folder,
+        .size = *size,
+        .tier = SafetyTier::review,
+        .note = "Deleted permanently. This can't be undone.",
+        // Emptying a Trash can never mean moving what it holds to the Trash again.
+        .removalPolicy = RemovalPolicy::permanentOnly,
+    });
+}
+
+} // namespace klarbox

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "KlarboxKit/Scanning/CategoryScanner.hpp"
+
+namespace klarbox {
+
+/// "trash": the person's Trash at home and the one on every other mounted volume, each by its
+/// contents and only ever permanently.
+class TrashScanner final : public CategoryScanner {
+public:
+    /// `volumesDirectory` is the folder whose entries are the mounted volumes.
+    explicit TrashScanner(FileURL volumesDirectory)
+        : volumesDirectory_(std::move(volumesDirectory)) {}
+
+    const CategoryInfo &info() const override;
+    CategoryScan scan(const ScanContext &context, std::stop_token stop) const override;
+
+private:
+    void addTrash(const FileURL &folder, std::string title, const ScanContext &context,
+                  CategoryScan &scan) const;
+
+    FileURL volumesDirectory_;
+};
+
+} // namespace klarbox
