@@ -1,0 +1,310 @@
+#include "KlarboxKit/Cleaning/Cleaner.hpp"
+
+#include "KlarboxKit/Helper/PrivilegedRequest.hpp"
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Scanners/HomebrewScanner.hpp"
+
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace klarbox {
+
+namespace {
+
+CleanOutcome outcome(const KlarboxItem &item, CleanResult result, std::int64_t bytes = 0,
+                     bool wentToTrash = false) {
+    return {.id = item.id,
+            .title = item.title,
+            .result = std::move(result),
+            .bytes = bytes,
+            .wentToTrash = wentToTrash};
+}
+
+/// What became of the parts of one item.
+class Tally {
+public:
+    void addRemoved(std::int64_t count, std::int64_t bytes) {
+        removed_ = saturatingAdd(removed_, count);
+        bytes_ = saturatingAdd(bytes_, bytes);
+    }
+    void addFailed(std::int64_t count) { failed_ = saturatingAdd(failed_, count); }
+    /// Of several violations, and of several messages, the first is kept.
+    void keep(SafetyViolation violation) { violation_ = violation_.value_or(violation); }
+    void keep(std::string_view message) { message_ = message_.value_or(std::string(message)); }
+
+    /// Counts one part as failed when `attempt` throws, and keeps why.
+    template <typename Attempt>
+    void attempt(const Attempt &attempt) {
+        try {
+            attempt();
+        } catch (const SafetyRefusal &refusal) {
+            addFailed(1);
+            keep(refusal.violation());
+        } catch (const std::exception &error) {
+            addFailed(1);
+            keep(error.what());
+        }
+    }
+
+    /// The item's outcome; `success` is its result when nothing failed.
+    CleanOutcome outcome(const KlarboxItem &item, CleanResult success, bool wentToTrash) const {
+        return klarbox::outcome(item, result(std::move(success)),
+                                failed_ > 0 && removed_ == 0 ? 0 : bytes_, wentToTrash);
+    }
+
+private:
+    CleanResult result(CleanResult success) const {
+        if (failed_ == 0) {
+            return success;
+        }
+        if (removed_ > 0) {
+            return CleanResult::partial(fmt::format("{} of {} could not be removed ({})", failed_,
+                                                    saturatingAdd(removed_, failed_), reason()));
+        }
+        if (violation_) {
+            return CleanResult::refused(*violation_);
+        }
+        return CleanResult::failed(message_.value_or("Nothing could be removed"));
+    }
+
+    std::string reason() const {
+        if (message_) {
+            return *message_;
+        }
+        return violation_ ? fmt::format("refused: {}", rawValue(*violation_)) : "unknown error";
+    }
+
+    std::int64_t removed_ = 0;
+    std::int64_t failed_ = 0;
+    std::int64_t bytes_ = 0;
+    std::optional<SafetyViolation> violation_;
+    std::optional<std::string> message_;
+};
+
+/// The location with links resolved as far down as anything exists.
+FileURL resolved(const FileURL &url) {
+    std::string missing;
+    for (auto at = url.standardized();; at = at.parent()) {
+        if (const auto real = FileManager::realPath(at.path())) {
+            return FileURL(*real + missing);
+        }
+        if (at.path() == "/") {
+            return url;
+        }
+        missing = fmt::format("/{}{}", at.lastComponent(), missing);
+    }
+}
+
+PathTree excludedTree(std::span<const FileURL> excluded) {
+    PathTree tree;
+    for (const auto &url : excluded) {
+        tree.insert(PathTree::components(url));
+        tree.insert(PathTree::components(resolved(url)));
+        // For a link: where the link itself really is.
+        const auto standard = url.standardized();
+        tree.insert(
+            PathTree::components(resolved(standard.parent()).appending(standard.lastComponent())));
+    }
+    return tree;
+}
+
+/// Whether both paths lead to the same place, letter case apart.
+bool isSamePlace(const FileURL &a, const FileURL &b) {
+    const auto realA = FileManager::realPath(a.path());
+    const auto realB = FileManager::realPath(b.path());
+    return realA && realB &&
+           Text::foldedPathComponents(*realA) == Text::foldedPathComponents(*realB);
+}
+
+/// The last three lines of what a tool printed: where tools say why they failed.
+std::string lastLines(std::string_view output) {
+    const auto lines = Text::lines(output);
+    if (lines.empty()) {
+        return "Command failed";
+    }
+    const auto count = std::min<std::size_t>(lines.size(), 3);
+    return fmt::format(
+        "{}", fmt::join(lines.end() - static_cast<std::ptrdiff_t>(count), lines.end(), "\n"));
+}
+
+CleanOutcome homebrewOutcome(const KlarboxItem &item, std::string_view output,
+                             std::span<const FileURL> stuckKegs) {
+    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
+                       DiskUsage::allocatedSize(stuckKegs);
+    std::vector<std::string> names;
+    for (const auto &keg : stuckKegs) {
+        names.push_back(fmt::format("{} {}", keg.parent().lastComponent(), keg.lastComponent()));
+    }
+    auto message = fmt::format("Homebrew couldn't remove {}: you don't have permission to delete "
+                               "some of its files (often left by running brew with sudo). Fix "
+                               "their ownership, then clean again.",
+                               fmt::join(names, ", "));
+    return outcome(item,
+                   freed >= 1 ? CleanResult::partial(std::move(message))
+                              : CleanResult::failed(std::move(message)),
+                   std::max<std::int64_t>(freed, 0));
+}
+
+} // namespace
+
+Cleaner::Cleaner(std::shared_ptr<const SafetyGuard> guard,
+                 std::shared_ptr<const ItemRemover> remover,
+                 std::shared_ptr<const CommandRunning> runner,
+                 std::shared_ptr<const PrivilegedRemoving> privileged,
+                 std::span<const FileURL> excluded)
+    : safety_(std::move(guard)),
+      remover_(std::move(remover)),
+      runner_(std::move(runner)),
+      privileged_(std::move(privileged)),
+      excluded_(excludedTree(excluded)) {}
+
+CleanReport Cleaner::clean(std::span<const KlarboxItem> items, RemovalMode mode,
+                           const Progress &progress, std::stop_token stop) const {
+    const auto total = static_cast<std::int64_t>(items.size());
+    CleanReport report;
+    report.outcomes.reserve(items.size());
+    const auto done = [&] { return static_cast<std::int64_t>(report.outcomes.size()); };
+    for (const auto &item : items) {
+        if (stop.stop_requested()) {
+            break;
+        }
+        progress(done(), total, item.title);
+        report.outcomes.push_back(clean(item, mode));
+    }
+    progress(done(), total, "");
+    return report;
+}
+
+CleanOutcome Cleaner::clean(const KlarboxItem &item, RemovalMode mode) const {
+    try {
+        if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
+            return runCommand(item, command->action);
+        }
+        if (!item.allowedRoot) {
+            return outcome(item, CleanResult::refused(SafetyViolation::notInsideRoot));
+        }
+        if (item.requiresPrivileges) {
+            return cleanWithHelper(item, *item.allowedRoot);
+        }
+        return cleanAsUser(item, *item.allowedRoot,
+                           mode == RemovalMode::moveToTrash &&
+                               item.removalPolicy == RemovalPolicy::userChoice);
+    } catch (const std::exception &error) {
+        // One item's trouble must not cost the report of what was done with the others.
+        return outcome(item, CleanResult::failed(error.what()));
+    }
+}
+
+CleanOutcome Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
+                                  bool usesTrash) const {
+    Tally tally;
+    tally.attempt([&] {
+        for (const auto &path : concretePaths(item.target, root)) {
+            tally.attempt([&] {
+                const auto validated = validate(path, root);
+                const auto bytes = DiskUsage::allocatedSize(validated);
+                if (usesTrash) {
+                    remover_->moveToTrash(validated);
+                } else {
+                    remover_->deletePermanently(validated);
+                }
+                tally.addRemoved(1, bytes);
+            });
+        }
+    });
+    return tally.outcome(item, usesTrash ? CleanResult::movedToTrash() : CleanResult::removed(),
+                         usesTrash);
+}
+
+CleanOutcome Cleaner::cleanWithHelper(const KlarboxItem &item, const FileURL &root) const {
+    if (!privileged_) {
+        return outcome(item,
+                       CleanResult::failed(
+                           "System files need the Klarbox helper. Turn it on, then clean again."));
+    }
+    Tally tally;
+    std::vector<PrivilegedRequest> requests;
+    const auto requestRemoval = [&](const FileURL &url) {
+        tally.attempt(
+            [&] { requests.push_back(PrivilegedRequest::removeItem(validate(url, root).path())); });
+    };
+    std::visit(overloaded{
+                   [&](const KlarboxTarget::Item &target) { requestRemoval(target.url); },
+                   [&](const KlarboxTarget::Contents &target) {
+                       tally.attempt([&] {
+                           requests.push_back(
+                               PrivilegedRequest::removeContents(validate(target.of, root).path()));
+                       });
+                   },
+                   [&](const KlarboxTarget::Items &target) {
+                       std::ranges::for_each(target.urls, requestRemoval);
+                   },
+                   [&](const KlarboxTarget::Command &) {
+                       tally.addFailed(1);
+                       tally.keep("Commands never run as root");
+                   },
+               },
+               item.target.value());
+    for (const auto &request : requests) {
+        tally.attempt([&] {
+            const auto answer = privileged_->perform(request);
+            tally.addRemoved(answer.removedCount, answer.bytes);
+            tally.addFailed(answer.failedCount);
+            if (answer.refusal) {
+                tally.keep(*answer.refusal);
+            }
+            if (answer.error) {
+                tally.keep(*answer.error);
+            }
+        });
+    }
+    return tally.outcome(item, CleanResult::removed(), false);
+}
+
+CleanOutcome Cleaner::runCommand(const KlarboxItem &item, const CommandAction &action) const {
+    // A stop does not reach the tool: what it began it may finish, so that the outcome is known.
+    const auto result = runner_->run(action, commandTimeout);
+    if (result.succeeded()) {
+        return outcome(item, CleanResult::ranCommand(), item.size);
+    }
+    const auto stuckKegs = HomebrewScanner::unremovableKegs(result.output);
+    return stuckKegs.empty() ? outcome(item, CleanResult::failed(lastLines(result.output)))
+                             : homebrewOutcome(item, result.output, stuckKegs);
+}
+
+std::vector<FileURL> Cleaner::concretePaths(const KlarboxTarget &target,
+                                            const FileURL &root) const {
+    const auto *contents = std::get_if<KlarboxTarget::Contents>(&target.value());
+    if (contents == nullptr) {
+        return target.paths();
+    }
+    // A root may be emptied, though never removed: the guard would refuse the folder itself.
+    const auto folder =
+        isSamePlace(contents->of, root) ? contents->of : safety_->validate(contents->of, root);
+    std::vector<FileURL> entries;
+    for (const auto &name : FileManager::contentsOfDirectory(folder)) {
+        entries.push_back(folder.appending(name));
+    }
+    return entries;
+}
+
+FileURL Cleaner::validate(const FileURL &url, const FileURL &root) const {
+    auto validated = safety_->validate(url, root);
+    if (excluded_.touches(PathTree::components(url)) ||
+        excluded_.touches(PathTree::components(validated))) {
+        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it",
+                                             Text::visible(url.path())));
+    }
+    return validated;
+}
+
+} // namespace klarbox

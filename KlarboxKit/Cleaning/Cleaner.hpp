@@ -1,0 +1,65 @@
+#pragma once
+
+#include "KlarboxKit/Commands/CommandRunning.hpp"
+#include "KlarboxKit/Helper/PrivilegedRemoving.hpp"
+#include "KlarboxKit/Model/CleanReport.hpp"
+#include "KlarboxKit/Model/KlarboxItem.hpp"
+#include "KlarboxKit/Model/RemovalMode.hpp"
+#include "KlarboxKit/Safety/ItemRemover.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
+#include "KlarboxKit/Scanning/PathTree.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+namespace klarbox {
+
+/// Removes the items that a person selected, each in the way its target, its flags and the mode
+/// ask for, and tells what came of every one. Immutable; safe from any thread.
+class Cleaner {
+public:
+    /// How long one item's command may run.
+    static constexpr std::chrono::minutes commandTimeout{15};
+
+    /// Called with the place of the item in hand, the number of items and its title, and at the
+    /// end with the number of items done and an empty title. Must not throw.
+    using Progress =
+        std::function<void(std::int64_t index, std::int64_t total, const std::string &title)>;
+
+    /// `privileged` is null when the helper is turned off. A path that is, holds or lies inside one
+    /// of `excluded`, as written or with links resolved, fails and stays as it is; the locations
+    /// are resolved here, once.
+    Cleaner(std::shared_ptr<const SafetyGuard> guard, std::shared_ptr<const ItemRemover> remover,
+            std::shared_ptr<const CommandRunning> runner,
+            std::shared_ptr<const PrivilegedRemoving> privileged,
+            std::span<const FileURL> excluded = {});
+
+    /// Blocks until every item is dealt with, one after another in their order; the report has one
+    /// outcome for each. A requested stop is honoured between items: the item in hand is finished
+    /// and the report ends with it. Whatever fails is an outcome; nothing is thrown. `progress` is
+    /// called on the calling thread.
+    CleanReport clean(std::span<const KlarboxItem> items, RemovalMode mode,
+                      const Progress &progress, std::stop_token stop = {}) const;
+
+private:
+    CleanOutcome clean(const KlarboxItem &item, RemovalMode mode) const;
+    CleanOutcome cleanAsUser(const KlarboxItem &item, const FileURL &root, bool usesTrash) const;
+    CleanOutcome cleanWithHelper(const KlarboxItem &item, const FileURL &root) const;
+    CleanOutcome runCommand(const KlarboxItem &item, const CommandAction &action) const;
+    std::vector<FileURL> concretePaths(const KlarboxTarget &target, const FileURL &root) const;
+    FileURL validate(const FileURL &url, const FileURL &root) const;
+
+    std::shared_ptr<const SafetyGuard> safety_;
+    std::shared_ptr<const ItemRemover> remover_;
+    std::shared_ptr<const CommandRunning> runner_;
+    std::shared_ptr<const PrivilegedRemoving> privileged_;
+    PathTree excluded_;
+};
+
+} // namespace klarbox
