@@ -53,6 +53,10 @@ std::size_t maximalSubpart(std::string_view bytes) {
 }
 
 Scalar decode(std::string_view bytes) {
+    // Nearly all text is ASCII, and a call per character would be most of the time spent on it.
+    if (static_cast<signed char>(bytes.front()) >= 0) {
+        return {bytes.front(), 1, true};
+    }
     utf8proc_int32_t value = -1;
     const auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t *>(bytes.data()),
                                          static_cast<utf8proc_ssize_t>(bytes.size()), &value);
@@ -171,16 +175,17 @@ bool isValidUTF8(std::string_view bytes) {
 std::string repairedUTF8(std::string_view bytes) {
     std::string text;
     text.reserve(bytes.size());
-    while (!bytes.empty()) {
-        const auto scalar = decode(bytes);
-        if (scalar.valid) {
-            text.append(bytes.substr(0, scalar.length));
-        } else {
+    std::size_t kept = 0; // everything before is in `text`
+    for (std::size_t at = 0; at < bytes.size();) {
+        const auto scalar = decode(bytes.substr(at));
+        if (!scalar.valid) {
+            text.append(bytes.substr(kept, at - kept));
             append(text, replacement);
+            kept = at + scalar.length;
         }
-        bytes.remove_prefix(scalar.length);
+        at += scalar.length;
     }
-    return text;
+    return text.append(bytes.substr(kept));
 }
 
 std::vector<std::string_view> lines(std::string_view text) {

@@ -1,0 +1,83 @@
+#include "KlarboxKit/Commands/ProcessCommandRunner.hpp"
+
+#include "KlarboxKit/Platform/ChildProcess.hpp"
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <algorithm>
+#include <string_view>
+#include <unistd.h>
+#include <vector>
+
+extern char **environ;
+
+namespace klarbox {
+
+namespace {
+
+/// The inherited search path with the folders where the tools live in front: an application not
+/// started from a shell inherits hardly any.
+std::string searchPath(std::string_view inherited) {
+    std::vector<std::string> folders{
+        "/opt/homebrew/bin", "/opt/homebrew/sbin",
+        "/usr/local/bin",    FileManager::homeDirectory().appending(".local/bin").path(),
+        "/usr/bin",          "/bin",
+        "/usr/sbin",         "/sbin",
+    };
+    const auto preferred = folders.size();
+    while (!inherited.empty()) {
+        const auto colon = inherited.find(':');
+        const auto folder = inherited.substr(0, colon);
+        inherited.remove_prefix(colon == std::string_view::npos ? inherited.size() : colon + 1);
+        const auto end = folders.begin() + static_cast<std::ptrdiff_t>(preferred);
+        if (!folder.empty() && std::find(folders.begin(), end, folder) == end) {
+            folders.emplace_back(folder);
+        }
+    }
+    std::string path;
+    for (const auto &folder : folders) {
+        path.append(path.empty() ? "" : ":").append(folder);
+    }
+    return path;
+}
+
+} // namespace
+
+std::map<std::string, std::string> ProcessCommandRunner::environment() {
+    std::map<std::string, std::string> variables;
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        const auto equals = text.find('=');
+        if (equals != std::string_view::npos && equals > 0) {
+            // Of a name given twice the first counts, as it does for getenv.
+            variables.emplace(text.substr(0, equals), text.substr(equals + 1));
+        }
+    }
+    auto &path = variables["PATH"];
+    path = searchPath(path);
+    variables["HOMEBREW_NO_AUTO_UPDATE"] = "1";
+    variables["HOMEBREW_NO_ENV_HINTS"] = "1";
+    return variables;
+}
+
+CommandResult ProcessCommandRunner::run(const CommandAction &action,
+                                        std::chrono::nanoseconds timeout,
+                                        std::stop_token stop) const {
+    if (stop.stop_requested()) {
+        return {CommandResult::timedOut, "Timed out"};
+    }
+    try {
+        ChildProcess child(action.executable, action.arguments, environment());
+        const auto status = child.wait(timeout, std::move(stop));
+        if (!status) {
+            child.terminate();
+            return {CommandResult::timedOut, "Timed out"};
+        }
+        return {*status, Text::repairedUTF8(child.output())};
+    } catch (const PlatformError &error) {
+        return {CommandResult::notStarted, error.message()};
+    }
+}
+
+} // namespace klarbox

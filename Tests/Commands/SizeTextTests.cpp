@@ -1,0 +1,63 @@
+#include "KlarboxKit/Commands/SizeText.hpp"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+TEST(SizeText, readsSizesAsToolsPrintThem) {
+    const struct {
+        std::string text;
+        double base;
+        std::optional<std::int64_t> expected;
+    } cases[] = {
+        {"1.2GB", 1000, 1'200'000'000},
+        {"1.1GB", 1000, 1'100'000'000},
+        {"512 kB", 1024, 524'288},
+        {" \t 3.5 MB \n", 1000, 3'500'000},
+        {"\u00A07 k B\u2028", 1000, 7000},
+        {"0B", 1000, 0},
+        {"2gb", 1024, std::int64_t{2} << 30},
+        {"1TB", 1000, 1'000'000'000'000},
+        {"1.9999B", 1000, 1},
+        {".5kB", 1000, 500},
+        {"5.kB", 1000, 5000},
+        {"+5B", 1000, 5},
+        {"-1.5B", 1000, -1},
+        {"8388607TB", 1024, std::int64_t{8388607} << 40},
+        {"-8388608TB", 1024, INT64_MIN},
+        {"", 1000, {}},
+        {" ", 1000, {}},
+        {"12", 1000, {}},
+        {"GB", 1000, {}},
+        {"1.5KiB", 1024, {}},
+        {"1K", 1024, {}},
+        {"1 BYTES", 1024, {}},
+        {"1PB", 1000, {}},
+        {"8388608TB", 1024, {}}, // 2^63
+        {"1e30TB", 1000, {}},
+        {std::string(400, '9') + "B", 1000, {}},
+        {"1,5GB", 1000, {}},
+        {"1.5.0GB", 1000, {}},
+        {"+-5B", 1000, {}},
+        {"- 5B", 1000, -5}, // blanks go before anything is read
+        {"infB", 1000, {}},
+        {"nanB", 1000, {}},
+        {"0x10B", 1000, {}},
+        {"1.2\tGB", 1000, {}},
+        {"1\u212AB", 1000, {}}, // the Kelvin sign
+        {"12µB", 1000, {}},
+        {"٣GB", 1000, {}},
+        {"1GB (40%)", 1000, {}},
+        {"\xFF\xFE", 1000, {}},
+        {"\x1b[1m1GB", 1000, {}},
+    };
+    for (const auto &[text, base, expected] : cases) {
+        EXPECT_EQ(SizeText::bytes(text, base), expected) << text;
+    }
+}
+
+} // namespace
+} // namespace klarbox::test
