@@ -233,7 +233,7 @@ TEST(PrivilegedRequestHandler, reportsAFailedRemoval) {
 }
 
 TEST(PrivilegedRequestHandler, reportsAnUnreadableFolder) {
-    if (isRoot()) {
+    if (test::isRoot()) {
         GTEST_SKIP() << "root reads every folder";
     }
     const TemporaryTree disk{
