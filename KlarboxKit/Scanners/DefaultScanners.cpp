@@ -1,9 +1,13 @@
 #include "KlarboxKit/Scanners/DefaultScanners.hpp"
 
+#include "KlarboxKit/Platform/MainBundle.hpp"
 #include "KlarboxKit/Scanners/AISessionsScanner.hpp"
+#include "KlarboxKit/Scanners/BrokenLaunchAgentsScanner.hpp"
+#include "KlarboxKit/Scanners/BrokenPreferencesScanner.hpp"
 #include "KlarboxKit/Scanners/InstallersScanner.hpp"
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 #include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
+#include "KlarboxKit/Scanners/OrphanedContainersScanner.hpp"
 #include "KlarboxKit/Scanners/PackageCachesScanner.hpp"
 #include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
 #include "KlarboxKit/Scanners/SimulatorDyldCacheScanner.hpp"
@@ -18,7 +22,7 @@ namespace klarbox {
 
 ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory) {
     return {
-        std::make_shared<UserCachesScanner>(),
+        std::make_shared<UserCachesScanner>(mainBundleIdentifier()),
         std::make_shared<LogsScanner>(),
         std::make_shared<TrashScanner>(volumesDirectory),
         std::make_shared<MailDownloadsScanner>(),
@@ -31,6 +35,9 @@ ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumes
         std::make_shared<PackageCachesScanner>(),
         std::make_shared<ProjectArtifactsScanner>(),
         std::make_shared<AISessionsScanner>(),
+        std::make_shared<OrphanedContainersScanner>(mainBundleIdentifier()),
+        std::make_shared<BrokenPreferencesScanner>(),
+        std::make_shared<BrokenLaunchAgentsScanner>(),
     };
 }
 

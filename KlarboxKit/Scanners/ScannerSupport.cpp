@@ -85,6 +85,16 @@ CacheTraits cacheTraits(std::string_view name, const ScanContext &context,
     return traits;
 }
 
+std::optional<PropertyList> dictionary(const FileURL &file) {
+    try {
+        auto list = PropertyList::parse(FileManager::contents(file, PropertyList::maximumSize));
+        return list.kind() == PropertyList::Kind::dictionary ? std::optional(std::move(list))
+                                                             : std::nullopt;
+    } catch (const PlatformError &) {
+        return std::nullopt;
+    }
+}
+
 void sortLargestFirst(std::vector<KlarboxItem> &items) {
     std::ranges::stable_sort(items, std::greater{}, &KlarboxItem::size);
 }

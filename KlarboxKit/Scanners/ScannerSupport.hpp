@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/PropertyList.hpp"
 #include "KlarboxKit/Scanning/CategoryScanner.hpp"
 
 #include <cstdint>
@@ -60,6 +61,10 @@ struct CacheTraits {
 /// for review; neither starts out selected.
 CacheTraits cacheTraits(std::string_view name, const ScanContext &context,
                         std::string_view appleNote);
+
+/// The property list in a file when its top level is a dictionary; nothing when it is not, or when
+/// the file cannot be read or is no property list.
+std::optional<PropertyList> dictionary(const FileURL &file);
 
 /// Sorts by size, largest first; equal sizes keep their order.
 void sortLargestFirst(std::vector<KlarboxItem> &items);

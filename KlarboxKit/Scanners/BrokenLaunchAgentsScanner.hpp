@@ -1,0 +1,23 @@
+#pragma once
+
+#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Scanning/CategoryScanner.hpp"
+
+#include <optional>
+#include <string>
+
+namespace klarbox {
+
+/// "broken-launch-agents": definitions in the person's Library/LaunchAgents whose program, an
+/// absolute path on the system's own volume, is gone.
+class BrokenLaunchAgentsScanner final : public CategoryScanner {
+public:
+    const CategoryInfo &info() const override;
+    CategoryScan scan(const ScanContext &context, std::stop_token stop) const override;
+
+    /// The program that an agent's definition starts: its "Program", or the first of its
+    /// "ProgramArguments" when those are texts; nothing without either.
+    static std::optional<std::string> program(const PropertyList &agent);
+};
+
+} // namespace klarbox
