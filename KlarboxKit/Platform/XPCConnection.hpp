@@ -1,0 +1,50 @@
+#pragma once
+
+#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/UniqueFD.hpp"
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace klarbox {
+
+/// The client's end of a connection to a service.
+///
+/// Not for several threads at once. A connection on which anything threw is of no further use.
+class XPCConnection {
+public:
+    struct Service {
+        FileURL socket;
+        std::string requirement; ///< what the service's program must satisfy
+        uid_t user = 0;          ///< who must be running it
+        CodeAnchors anchors = {};
+        /// How long the service may take to let this program in.
+        std::chrono::milliseconds patience{30'000};
+    };
+
+    /// Connects, waits until the service has verified this program, and verifies the service.
+    /// Throws `PlatformError`: nobody listens, this program is turned away, or the service is not
+    /// the one required.
+    explicit XPCConnection(const Service &service);
+
+    /// What the service's signature vouches for.
+    const SigningInformation &service() const { return information_; }
+
+    /// Sends one message and waits for its reply. Throws `PlatformError` when either fails.
+    std::string send(std::string_view selector, std::string_view argument);
+
+    /// Whether the last `send` failed before its message left this process.
+    bool lastMessageWasUnsent() const { return unsent_; }
+
+private:
+    UniqueFD socket_;
+    pid_t servicePID_ = -1;
+    uid_t serviceUser_ = 0;
+    SigningInformation information_;
+    bool unsent_ = false;
+};
+
+} // namespace klarbox
