@@ -1,5 +1,6 @@
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 
+#include "Tests/Scanners/ScanResults.hpp"
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
@@ -10,14 +11,6 @@ namespace klarbox::test {
 namespace {
 
 using testing::ElementsAre;
-
-std::vector<std::string> titles(const CategoryScan &scan) {
-    std::vector<std::string> found;
-    for (const auto &item : scan.items) {
-        found.push_back(item.title);
-    }
-    return found;
-}
 
 TEST(LogsScanner, offersFoldersByContentAndFilesThemselvesLargestFirst) {
     const TemporaryTree home{
