@@ -64,6 +64,9 @@ public:
     /// The executable that this process runs. Throws `PlatformError`.
     static Code ofCurrentProcess();
 
+    /// The executable at this path. Throws `PlatformError`.
+    static Code at(const FileURL &url);
+
     /// Verifies the detached signature that lies beside the executable (its name and ".cms") over
     /// the very bytes that are open here, the signer's certificates at the present moment included,
     /// and returns what it vouches for. The anchors are read anew by every call. Throws

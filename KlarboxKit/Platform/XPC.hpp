@@ -56,6 +56,9 @@ FileURL serviceSocket(std::string_view serviceName);
 /// process serves there already. `lock` is kept for as long as this process serves.
 UniqueFD listen(const FileURL &path, UniqueFD &lock);
 
+/// Tells the service manager, if one started this process, that it is ready to serve.
+void announceReady();
+
 } // namespace XPC
 
 } // namespace klarbox

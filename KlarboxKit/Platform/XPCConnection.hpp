@@ -2,14 +2,36 @@
 
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <utility>
 
 namespace klarbox {
+
+/// Why a service cannot be used.
+class XPCError : public PlatformError {
+public:
+    enum class Kind {
+        unreachable, ///< nobody listens, or nobody answers
+        turnedAway,  ///< the service does not accept this program
+        unverified,  ///< what answers is not the service required
+        interrupted  ///< the connection ended
+    };
+
+    XPCError(Kind kind, int code, std::string message)
+        : PlatformError(Domain::posix, code, std::move(message)),
+          kind_(kind) {}
+
+    Kind kind() const { return kind_; }
+
+private:
+    Kind kind_;
+};
 
 /// The client's end of a connection to a service.
 ///
@@ -33,7 +55,7 @@ public:
     /// What the service's signature vouches for.
     const SigningInformation &service() const { return information_; }
 
-    /// Sends one message and waits for its reply. Throws `PlatformError` when either fails.
+    /// Sends one message and waits for its reply, however long that takes. Throws `XPCError`.
     std::string send(std::string_view selector, std::string_view argument);
 
     /// Whether the last `send` failed before its message left this process.

@@ -48,8 +48,10 @@ private:
     bool raised_ = false;
 };
 
-PlatformError failure(std::string message, int code) {
-    return {PlatformError::Domain::posix, code, std::move(message)};
+using Kind = XPCError::Kind;
+
+XPCError systemFailure(Kind kind, std::string_view what, int code) {
+    return {kind, code, fmt::format("{}: {}.", what, std::strerror(code))};
 }
 
 } // namespace
@@ -59,17 +61,19 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
     const auto requirement = CodeRequirement::parse(service.requirement);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (!requirement || path.size() >= sizeof address.sun_path) {
-        throw failure("The Klarbox helper cannot be asked for in this way.", EINVAL);
+    if (path.size() >= sizeof address.sun_path) {
+        throw systemFailure(Kind::unreachable, "The service cannot be reached", ENAMETOOLONG);
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
     socket_.reset(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     const auto patience = std::chrono::duration_cast<std::chrono::microseconds>(service.patience);
     timeval limit{.tv_sec = patience.count() / 1'000'000, .tv_usec = patience.count() % 1'000'000};
+    // The limit for sending is also the one for connecting.
     if (!socket_ ||
-        ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
-        throw PlatformError::posix(errno);
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0 ||
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+        throw systemFailure(Kind::unreachable, "No connection could be made", errno);
     }
     requestSenders(socket_);
     int connected = 0;
@@ -79,43 +83,43 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
             ::connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
     }
     if (connected != 0) {
-        const int code = errno;
-        throw failure(fmt::format("The Klarbox helper cannot be reached: {}", std::strerror(code)),
-                      code);
+        throw systemFailure(Kind::unreachable, "The service cannot be reached", errno);
     }
 
     std::optional<XPCPacket> welcome;
     try {
         welcome = receivePacket(socket_, XPC::maximumReplySize, true);
     } catch (const PlatformError &error) {
-        throw failure(error.code() == EAGAIN ? "The Klarbox helper does not answer."
-                                             : "The Klarbox helper closed the connection.",
-                      error.code());
+        // Being cut off with unread packets in the way is being turned away too.
+        throw error.code() == ECONNRESET
+            ? XPCError(Kind::turnedAway, EACCES, "The service did not accept this program.")
+            : systemFailure(Kind::unreachable, "The service does not answer", error.code());
     }
     if (!welcome) {
-        throw failure("The Klarbox helper refused this program.", EACCES);
+        throw XPCError(Kind::turnedAway, EACCES, "The service did not accept this program.");
     }
     // The kernel says who speaks; the executable it speaks from is handed over because a user's
     // process may not look into root's.
     if (welcome->sender.uid != service.user || welcome->bytes != XPCPacket::welcome ||
         !welcome->attachment) {
-        throw failure("What answers is not the Klarbox helper.", EACCES);
+        throw XPCError(Kind::unverified, EACCES, "What answers is not the service.");
     }
     servicePID_ = welcome->sender.pid;
     const Code code(std::move(welcome->attachment));
     try {
         information_ = code.signingInformation(service.anchors);
     } catch (const PlatformError &error) {
-        throw failure(
-            fmt::format("The Klarbox helper is not correctly signed: {}", error.message()), EACCES);
+        throw XPCError(Kind::unverified, EACCES,
+                       fmt::format("The service is not correctly signed: {}", error.message()));
     }
-    if (!requirement->isSatisfiedBy(information_)) {
-        throw failure("What answers is not the Klarbox helper but another signed program.", EACCES);
+    if (!requirement || !requirement->isSatisfiedBy(information_)) {
+        throw XPCError(Kind::unverified, EACCES,
+                       "What answers is not the service but another signed program.");
     }
-    // Removing a large folder takes as long as it takes.
+    // A request takes as long as it takes.
     limit = {};
     if (::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
-        throw PlatformError::posix(errno);
+        throw systemFailure(Kind::interrupted, "The connection failed", errno);
     }
 }
 
@@ -125,13 +129,20 @@ std::string XPCConnection::send(std::string_view selector, std::string_view argu
     message += argument;
     unsent_ = true;
     if (message.size() > XPC::maximumMessageSize) {
-        throw failure("The path is too long for the Klarbox helper.", ENAMETOOLONG);
+        throw systemFailure(Kind::interrupted, "The message cannot be sent", EMSGSIZE);
     }
-    sendPacket(socket_, message);
-    unsent_ = false;
-    auto reply = receivePacket(socket_, XPC::maximumReplySize);
+    std::optional<XPCPacket> reply;
+    try {
+        sendPacket(socket_, message);
+        unsent_ = false;
+        reply = receivePacket(socket_, XPC::maximumReplySize);
+    } catch (const PlatformError &error) {
+        throw systemFailure(Kind::interrupted, "The connection to the service failed",
+                            error.code());
+    }
     if (!reply || reply->sender.pid != servicePID_ || reply->sender.uid != serviceUser_) {
-        throw failure("The Klarbox helper closed the connection without an answer.", ECONNRESET);
+        throw XPCError(Kind::interrupted, ECONNRESET,
+                       "The service closed the connection without an answer.");
     }
     return std::move(reply->bytes);
 }

@@ -120,4 +120,9 @@ UniqueFD listen(const FileURL &path, UniqueFD &lock) {
     return socket;
 }
 
+void announceReady() {
+    // Without a service manager there is nobody to tell.
+    static_cast<void>(::sd_notify(1, "READY=1"));
+}
+
 } // namespace klarbox::XPC

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <sys/types.h>
+
+/// What a program does for its own protection when it starts, before it starts a thread.
+namespace klarbox::ProcessSecurity {
+
+/// For an application that is installed set-group-ID: takes the group out of effect, so that files
+/// it makes and programs it starts do not get it, and keeps it aside for the moment of connecting
+/// to the helper. The process stays closed to debuggers and preloaded libraries, as the system made
+/// it when it started it with the group. Nothing for a program without the group. Throws a POSIX
+/// `PlatformError` when the group cannot be put aside.
+void setGroupAside();
+
+/// For a daemon: nothing it makes is accessible to others, and its memory stays small whatever
+/// number of threads it had at some time.
+void prepareDaemon();
+
+/// The group of this name; nothing when the system has none. Throws a POSIX `PlatformError` when
+/// that cannot be told.
+std::optional<gid_t> groupNamed(const char *name);
+
+} // namespace klarbox::ProcessSecurity
