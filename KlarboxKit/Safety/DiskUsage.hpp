@@ -8,15 +8,21 @@
 
 /// Measures the space that files and folders really occupy: blocks allocated on disk, links not
 /// followed, other file systems not entered, every hard-linked file counted once per call.
-/// Never fails: what cannot be read is not counted. Safe from any thread.
+/// A folder that is mounted inside a tree counts by itself, without what it holds; a folder that
+/// cannot be listed likewise; a path that does not exist or is longer than PATH_MAX counts nothing.
+/// Trees may be deeper than that.
+///
+/// Never fails: what cannot be read is not counted. Safe from any thread; long walks are helped by
+/// threads that all callers share.
 namespace klarbox::DiskUsage {
 
-/// Asked whether to stop; empty stands for never. Called on the thread that asked for the size.
+/// Asked whether to stop; empty stands for never. Called on the thread that asked for the size,
+/// with no lock held; what it throws ends the measurement and is passed on.
 using CancellationTest = std::function<bool()>;
 
-/// Bytes allocated to all the trees together. The test is asked once every 2048 visited entries (a
-/// folder is visited twice, before and after what it holds); when it answers yes the size so far is
-/// returned.
+/// Bytes allocated to all the trees together. The test is asked at the 2048th visited entry (a
+/// folder is visited twice, before and after what it holds) and about every 2048 entries from there
+/// on; when it answers yes the size so far is returned.
 std::int64_t allocatedSize(std::span<const FileURL> urls, const CancellationTest &isCancelled = {});
 
 /// The same for one tree.

@@ -1,0 +1,403 @@
+#include "KlarboxKit/Safety/TreeWalk.hpp"
+
+#include "KlarboxKit/Safety/DescriptorGrant.hpp"
+#include "KlarboxKit/Safety/WalkerPool.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <utility>
+
+namespace klarbox {
+
+namespace {
+
+/// Entries visited before the first question whether to stop, and about as many between two.
+constexpr std::int64_t checkInterval = 2048;
+
+/// Entries after which a walker that is not alone brings the shared counter up to date and looks
+/// whether it was stopped: often enough to stop soon, seldom enough not to be felt.
+constexpr std::int64_t sharedInterval = 256;
+
+/// From the kernel's cache an entry takes a microsecond or two. Whoever needs this long waits for
+/// the disk.
+constexpr std::chrono::microseconds slowEntry{20};
+
+/// A folder entered may be replaced by anything between being looked at and being opened: a link is
+/// not followed, and a fifo put in its place does not block.
+constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
+constexpr std::size_t headSize = sizeof(std::uint64_t) + 1;
+
+} // namespace
+
+void EntryList::clear() {
+    bytes_.clear();
+    taken_ = 0;
+    next_ = 0;
+}
+
+void EntryList::append(std::string_view name, std::uint64_t inode, bool isVisited) {
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + headSize + name.size() + 1);
+    char *entry = bytes_.data() + at;
+    std::memcpy(entry, &inode, sizeof inode);
+    entry[sizeof inode] = isVisited ? 1 : 0;
+    std::memcpy(entry + headSize, name.data(), name.size());
+}
+
+EntryList::Entry EntryList::take() {
+    taken_ = next_;
+    next_ = after(next_);
+    const char *entry = bytes_.data() + taken_;
+    Entry taken{entry + headSize, 0, entry[sizeof taken.inode] != 0};
+    std::memcpy(&taken.inode, entry, sizeof taken.inode);
+    return taken;
+}
+
+const char *EntryList::lastTaken() const {
+    return bytes_.data() + taken_ + headSize;
+}
+
+bool EntryList::canSplit(bool keepOne) const {
+    return !empty() && (!keepOne || after(next_) < bytes_.size());
+}
+
+EntryList EntryList::split(bool keepOne) {
+    const std::size_t middle = next_ + (bytes_.size() - next_) / 2;
+    std::size_t cut = keepOne ? after(next_) : next_;
+    while (after(cut) < middle) {
+        cut = after(cut);
+    }
+    EntryList later;
+    later.bytes_.assign(bytes_.begin() + static_cast<std::ptrdiff_t>(cut), bytes_.end());
+    bytes_.resize(cut);
+    return later;
+}
+
+std::size_t EntryList::after(std::size_t position) const {
+    return position + headSize + std::strlen(bytes_.data() + position + headSize) + 1;
+}
+
+TreeWalker::TreeWalker(TreeWalk &walk, Role role)
+    : walk_(walk),
+      role_(role),
+      // Set aside: the first folder, one that is given away, and two for looking upwards.
+      window_(std::max(walk.descriptorsPerWalker, DescriptorGrant::fewest) - 3),
+      interval_(role == Role::owner ? checkInterval : sharedInterval),
+      left_(interval_) {
+    if (role == Role::helper) {
+        pool_ = &WalkerPool::shared();
+        intervalBegan_ = std::chrono::steady_clock::now();
+    }
+}
+
+TreeWalker::~TreeWalker() {
+    walk_.total.fetch_add(total_, std::memory_order_relaxed);
+    walk_.visited.fetch_add(interval_ - left_, std::memory_order_relaxed);
+}
+
+void TreeWalker::run(FolderEntries start) {
+    levels_.resize(std::max<std::size_t>(levels_.size(), 1));
+    levels_[0] = {.at = std::move(start), .isOpen = true, .isListed = true};
+    depth_ = 1;
+    oldestOpen_ = 1;
+    closedPending_ = 0;
+    while (depth_ > 0 && !isStopped_) {
+        auto &level = levels_[depth_ - 1];
+        if (!level.at.entries.empty()) {
+            if (pool_ != nullptr && pool_->wants(walk_)) {
+                share();
+            }
+            const auto entry = level.at.entries.take();
+            if (entry.isVisited) {
+                enter(level.at.device, entry.inode, entry.name);
+            } else if (const auto folder = measure(level, entry.name)) {
+                enter(folder->device, folder->inode, entry.name);
+            }
+        } else if (level.isListed) {
+            leave();
+        } else if (pool_ == nullptr) {
+            listInOrder(level);
+        } else {
+            list(level);
+        }
+    }
+    // What a stop leaves behind is closed now, not when this walker's next start happens to.
+    for (std::size_t index = 0; index < depth_; ++index) {
+        levels_[index].at.folder.reset();
+    }
+}
+
+/// Counts a visit. False when the walk is to stop before the entry is measured.
+bool TreeWalker::visit() {
+    return --left_ > 0 || endInterval();
+}
+
+bool TreeWalker::endInterval() {
+    walk_.visited.fetch_add(interval_, std::memory_order_relaxed);
+    const bool isFirst = pool_ == nullptr;
+    if (role_ == Role::owner) {
+        left_ = interval_; // nothing is counted twice, should the test throw
+        checkCancellation();
+    }
+    if (isFirst) {
+        pool_ = &WalkerPool::shared();
+        pool_->invite();
+        interval_ = sharedInterval;
+    } else {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - intervalBegan_ > slowEntry * interval_) {
+            pool_->reportSlowDisk();
+        }
+    }
+    intervalBegan_ = std::chrono::steady_clock::now();
+    left_ = interval_;
+    if (role_ == Role::helper && walk_.isCancelled &&
+        walk_.ownerIsIdle.load(std::memory_order_relaxed) &&
+        walk_.visited.load(std::memory_order_relaxed) >=
+            walk_.nextCheck.load(std::memory_order_relaxed)) {
+        pool_->wakeOwner(walk_);
+    }
+    isStopped_ = walk_.isStopped.load(std::memory_order_relaxed);
+    return !isStopped_;
+}
+
+void TreeWalker::checkCancellation() {
+    const auto visited = walk_.visited.load(std::memory_order_relaxed);
+    if (visited < walk_.nextCheck.load(std::memory_order_relaxed)) {
+        return;
+    }
+    walk_.nextCheck.store(visited + checkInterval, std::memory_order_relaxed);
+    if (walk_.isCancelled && walk_.isCancelled()) {
+        walk_.isStopped.store(true, std::memory_order_relaxed);
+    }
+}
+
+/// Visits an entry. Answers its status when it is a folder that is to be entered.
+std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *name) {
+    if (!visit()) {
+        return std::nullopt;
+    }
+    const int folder = level.at.folder ? level.at.folder.get() : AT_FDCWD;
+    auto status = FileStatus::of(folder, name);
+    if (!status) {
+        return std::nullopt;
+    }
+    if (!status->isDirectory) {
+        if (status->links <= 1 || walk_.counted.insert({status->device, status->inode})) {
+            total_ += status->allocatedBytes;
+        }
+        return std::nullopt;
+    }
+    total_ += status->allocatedBytes;
+    if (!level.at.folder) {
+        return status; // a given path may lie on any file system
+    }
+    if (status->device != level.at.device) {
+        visit(); // on the way back
+        return std::nullopt;
+    }
+    // A folder can only hold itself where it is mounted, so only there is it worth the look.
+    if (status->mayBeMountRoot && isAncestor(level, *status)) {
+        return std::nullopt;
+    }
+    return status;
+}
+
+/// Whether a folder found in `level` is one of those that lead to it.
+bool TreeWalker::isAncestor(const Level &level, const FileStatus &status) {
+    if (status.inode == level.at.inode && status.device == level.at.device) {
+        return true;
+    }
+    UniqueFD above;
+    int folder = level.at.folder.get();
+    for (std::size_t left = level.at.depth; left > 0; --left) {
+        UniqueFD next(::openat(folder, "..", folderFlags));
+        const auto ancestor = next ? FileStatus::ofOpen(next.get()) : std::nullopt;
+        if (!ancestor) {
+            return true; // not entered rather than walked in circles
+        }
+        if (ancestor->inode == status.inode && ancestor->device == status.device) {
+            return true;
+        }
+        above = std::move(next);
+        folder = above.get();
+    }
+    return false;
+}
+
+/// Readies the next lot to be taken one by one, each folder entered where it stands in the listing.
+void TreeWalker::listInOrder(Level &level) {
+    level.at.entries.clear();
+    level.isListed = !reader_.fill(level.at.folder.get());
+    for (DirectoryEntry entry; reader_.next(entry);) {
+        level.at.entries.append(entry.name, 0, false);
+    }
+}
+
+/// Visits everything in the folder and keeps the folders in it, to be entered later.
+void TreeWalker::list(Level &level) {
+    level.at.entries.clear();
+    bool isFirstLot = true;
+    while (!isStopped_ && reader_.fill(level.at.folder.get())) {
+        DirectoryEntry entry;
+        // A folder that takes several lots is worth more than one walker.
+        if (!isFirstLot && pool_->wants(walk_)) {
+            if (UniqueFD folder{::fcntl(level.at.folder.get(), F_DUPFD_CLOEXEC, 0)}) {
+                FolderEntries lot{.folder = std::move(folder),
+                                  .device = level.at.device,
+                                  .inode = level.at.inode,
+                                  .depth = level.at.depth,
+                                  .entries = {}};
+                while (reader_.next(entry)) {
+                    lot.entries.append(entry.name, 0, false);
+                }
+                pool_->give(walk_, std::move(lot));
+                continue;
+            }
+        }
+        isFirstLot = false;
+        while (!isStopped_ && reader_.next(entry)) {
+            if (const auto folder = measure(level, entry.name)) {
+                level.at.entries.append(entry.name, folder->inode, true);
+            }
+        }
+    }
+    level.isListed = true;
+}
+
+/// Descends into a folder of the deepest level.
+void TreeWalker::enter(std::uint64_t device, std::uint64_t inode, const char *name) {
+    makeRoom(window_);
+    const auto open = [&] {
+        const auto &parent = levels_[depth_ - 1].at.folder;
+        return UniqueFD(::openat(parent ? parent.get() : AT_FDCWD, name, folderFlags));
+    };
+    UniqueFD folder = open();
+    if (!folder && (errno == EMFILE || errno == ENFILE)) {
+        makeRoom(0); // others took more than they were expected to
+        folder = open();
+    }
+    if (!folder) {
+        visit(); // it counts twice all the same
+        return;
+    }
+    const auto &above = levels_[depth_ - 1].at;
+    const std::size_t depth = above.folder ? above.depth + 1 : 0;
+    if (levels_.size() == depth_) {
+        levels_.emplace_back();
+    }
+    auto &level = levels_[depth_++];
+    level.at.folder = std::move(folder);
+    level.at.device = device;
+    level.at.inode = inode;
+    level.at.depth = depth;
+    level.at.entries.clear();
+    level.isOpen = true;
+    level.isListed = false;
+}
+
+/// Goes back from the deepest level to the nearest one that has entries left, or is open.
+void TreeWalker::leave() {
+    UniqueFD child = std::move(levels_[depth_ - 1].at.folder);
+    // The first level is where this walker began: its folder is another walker's to leave.
+    if (--depth_ > 0 && !visit()) {
+        return;
+    }
+    while (depth_ > 0 && !levels_[depth_ - 1].isOpen) {
+        auto &level = levels_[depth_ - 1];
+        if (closedPending_ > 0) {
+            child = reopen(depth_ - 1, child);
+            if (!level.at.entries.empty()) {
+                --closedPending_;
+                if (child) {
+                    level.at.folder = std::move(child);
+                    level.isOpen = true;
+                    break;
+                }
+            }
+        }
+        --depth_;
+        if (!visit()) {
+            return;
+        }
+    }
+    oldestOpen_ = std::min(oldestOpen_, std::max<std::size_t>(depth_, 2) - 1);
+}
+
+/// Closes the folders furthest up until one more can be opened with at most `window` in use. The
+/// first and the deepest stay open.
+void TreeWalker::makeRoom(std::size_t window) {
+    while (oldestOpen_ + 1 < depth_ && depth_ - oldestOpen_ + 1 > window) {
+        close(levels_[oldestOpen_++]);
+    }
+}
+
+void TreeWalker::close(Level &level) {
+    // A listing cannot be taken up again where it was left, so its rest is kept.
+    while (!level.isListed) {
+        level.isListed = !reader_.fill(level.at.folder.get());
+        for (DirectoryEntry entry; reader_.next(entry);) {
+            level.at.entries.append(entry.name, 0, false);
+        }
+    }
+    if (!level.at.entries.empty()) {
+        ++closedPending_;
+    }
+    level.at.folder.reset();
+    level.isOpen = false;
+}
+
+/// Opens a closed level again: upwards from the level below it, or, when that was moved elsewhere
+/// in the meantime, downwards by the names that led there. None when it is no longer there.
+UniqueFD TreeWalker::reopen(std::size_t index, const UniqueFD &child) const {
+    const auto isIt = [&](const UniqueFD &folder) {
+        const auto status = folder ? FileStatus::ofOpen(folder.get()) : std::nullopt;
+        return status && status->inode == levels_[index].at.inode &&
+               status->device == levels_[index].at.device;
+    };
+    if (child) {
+        UniqueFD above(::openat(child.get(), "..", folderFlags));
+        if (isIt(above)) {
+            return above;
+        }
+    }
+    UniqueFD folder;
+    int from = levels_[0].at.folder ? levels_[0].at.folder.get() : AT_FDCWD;
+    for (std::size_t above = 0; above < index; ++above) {
+        folder = UniqueFD(::openat(from, levels_[above].at.entries.lastTaken(), folderFlags));
+        if (!folder) {
+            return {};
+        }
+        from = folder.get();
+    }
+    return isIt(folder) ? std::move(folder) : UniqueFD();
+}
+
+/// Gives away half of what is left of the open folder furthest up: the largest piece at hand.
+void TreeWalker::share() {
+    for (std::size_t index = 0; index < depth_; index = std::max(index + 1, oldestOpen_)) {
+        auto &level = levels_[index].at;
+        const bool isDeepest = index + 1 == depth_;
+        if (!level.entries.canSplit(isDeepest)) {
+            continue;
+        }
+        UniqueFD folder;
+        if (level.folder) {
+            folder = UniqueFD(::fcntl(level.folder.get(), F_DUPFD_CLOEXEC, 0));
+            if (!folder) {
+                return;
+            }
+        }
+        pool_->give(walk_, {.folder = std::move(folder),
+                            .device = level.device,
+                            .inode = level.inode,
+                            .depth = level.depth,
+                            .entries = level.entries.split(isDeepest)});
+        return;
+    }
+}
+
+} // namespace klarbox
