@@ -44,4 +44,13 @@ std::int64_t requiredInteger(const JSON &record, std::string_view key) {
     return number.get<std::int64_t>();
 }
 
+const std::string &requiredString(const JSON &record, std::string_view key) {
+    const auto &text = requiredMember(record, key);
+    if (!text.is_string()) {
+        throw PlatformError::cocoa(PlatformError::coderReadCorrupt,
+                                   fmt::format("\"{}\" must be a text", key));
+    }
+    return text.get_ref<const std::string &>();
+}
+
 } // namespace klarbox

@@ -18,9 +18,10 @@ JSON parseJSON(std::string_view bytes);
 /// offending bytes replaced by U+FFFD.
 std::string encodeJSON(const JSON &value, int indent = -1);
 
-/// The member of an object; its value as a whole number that fits 64 bits. Both throw a
-/// `PlatformError` that names the key when it is missing or of the wrong type.
+/// The member of an object; its value as a whole number that fits 64 bits, or as a text. All throw
+/// a `PlatformError` that names the key when it is missing or of the wrong type.
 const JSON &requiredMember(const JSON &record, std::string_view key);
 std::int64_t requiredInteger(const JSON &record, std::string_view key);
+const std::string &requiredString(const JSON &record, std::string_view key);
 
 } // namespace klarbox

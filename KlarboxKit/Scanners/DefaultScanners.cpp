@@ -4,6 +4,8 @@
 #include "KlarboxKit/Scanners/AISessionsScanner.hpp"
 #include "KlarboxKit/Scanners/BrokenLaunchAgentsScanner.hpp"
 #include "KlarboxKit/Scanners/BrokenPreferencesScanner.hpp"
+#include "KlarboxKit/Scanners/DockerScanner.hpp"
+#include "KlarboxKit/Scanners/HomebrewScanner.hpp"
 #include "KlarboxKit/Scanners/InstallersScanner.hpp"
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 #include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
@@ -11,6 +13,7 @@
 #include "KlarboxKit/Scanners/PackageCachesScanner.hpp"
 #include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
 #include "KlarboxKit/Scanners/SimulatorDyldCacheScanner.hpp"
+#include "KlarboxKit/Scanners/SimulatorsScanner.hpp"
 #include "KlarboxKit/Scanners/SystemCachesScanner.hpp"
 #include "KlarboxKit/Scanners/SystemCrashReportsScanner.hpp"
 #include "KlarboxKit/Scanners/SystemLogsScanner.hpp"
@@ -31,9 +34,12 @@ ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumes
         std::make_shared<SystemLogsScanner>(roots.libraryLogs, roots.systemLogs),
         std::make_shared<SystemCrashReportsScanner>(roots.diagnosticReports),
         std::make_shared<XcodeScanner>(),
+        std::make_shared<SimulatorsScanner>(),
         std::make_shared<SimulatorDyldCacheScanner>(roots.simulatorDyldCaches),
         std::make_shared<PackageCachesScanner>(),
         std::make_shared<ProjectArtifactsScanner>(),
+        std::make_shared<DockerScanner>(),
+        std::make_shared<HomebrewScanner>(),
         std::make_shared<AISessionsScanner>(),
         std::make_shared<OrphanedContainersScanner>(mainBundleIdentifier()),
         std::make_shared<BrokenPreferencesScanner>(),

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include <fmt/format.h>
+
 namespace klarbox::ScannerSupport {
 
 std::optional<std::int64_t> offeredSize(std::span<const FileURL> urls, const ScanContext &context,
@@ -93,6 +95,11 @@ std::optional<PropertyList> dictionary(const FileURL &file) {
     } catch (const PlatformError &) {
         return std::nullopt;
     }
+}
+
+std::string firstOf(std::span<const std::string> names, std::size_t limit) {
+    return fmt::format("{}{}", fmt::join(names.first(std::min(limit, names.size())), ", "),
+                       names.size() > limit ? ", ..." : "");
 }
 
 void sortLargestFirst(std::vector<KlarboxItem> &items) {

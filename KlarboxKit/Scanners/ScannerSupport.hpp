@@ -66,6 +66,9 @@ CacheTraits cacheTraits(std::string_view name, const ScanContext &context,
 /// the file cannot be read or is no property list.
 std::optional<PropertyList> dictionary(const FileURL &file);
 
+/// The first `limit` names joined by ", ", followed by ", ..." when there are more.
+std::string firstOf(std::span<const std::string> names, std::size_t limit);
+
 /// Sorts by size, largest first; equal sizes keep their order.
 void sortLargestFirst(std::vector<KlarboxItem> &items);
 

@@ -1,0 +1,110 @@
+#include "KlarboxKit/Scanners/SimulatorsScanner.hpp"
+
+#include "KlarboxKit/Platform/JSON.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Scanners/ScannerSupport.hpp"
+#include "KlarboxKit/Scanning/CategoryCatalog.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+
+#include <fmt/format.h>
+
+namespace klarbox {
+
+namespace {
+
+/// Longest listing that is decoded, in bytes: some 30,000 devices.
+constexpr std::size_t maximumListing = std::size_t{16} << 20;
+
+} // namespace
+
+std::vector<FileURL> SimulatorsScanner::standardDeveloperTools() {
+    return {
+        FileURL("/Library/Developer/CommandLineTools/usr/bin/simctl"),
+        FileURL("/Applications/Xcode.app"),
+        FileURL("/Applications/Xcode-beta.app"),
+    };
+}
+
+std::vector<SimulatorsScanner::Device>
+SimulatorsScanner::parseUnavailable(std::string_view listing) {
+    if (listing.size() > maximumListing) {
+        return {};
+    }
+    std::vector<Device> devices;
+    try {
+        const auto record = parseJSON(listing);
+        const auto &runtimes = requiredMember(record, "devices");
+        if (!runtimes.is_object()) {
+            return {};
+        }
+        std::map<std::string_view, const JSON *> sorted;
+        for (const auto &[identifier, list] : runtimes.items()) {
+            sorted.insert_or_assign(identifier, &list);
+        }
+        for (const auto &[identifier, list] : sorted) {
+            if (!list->is_array()) {
+                return {};
+            }
+            for (const auto &device : *list) {
+                devices.push_back({requiredString(device, "name"), requiredString(device, "udid"),
+                                   requiredString(device, "dataPath")});
+            }
+        }
+    } catch (const PlatformError &) {
+        return {}; // whatever this is, it is no listing to offer removals from
+    }
+    return devices;
+}
+
+const CategoryInfo &SimulatorsScanner::info() const {
+    return CategoryCatalog::simulators();
+}
+
+bool SimulatorsScanner::isRelevant(const ScanContext &context) const {
+    return FileManager::exists(context.homePath("Library/Developer/CoreSimulator/Devices")) &&
+           std::ranges::any_of(developerTools_, FileManager::exists);
+}
+
+CategoryScan SimulatorsScanner::scan(const ScanContext &context, std::stop_token stop) const {
+    CategoryScan scan{.info = info()};
+    const auto tool = context.environment.locateTool("xcrun");
+    if (!tool) {
+        return scan;
+    }
+    const auto listing =
+        context.environment.runner->run({*tool, {"simctl", "list", "devices", "unavailable", "-j"}},
+                                        std::chrono::seconds(60), stop);
+    if (!listing.succeeded()) {
+        return scan;
+    }
+    const auto devices = parseUnavailable(listing.output);
+    std::vector<std::string> names;
+    std::vector<FileURL> folders;
+    for (const auto &device : devices) {
+        names.push_back(device.name);
+        // A relative path would be measured wherever this process happens to be.
+        if (device.dataPath.starts_with('/')) {
+            folders.push_back(FileURL(device.dataPath).parent());
+        }
+    }
+    const auto size = DiskUsage::allocatedSize(folders, [&] { return stop.stop_requested(); });
+    if (devices.empty() || size < context.minimumSize) {
+        return scan;
+    }
+    scan.items.push_back({
+        .id = info().id + ":unavailable",
+        .title =
+            fmt::format("{} unavailable simulator{}", names.size(), names.size() == 1 ? "" : "s"),
+        .detail = ScannerSupport::firstOf(names, 4),
+        .target = KlarboxTarget::command({*tool, {"simctl", "delete", "unavailable"}}),
+        .size = size,
+        .tier = SafetyTier::safe,
+    });
+    return scan;
+}
+
+} // namespace klarbox
