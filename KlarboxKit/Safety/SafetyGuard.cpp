@@ -1,0 +1,189 @@
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
+
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <span>
+#include <vector>
+
+namespace klarbox {
+
+namespace {
+
+using Components = std::vector<std::string>;
+
+constexpr std::array<std::string_view, 34> systemProtectedPaths{
+    "/",
+    "/System",
+    "/Library",
+    "/Applications",
+    "/Users",
+    "/Users/Shared",
+    "/Volumes",
+    "/usr",
+    "/bin",
+    "/sbin",
+    "/opt",
+    "/opt/homebrew",
+    "/etc",
+    "/var",
+    "/tmp",
+    "/cores",
+    "/private",
+    "/private/var",
+    "/private/etc",
+    "/private/tmp",
+    "/private/var/folders",
+    "/Library/Caches",
+    "/Library/Logs",
+    "/Library/Application Support",
+    "/Library/Preferences",
+    "/Library/LaunchAgents",
+    "/Library/LaunchDaemons",
+    "/Library/PrivilegedHelperTools",
+    "/Library/Developer",
+    "/Library/Developer/CoreSimulator",
+    "/private/var/log",
+    "/Library/Logs/DiagnosticReports",
+    "/Library/Developer/CoreSimulator/Caches",
+    "/Library/Developer/CoreSimulator/Caches/dyld",
+};
+
+/// Relative to the home folder; the empty path is the home folder itself.
+constexpr std::array<std::string_view, 40> homeProtectedPaths{
+    "",
+    "Desktop",
+    "Documents",
+    "Downloads",
+    "Movies",
+    "Music",
+    "Pictures",
+    "Public",
+    "Applications",
+    "Developer",
+    "Projects",
+    ".Trash",
+    "Library",
+    "Library/Application Support",
+    "Library/Caches",
+    "Library/Logs",
+    "Library/Preferences",
+    "Library/Containers",
+    "Library/Group Containers",
+    "Library/Mobile Documents",
+    "Library/Mobile Documents/com~apple~CloudDocs",
+    "Library/CloudStorage",
+    "Library/LaunchAgents",
+    "Library/Mail",
+    "Library/Messages",
+    "Library/Keychains",
+    "Library/Developer",
+    "Library/Developer/Xcode",
+    "Library/Developer/CoreSimulator",
+    "Library/Developer/CoreSimulator/Devices",
+    ".ssh",
+    ".gnupg",
+    ".config",
+    ".local",
+    ".local/share",
+    ".cache",
+    ".npm",
+    ".gradle",
+    ".cargo",
+    ".rustup",
+};
+
+bool isInside(const Components &candidate, const Components &parent) {
+    return parent.size() < candidate.size() &&
+           std::ranges::equal(parent, std::span(candidate).first(parent.size()));
+}
+
+Components components(const FileURL &url) {
+    return Text::foldedPathComponents(url.path());
+}
+
+} // namespace
+
+SafetyGuard::SafetyGuard(const FileURL &homeDirectory) {
+    const auto home = canonicalPath(homeDirectory.path());
+    std::vector<std::string> listed(systemProtectedPaths.begin(), systemProtectedPaths.end());
+    for (const auto entry : homeProtectedPaths) {
+        listed.push_back(entry.empty() ? home : home + "/" + std::string(entry));
+    }
+    for (const auto &path : listed) {
+        const auto lowered = Text::lowercased(path);
+        protectedPaths_.insert(lowered);
+        // A listed folder may be a link: then what it leads to is protected as well, by whichever
+        // spelling this file system knows the link.
+        protectedPaths_.insert(Text::lowercased(canonicalPath(lowered)));
+        protectedPaths_.insert(Text::lowercased(canonicalPath(path)));
+    }
+}
+
+FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
+    const auto refuse = [](SafetyViolation violation) { throw SafetyRefusal(violation); };
+
+    const auto resolvedRoot = FileManager::realPath(root.path());
+    if (!resolvedRoot) {
+        refuse(SafetyViolation::notFound);
+    }
+    const auto standardized = url.standardized();
+    const auto name = standardized.lastComponent();
+    if (name.empty() || name == "/" || name == "." || name == "..") {
+        refuse(SafetyViolation::isRoot);
+    }
+    const auto resolvedParent = FileManager::realPath(standardized.parent().path());
+    if (!resolvedParent) {
+        refuse(SafetyViolation::notFound);
+    }
+    // The last component stays unresolved: a link is removed itself, never what it leads to.
+    const auto candidate = FileURL(*resolvedParent).appending(name);
+    const auto type = FileManager::type(candidate);
+    if (!type) {
+        refuse(SafetyViolation::notFound);
+    }
+
+    const auto candidateComponents = components(candidate);
+    const auto rootComponents = Text::foldedPathComponents(*resolvedRoot);
+    if (candidateComponents == rootComponents) {
+        refuse(SafetyViolation::isRoot);
+    }
+    if (!klarbox::isInside(candidateComponents, rootComponents)) {
+        const auto written = components(standardized);
+        const bool claimsInside = klarbox::isInside(written, components(root.standardized())) ||
+                                  klarbox::isInside(written, rootComponents);
+        refuse(claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot);
+    }
+    if (std::ranges::find(candidateComponents, ".git") != candidateComponents.end()) {
+        refuse(SafetyViolation::insideGitDirectory);
+    }
+    if (protectedPaths_.contains(Text::lowercased(candidate.path()))) {
+        refuse(SafetyViolation::protectedLocation);
+    }
+    return FileURL(candidate.path(), *type == FileManager::FileType::directory);
+}
+
+bool SafetyGuard::isProtected(const FileURL &url) const {
+    const auto path = Text::lowercased(canonicalPath(url.standardized().path()));
+    if (protectedPaths_.contains(path)) {
+        return true;
+    }
+    const auto pieces = Text::foldedPathComponents(path);
+    return pieces.size() == 2 && pieces.front() == "volumes";
+}
+
+std::string SafetyGuard::canonicalPath(std::string_view path) {
+    if (auto resolved = FileManager::realPath(path)) {
+        return *std::move(resolved);
+    }
+    return FileURL(path).standardized().path();
+}
+
+bool SafetyGuard::isInside(std::string_view candidate, std::string_view parent) {
+    return klarbox::isInside(Text::foldedPathComponents(candidate),
+                             Text::foldedPathComponents(parent));
+}
+
+} // namespace klarbox
