@@ -103,7 +103,9 @@ std::string manifest(const FileURL &folder) {
             throw std::system_error(errno, std::generic_category(), entry.path());
         }
         std::string content;
-        if (S_ISLNK(st.st_mode)) {
+        if (S_ISDIR(st.st_mode)) {
+            content = "directory";
+        } else if (S_ISLNK(st.st_mode)) {
             content = fs::read_symlink(entry.path()).string();
         } else if (S_ISREG(st.st_mode)) {
             std::ifstream file(entry.path(), std::ios::binary);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "KlarboxCLI/ScanOptions.hpp"
+
+#include <string>
+#include <vector>
+
+namespace klarbox {
+
+class Interrupt;
+
+/// What `klarbox clean` is told on the command line.
+struct CleanOptions {
+    ScanOptions scan;
+    bool permanent = false;         ///< delete instead of moving to the Trash
+    bool defaultSelection = false;  ///< select what starts out selected
+    std::vector<std::string> items; ///< select these identifiers
+    bool yes = false;               ///< do not ask
+    bool dryRun = false;            ///< touch nothing
+};
+
+/// `klarbox clean`: scans, takes a selection, cleans it, prints the report. Returns the exit code;
+/// throws `UsageError`, with nothing touched.
+int runClean(const CleanOptions &options, Interrupt &interrupt);
+
+} // namespace klarbox

@@ -1,0 +1,87 @@
+#include "KlarboxCLI/Interrupt.hpp"
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <unistd.h>
+
+namespace klarbox {
+
+namespace {
+
+/// How long running tools get to hear that they are no longer wanted.
+constexpr auto grace = std::chrono::milliseconds(50);
+
+/// SIGINT and SIGTERM, but for those that whoever started this process had it ignore (as a shell
+/// does for a job in the background).
+sigset_t watchedSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        struct sigaction action {};
+        if (::sigaction(signal, nullptr, &action) != 0 || action.sa_handler != SIG_IGN) {
+            sigaddset(&signals, signal);
+        }
+    }
+    return signals;
+}
+
+/// Wakes the watcher when it is to quit; sent to that thread alone.
+constexpr int wakeUp = SIGUSR1;
+
+} // namespace
+
+Interrupt::Interrupt() {
+    auto signals = watchedSignals();
+    sigaddset(&signals, wakeUp);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    watcher_ = std::jthread([this](const std::stop_token &quit) { watch(quit); });
+}
+
+Interrupt::~Interrupt() {
+    watcher_.request_stop();
+    ::pthread_kill(watcher_.native_handle(), wakeUp);
+}
+
+Interrupt::Hook::Hook(Interrupt &interrupt, std::function<void()> tidyUp) : interrupt_(interrupt) {
+    const std::lock_guard lock(interrupt_.mutex_);
+    interrupt_.tidyUp_ = std::move(tidyUp);
+}
+
+Interrupt::Hook::~Hook() {
+    const std::lock_guard lock(interrupt_.mutex_);
+    interrupt_.tidyUp_ = nullptr;
+}
+
+void Interrupt::finishWorkFirst() {
+    finishesWorkFirst_ = true;
+}
+
+void Interrupt::watch(const std::stop_token &quit) {
+    auto signals = watchedSignals();
+    sigaddset(&signals, wakeUp);
+    for (;;) {
+        int signal = 0;
+        if (::sigwait(&signals, &signal) != 0 || (signal == wakeUp && !quit.stop_requested())) {
+            continue;
+        }
+        if (quit.stop_requested()) {
+            return;
+        }
+        const bool isSecond = source_.stop_requested();
+        source_.request_stop();
+        {
+            const std::lock_guard lock(mutex_);
+            if (tidyUp_) {
+                tidyUp_();
+            }
+        }
+        if (!finishesWorkFirst_ || isSecond) {
+            std::this_thread::sleep_for(grace);
+            // Other threads are in the middle of reading; nobody waits for what they would find.
+            ::_exit(128 + signal);
+        }
+    }
+}
+
+} // namespace klarbox

@@ -1,0 +1,30 @@
+#include "KlarboxCLI/ScanCommand.hpp"
+
+#include "KlarboxCLI/Interrupt.hpp"
+#include "KlarboxCLI/ProgressLine.hpp"
+#include "KlarboxCLI/ScanDocument.hpp"
+#include "KlarboxCLI/ScanSession.hpp"
+#include "KlarboxCLI/ScanTable.hpp"
+#include "KlarboxCLI/UsageError.hpp"
+
+namespace klarbox {
+
+int runScan(const ScanOptions &options, Interrupt &interrupt) {
+    const ScanSession session(options);
+    const auto progressStyle = OutputStyle::of(stderr, options.color);
+    ProgressLine progress(progressStyle, progressStyle.isTerminal && !options.noProgress);
+    const Interrupt::Hook hook(interrupt, [&] { progress.close(); });
+
+    const auto scans = session.scan(progress, interrupt.token());
+    if (interrupt.wasRequested()) {
+        return ExitCode::interrupted;
+    }
+    if (options.json) {
+        write(stdout, encodeJSON(scanDocument(scans), 2) + "\n");
+    } else {
+        write(stdout, scanTable(scans, {.style = OutputStyle::of(stdout, options.color)}));
+    }
+    return ExitCode::done;
+}
+
+} // namespace klarbox

@@ -1,0 +1,195 @@
+#include "KlarboxCLI/ScanSession.hpp"
+
+#include "KlarboxCLI/DisplayText.hpp"
+#include "KlarboxCLI/EnvironmentFile.hpp"
+#include "KlarboxCLI/LiveEnvironment.hpp"
+#include "KlarboxCLI/SettingsStore.hpp"
+#include "KlarboxCLI/UsageError.hpp"
+#include "KlarboxKit/Commands/SizeText.hpp"
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Scanners/DefaultScanners.hpp"
+#include "KlarboxKit/Scanning/CategoryCatalog.hpp"
+#include "KlarboxKit/Scanning/ScanCoordinator.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <mutex>
+#include <utility>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace klarbox {
+
+namespace {
+
+constexpr std::size_t largestEnvironmentFile = 64 << 20;
+
+/// The folder that an option names. A path through ".." is resolved on the disk, as a shell would:
+/// folding it as text would lead elsewhere when a link comes before it.
+FileURL folder(std::string_view option, const std::string &path) {
+    if (path.empty()) {
+        throw UsageError(fmt::format("{}: the folder's name is empty", option));
+    }
+    FileURL url(path, true);
+    if (!FileManager::isDirectory(url)) {
+        throw UsageError(fmt::format("{}: {} is not a folder", option, Text::visible(path)));
+    }
+    if (const auto resolved = FileManager::realPath(url.path());
+        resolved && (url.path() + "/").find("/../") != std::string::npos) {
+        return FileURL(*resolved, true);
+    }
+    return url.standardized();
+}
+
+ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerList all) {
+    for (const auto &id : categories) {
+        if (std::ranges::none_of(all,
+                                 [&](const auto &scanner) { return scanner->info().id == id; })) {
+            std::vector<std::string> known;
+            for (const auto &info : CategoryCatalog::all()) {
+                known.push_back(info.id);
+            }
+            throw UsageError(fmt::format("unknown category '{}'; the categories are {}",
+                                         Text::visible(id), fmt::join(known, ", ")));
+        }
+    }
+    if (!categories.empty()) {
+        std::erase_if(all, [&](const auto &scanner) {
+            return std::ranges::find(categories, scanner->info().id) == categories.end();
+        });
+    }
+    return all;
+}
+
+ScanEnvironment environment(const FileURL &home, const std::string &file) {
+    if (file.empty()) {
+        return liveEnvironment(home);
+    }
+    try {
+        return environmentFromFile(FileManager::contents(FileURL(file), largestEnvironmentFile),
+                                   liveEnvironment(home));
+    } catch (const PlatformError &error) {
+        throw UsageError(fmt::format("environment file {}: {}", Text::visible(file),
+                                     Text::visible(error.message())));
+    }
+}
+
+/// What is going on during a scan, drawn whenever it changes.
+class ScanMeter {
+public:
+    explicit ScanMeter(ProgressLine &line) : line_(line) {}
+
+    void began(const CategoryInfo &info) {
+        const std::lock_guard lock(mutex_);
+        running_.push_back(info.title);
+        draw();
+    }
+
+    void ended(const CategoryScan &scan) {
+        const std::lock_guard lock(mutex_);
+        std::erase(running_, scan.info.title);
+        found_ = saturatingAdd(found_, scan.totalSize());
+        draw();
+    }
+
+    void report(const ScanProgress &progress) {
+        const std::lock_guard lock(mutex_);
+        completed_ = progress.completed;
+        total_ = progress.total;
+        draw();
+    }
+
+private:
+    void draw() {
+        line_.show(fmt::format("Scanning: {} of {} done, {} found · {}", completed_, total_,
+                               DisplayText::size(found_), fmt::join(running_, ", ")));
+    }
+
+    ProgressLine &line_;
+    std::mutex mutex_;
+    std::vector<std::string> running_;
+    std::int64_t completed_ = 0;
+    std::int64_t total_ = 0;
+    std::int64_t found_ = 0;
+};
+
+/// A scanner whose beginning and end are seen by a meter.
+class MeteredScanner final : public CategoryScanner {
+public:
+    MeteredScanner(std::shared_ptr<const CategoryScanner> base, ScanMeter &meter)
+        : base_(std::move(base)),
+          meter_(meter) {}
+
+    const CategoryInfo &info() const override { return base_->info(); }
+    bool isRelevant(const ScanContext &context) const override {
+        return base_->isRelevant(context);
+    }
+    CategoryScan scan(const ScanContext &context, std::stop_token stop) const override {
+        meter_.began(info());
+        auto scan = base_->scan(context, std::move(stop));
+        meter_.ended(scan);
+        return scan;
+    }
+
+private:
+    std::shared_ptr<const CategoryScanner> base_;
+    ScanMeter &meter_;
+};
+
+} // namespace
+
+std::int64_t parseMinimumSize(const std::string &text) {
+    std::int64_t plain = 0;
+    const auto *end = text.data() + text.size();
+    if (const auto [stop, error] = std::from_chars(text.data(), end, plain);
+        error == std::errc() && stop == end && plain >= 0) {
+        return plain;
+    }
+    const auto bytes = SizeText::bytes(text, 1000);
+    if (!bytes || *bytes < 0) {
+        throw UsageError(fmt::format("--minimum-size: '{}' is not a size such as 0, 500kB or 1MB",
+                                     Text::visible(text)));
+    }
+    return *bytes;
+}
+
+ScanSession::ScanSession(const ScanOptions &options)
+    : roots_(PrivilegedRoots::below(folder("--disk", options.disk))),
+      scanners_(scannersNamed(
+          options.categories,
+          defaultScanners(roots_, folder("--disk", options.disk).appending("Volumes", true)))),
+      context_{
+          .home =
+              options.home.empty() ? FileManager::homeDirectory() : folder("--home", options.home),
+          .settings = options.settingsFile.empty()
+                          ? SettingsStore::loadOrFirstRun(SettingsStore::defaultLocation())
+                          : SettingsStore::load(FileURL(options.settingsFile)),
+          .environment = {},
+          .minimumSize = parseMinimumSize(options.minimumSize),
+      } {
+    if (!FileManager::isDirectory(context_.home)) {
+        throw UsageError(
+            fmt::format("the home folder {} is not a folder", Text::visible(context_.home.path())));
+    }
+    context_.environment = environment(context_.home, options.environmentFile);
+}
+
+std::vector<CategoryScan> ScanSession::scan(ProgressLine &progress, std::stop_token stop) const {
+    ScanMeter meter(progress);
+    ScannerList metered;
+    for (const auto &scanner : scanners_) {
+        metered.push_back(std::make_shared<MeteredScanner>(scanner, meter));
+    }
+    auto scans = ScanCoordinator(std::move(metered))
+                     .scan(
+                         context_, [&](const ScanProgress &report) { meter.report(report); },
+                         std::move(stop));
+    progress.clear();
+    return scans;
+}
+
+} // namespace klarbox

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "KlarboxCLI/Interrupt.hpp"
+#include "KlarboxCLI/ProgressLine.hpp"
+#include "KlarboxCLI/ScanOptions.hpp"
+#include "KlarboxKit/Helper/PrivilegedRoots.hpp"
+#include "KlarboxKit/Model/CategoryScan.hpp"
+#include "KlarboxKit/Scanning/CategoryScanner.hpp"
+#include "KlarboxKit/Scanning/ScanContext.hpp"
+
+#include <memory>
+#include <vector>
+
+namespace klarbox {
+
+/// Everything that a scan needs, made from the options: input is read and checked here, before
+/// anything is looked at.
+class ScanSession {
+public:
+    /// Throws `UsageError` for a home that is no folder, an unreadable or wrong settings or
+    /// environment file, a wrong size, an unknown category.
+    explicit ScanSession(const ScanOptions &options);
+
+    const ScanContext &context() const { return context_; }
+    const PrivilegedRoots &roots() const { return roots_; }
+
+    /// Scans, showing on `progress` which categories run, how many are done and what was found so
+    /// far. Blocks.
+    std::vector<CategoryScan> scan(ProgressLine &progress, std::stop_token stop) const;
+
+private:
+    PrivilegedRoots roots_;
+    ScannerList scanners_;
+    ScanContext context_;
+};
+
+} // namespace klarbox

@@ -1,0 +1,216 @@
+#include "KlarboxCLI/ScanTable.hpp"
+
+#include "KlarboxCLI/DisplayText.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <algorithm>
+#include <optional>
+
+#include <fmt/format.h>
+
+namespace klarbox {
+
+namespace {
+
+constexpr std::size_t markWidth = 3;
+constexpr std::size_t sizeWidth = 9;
+constexpr std::size_t tierWidth = 8;
+constexpr std::size_t gap = 2;
+constexpr std::size_t widestTitle = 44;
+constexpr std::string_view needsHelper = "Removed by the Klarbox helper, permanently.";
+/// On a terminal narrower than this lines wrap; fitting them would leave nothing to read.
+constexpr std::size_t narrowest = 50;
+
+std::vector<const KlarboxItem *> largestFirst(const CategoryScan &scan) {
+    std::vector<const KlarboxItem *> items;
+    for (const auto &item : scan.items) {
+        items.push_back(&item);
+    }
+    std::ranges::stable_sort(items, std::greater{}, [](const auto *item) { return item->size; });
+    return items;
+}
+
+class TableWriter {
+public:
+    TableWriter(const std::vector<CategoryScan> &scans, const ScanTableOptions &options)
+        : scans_(scans),
+          style_(options.style),
+          width_(style_.width == 0 ? 0 : std::max(style_.width, narrowest)) {
+        const auto total = numberedItems(scans).size();
+        numberWidth_ = options.numbered ? std::to_string(total).size() + gap : 0;
+        for (const auto &scan : scans) {
+            for (const auto &item : scan.items) {
+                titleWidth_ = std::max(titleWidth_, Text::displayWidth(Text::visible(item.title)));
+            }
+        }
+        titleWidth_ = std::min(titleWidth_, widestTitle);
+        if (width_ != 0) {
+            titleWidth_ = std::min(titleWidth_, (width_ - textColumn()) / 2);
+        }
+    }
+
+    std::string write() {
+        std::optional<ScanSection> section;
+        std::string empty;
+        for (const auto &scan : scans_) {
+            if (scan.items.empty() && scan.issues.empty()) {
+                empty += (empty.empty() ? "" : ", ") + scan.info.title;
+                continue;
+            }
+            if (section != scan.info.section) {
+                section = scan.info.section;
+                line(style_.bold(DisplayText::section(*section)));
+                line("");
+            }
+            writeCategory(scan);
+        }
+        if (!empty.empty()) {
+            paragraph("Nothing to clean in: " + empty + ".", 0);
+            line("");
+        }
+        writeTotal();
+        return std::move(text_);
+    }
+
+private:
+    /// Where titles, details and notes begin.
+    std::size_t textColumn() const {
+        return gap + numberWidth_ + markWidth + gap + sizeWidth + gap + tierWidth + gap;
+    }
+
+    void line(std::string_view content) { text_.append(content).append("\n"); }
+
+    void paragraph(std::string_view content, std::size_t indent) {
+        const auto room = width_ == 0 ? 0 : width_ - indent;
+        for (const auto &piece : DisplayText::wrapped(content, room)) {
+            line(std::string(indent, ' ') + style_.dim(piece));
+        }
+    }
+
+    void writeCategory(const CategoryScan &scan) {
+        auto heading = style_.bold(scan.info.title);
+        if (!scan.items.empty()) {
+            heading += fmt::format(" · {} in {}", DisplayText::size(scan.totalSize()),
+                                   DisplayText::count(scan.items.size(), "item"));
+        }
+        line(heading);
+        // Said once where it holds for all.
+        const bool allNeedHelper =
+            !scan.items.empty() &&
+            std::ranges::all_of(scan.items, &KlarboxItem::requiresPrivileges);
+        if (allNeedHelper) {
+            paragraph(needsHelper, gap);
+        }
+        for (const auto *item : largestFirst(scan)) {
+            writeItem(*item, item->requiresPrivileges && !allNeedHelper);
+        }
+        for (const auto &issue : scan.issues) {
+            const auto room = width_ == 0 ? 0 : width_ - 4;
+            std::string_view lead = "  ! ";
+            for (const auto &piece : DisplayText::wrapped(DisplayText::issue(issue), room)) {
+                line(style_.yellow(std::string(lead) + piece));
+                lead = "    ";
+            }
+        }
+        line("");
+    }
+
+    void writeItem(const KlarboxItem &item, bool saysHelper) {
+        std::string row(gap, ' ');
+        if (numberWidth_ > 0) {
+            row += DisplayText::leftAligned(
+                DisplayText::rightAligned(std::to_string(++number_), numberWidth_ - gap),
+                numberWidth_);
+        }
+        row += item.isSelectedByDefault ? style_.green("[x]") : "[ ]";
+        row += std::string(gap, ' ');
+        row += DisplayText::rightAligned(DisplayText::size(item), sizeWidth);
+        row += std::string(gap, ' ');
+        const auto tier = DisplayText::leftAligned(DisplayText::tier(item.tier), tierWidth);
+        row += item.tier == SafetyTier::review ? style_.yellow(tier) : tier;
+        row += std::string(gap, ' ');
+
+        auto title = Text::visible(item.title);
+        if (width_ != 0) {
+            title = Text::middleTruncated(title, titleWidth_);
+        }
+        const auto detail = item.detail ? Text::visible(*item.detail) : std::string();
+        if (detail.empty() || detail == title) {
+            row += title;
+        } else {
+            row += DisplayText::leftAligned(title, titleWidth_) + std::string(gap, ' ');
+            const auto used = textColumn() + std::max(titleWidth_, Text::displayWidth(title)) + gap;
+            row += style_.dim(width_ == 0 ? detail : Text::middleTruncated(detail, width_ - used));
+        }
+        line(row);
+        if (const auto facts = remarks(item, saysHelper); !facts.empty()) {
+            paragraph(facts, textColumn());
+        }
+    }
+
+    /// What a person should know before choosing the item, in sentences.
+    static std::string remarks(const KlarboxItem &item, bool saysHelper) {
+        std::string sentences = item.note ? Text::visible(*item.note) : "";
+        const auto add = [&](std::string_view sentence) {
+            sentences += (sentences.empty() ? "" : " ") + std::string(sentence);
+        };
+        if (saysHelper) {
+            add(needsHelper);
+        }
+        if (std::holds_alternative<KlarboxTarget::Command>(item.target.value())) {
+            add("Cleaned by the tool's own command.");
+        }
+        return sentences;
+    }
+
+    void writeTotal() {
+        std::size_t found = 0;
+        std::size_t selected = 0;
+        std::int64_t foundBytes = 0;
+        std::int64_t selectedBytes = 0;
+        for (const auto &scan : scans_) {
+            foundBytes = saturatingAdd(foundBytes, scan.totalSize());
+            found += scan.items.size();
+            for (const auto &item : scan.items) {
+                if (item.isSelectedByDefault) {
+                    ++selected;
+                    selectedBytes = saturatingAdd(selectedBytes, item.size);
+                }
+            }
+        }
+        if (found == 0) {
+            line("Nothing to clean was found.");
+            return;
+        }
+        line(style_.bold(
+            fmt::format("Found {} in {}; {} in {} selected.", DisplayText::size(foundBytes),
+                        DisplayText::count(found, "item"), DisplayText::size(selectedBytes),
+                        DisplayText::count(selected, "item"))));
+    }
+
+    const std::vector<CategoryScan> &scans_;
+    OutputStyle style_;
+    std::size_t width_;
+    std::size_t numberWidth_ = 0;
+    std::size_t titleWidth_ = 0;
+    std::size_t number_ = 0;
+    std::string text_;
+};
+
+} // namespace
+
+std::string scanTable(const std::vector<CategoryScan> &scans, const ScanTableOptions &options) {
+    return TableWriter(scans, options).write();
+}
+
+std::vector<const KlarboxItem *> numberedItems(const std::vector<CategoryScan> &scans) {
+    std::vector<const KlarboxItem *> all;
+    for (const auto &scan : scans) {
+        const auto items = largestFirst(scan);
+        all.insert(all.end(), items.begin(), items.end());
+    }
+    return all;
+}
+
+} // namespace klarbox

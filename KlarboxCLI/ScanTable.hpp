@@ -1,0 +1,26 @@
+#pragma once
+
+#include "KlarboxCLI/Terminal.hpp"
+#include "KlarboxKit/Model/CategoryScan.hpp"
+
+#include <string>
+#include <vector>
+
+namespace klarbox {
+
+/// How a table of findings is written.
+struct ScanTableOptions {
+    OutputStyle style = {};
+    /// Whether each item has a number (from 1, in the order of `numberedItems`) to choose it by.
+    bool numbered = false;
+};
+
+/// What a scan found, for people: categories under their sections, items largest first, each with
+/// whether it starts out selected, its size, tier, name and location, its note below; issues; and
+/// what was found and selected in all. Lines fit the style's width.
+std::string scanTable(const std::vector<CategoryScan> &scans, const ScanTableOptions &options);
+
+/// The items in the order in which the table shows them.
+std::vector<const KlarboxItem *> numberedItems(const std::vector<CategoryScan> &scans);
+
+} // namespace klarbox

@@ -1,0 +1,195 @@
+#include "KlarboxCLI/SettingsCommand.hpp"
+
+#include "KlarboxCLI/SettingsStore.hpp"
+#include "KlarboxCLI/Terminal.hpp"
+#include "KlarboxCLI/UsageError.hpp"
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <variant>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace klarbox {
+
+namespace {
+
+using List = std::vector<std::string> ScanSettings::*;
+using Flag = bool ScanSettings::*;
+using Number = std::int64_t ScanSettings::*;
+
+struct Key {
+    std::string_view name;
+    std::variant<List, Flag, Number> field;
+};
+
+constexpr std::array keys{
+    Key{"projectRoots", &ScanSettings::projectRoots},
+    Key{"includeNodeModules", &ScanSettings::includeNodeModules},
+    Key{"staleProjectDays", &ScanSettings::staleProjectDays},
+    Key{"excludedPaths", &ScanSettings::excludedPaths},
+};
+
+const Key &keyNamed(const std::string &name) {
+    const auto found = std::ranges::find(keys, name, &Key::name);
+    if (found == keys.end()) {
+        std::vector<std::string_view> names;
+        std::ranges::transform(keys, std::back_inserter(names), &Key::name);
+        throw UsageError(fmt::format("settings: there is no key '{}'; the keys are {}",
+                                     Text::visible(name), fmt::join(names, ", ")));
+    }
+    return *found;
+}
+
+/// The value as lines that `set` and `add` take back.
+std::string valueText(const ScanSettings &settings, const Key &key) {
+    return std::visit(
+        overloaded{
+            [&](List list) {
+                std::string lines;
+                for (const auto &text : settings.*list) {
+                    lines += Text::visible(text) + "\n";
+                }
+                return lines;
+            },
+            [&](Flag flag) { return std::string(settings.*flag ? "true\n" : "false\n"); },
+            [&](Number number) { return fmt::format("{}\n", settings.*number); },
+        },
+        key.field);
+}
+
+void set(ScanSettings &settings, const Key &key, const std::vector<std::string> &values) {
+    const auto single = [&]() -> const std::string & {
+        if (values.size() != 1) {
+            throw UsageError(fmt::format("settings set {}: one value is needed", key.name));
+        }
+        return values.front();
+    };
+    std::visit(
+        overloaded{
+            [&](List list) { settings.*list = values; },
+            [&](Flag flag) {
+                const auto &value = single();
+                if (value != "true" && value != "false") {
+                    throw UsageError(fmt::format("settings set {}: '{}' is not true or false",
+                                                 key.name, Text::visible(value)));
+                }
+                settings.*flag = value == "true";
+            },
+            [&](Number number) {
+                const auto &value = single();
+                std::int64_t parsed = 0;
+                const auto *end = value.data() + value.size();
+                const auto [stop, error] = std::from_chars(value.data(), end, parsed);
+                if (error != std::errc() || stop != end) {
+                    throw UsageError(fmt::format("settings set {}: '{}' is not a whole number",
+                                                 key.name, Text::visible(value)));
+                }
+                settings.*number = parsed;
+            },
+        },
+        key.field);
+}
+
+std::vector<std::string> &listOf(ScanSettings &settings, const Key &key, std::string_view action) {
+    if (const auto *list = std::get_if<List>(&key.field)) {
+        return settings.**list;
+    }
+    throw UsageError(fmt::format("settings {}: {} is not a list; use set", action, key.name));
+}
+
+/// Paths that no scan could act on are refused here, where the person can still see the slip.
+void checkPaths(const Key &key, const std::vector<std::string> &values) {
+    for (const auto &value : values) {
+        const bool isPath = value == "~" || value.starts_with("~/") || value.starts_with('/');
+        if (!isPath || value.find('\0') != std::string::npos || !Text::isValidUTF8(value)) {
+            throw UsageError(
+                fmt::format("settings: {}: '{}' is not a path that begins with / or ~/", key.name,
+                            Text::visible(value)));
+        }
+    }
+}
+
+void change(ScanSettings &settings, const SettingsOptions &options) {
+    const auto &key = keyNamed(options.key);
+    if (std::holds_alternative<List>(key.field) && options.action != "remove") {
+        checkPaths(key, options.values);
+    }
+    if (options.action == "set") {
+        set(settings, key, options.values);
+        return;
+    }
+    auto &list = listOf(settings, key, options.action);
+    for (const auto &value : options.values) {
+        const auto found = std::ranges::find(list, value);
+        if (options.action == "add") {
+            if (found == list.end()) {
+                list.push_back(value);
+            }
+        } else if (found == list.end()) {
+            throw UsageError(
+                fmt::format("settings remove: '{}' is not in {}", Text::visible(value), key.name));
+        } else {
+            list.erase(found);
+        }
+    }
+}
+
+std::string everything(const ScanSettings &settings) {
+    std::string text;
+    for (const auto &key : keys) {
+        if (!std::holds_alternative<List>(key.field)) {
+            text += fmt::format("{}: {}", key.name, valueText(settings, key));
+            continue;
+        }
+        text += fmt::format("{}:\n", key.name);
+        const auto lines = valueText(settings, key);
+        for (const auto line : Text::lines(lines)) {
+            text += fmt::format("  {}\n", line);
+        }
+        if (lines.empty()) {
+            text += "  (none)\n";
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+int runSettings(const SettingsOptions &options) {
+    const auto file =
+        options.file.empty() ? SettingsStore::defaultLocation() : FileURL(options.file);
+    const auto shownFile = Text::visible(file.path());
+    if (options.action == "path") {
+        write(stdout, file.path() + "\n");
+        return ExitCode::done;
+    }
+    auto settings = SettingsStore::loadOrFirstRun(file);
+    if (options.action == "check") {
+        write(stdout,
+              FileManager::type(file)
+                  ? fmt::format("{} is sound.\n", shownFile)
+                  : fmt::format("{} does not exist; the first-run settings apply.\n", shownFile));
+    } else if (options.action == "show") {
+        write(stdout, everything(settings));
+    } else if (options.action == "get") {
+        write(stdout, valueText(settings, keyNamed(options.key)));
+    } else {
+        change(settings, options);
+        try {
+            SettingsStore::save(file, settings);
+        } catch (const PlatformError &error) {
+            throw UsageError(fmt::format("settings: {}", error.message()));
+        }
+    }
+    return ExitCode::done;
+}
+
+} // namespace klarbox

@@ -1,0 +1,94 @@
+#include "KlarboxCLI/DisplayText.hpp"
+#include "KlarboxCLI/ScanTable.hpp"
+#include "KlarboxCLI/Selection.hpp"
+#include "KlarboxCLI/UsageError.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+using testing::ElementsAre;
+using Numbers = std::vector<std::size_t>;
+
+KlarboxItem item(std::string id, std::int64_t size, SafetyTier tier) {
+    return {.id = id,
+            .title = id,
+            .target = KlarboxTarget::item(FileURL("/x/" + id)),
+            .size = size,
+            .tier = tier};
+}
+
+std::vector<CategoryScan> scans() {
+    return {
+        {.info = {.id = "logs", .title = "", .summary = "", .symbol = "", .section = {}},
+         .items = {item("small", 1, SafetyTier::safe), item("big", 9, SafetyTier::review),
+                   item("bad-\xe9", 3, SafetyTier::safe), item("bad-\xe8", 3, SafetyTier::safe)}}};
+}
+
+std::vector<std::string> ids(const std::vector<CategoryScan> &scans) {
+    std::vector<std::string> found;
+    for (const auto &selected : Selection::items(scans)) {
+        found.push_back(selected.id);
+    }
+    return found;
+}
+
+TEST(Selection, answersAreReadAsAPersonMeansThem) {
+    struct Case {
+        const char *answer;
+        std::optional<Numbers> numbers;
+    };
+    const std::vector<Case> cases{
+        {"", Numbers{}},
+        {"  none ", Numbers{}},
+        {"all", Numbers{1, 2, 3, 4, 5}},
+        {"default", Numbers{2, 4}},
+        {"3", Numbers{3}},
+        {"5, 1-2 2", Numbers{1, 2, 5}},
+        {"2-2,", Numbers{2}},
+        {"0", std::nullopt},
+        {"6", std::nullopt},
+        {"4-2", std::nullopt},
+        {"1-", std::nullopt},
+        {"-3", std::nullopt},
+        {"1 x", std::nullopt},
+        {"99999999999999999999", std::nullopt},
+        {"yes", std::nullopt},
+    };
+    for (const auto &[answer, numbers] : cases) {
+        EXPECT_EQ(Selection::parseAnswer(answer, 5, {2, 4}), numbers) << answer;
+    }
+}
+
+TEST(Selection, takesExactlyWhatIsNamedOrNothing) {
+    EXPECT_THAT(ids(Selection::select(scans(), false, {"big"})), ElementsAre("big"));
+    EXPECT_THAT(ids(Selection::select(scans(), true, {"big"})),
+                ElementsAre("small", "big", "bad-\xe9", "bad-\xe8"));
+    EXPECT_THROW(Selection::select(scans(), true, {"big", "gone"}), UsageError);
+    // Two items are shown alike; guessing which is meant could remove the wrong one.
+    EXPECT_THROW(Selection::select(scans(), false, {"bad-\uFFFD"}), UsageError);
+    // Numbers are those of the table, which lists the largest first.
+    EXPECT_THAT(ids(Selection::selectNumbers(scans(), {1, 4})), ElementsAre("small", "big"));
+}
+
+TEST(DisplayText, sizesAreDecimalAndCarryIntoTheNextUnit) {
+    const std::vector<std::pair<std::int64_t, const char *>> cases{
+        {0, "0 B"},
+        {999, "999 B"},
+        {1000, "1.0 kB"},
+        {999'949, "999.9 kB"},
+        {999'960, "1.0 MB"},
+        {820'100'000, "820.1 MB"},
+        {999'999'999, "1.00 GB"},
+        {1'240'000'000, "1.24 GB"},
+        {INT64_MAX, "9.22 EB"},
+    };
+    for (const auto &[bytes, text] : cases) {
+        EXPECT_EQ(DisplayText::size(bytes), text);
+    }
+}
+
+} // namespace
+} // namespace klarbox::test
