@@ -16,8 +16,8 @@ namespace klarbox {
 
 namespace {
 
-/// Longest listing that is decoded, in bytes: some 30,000 devices.
-constexpr std::size_t maximumListing = std::size_t{16} << 20;
+/// Longest listing that is decoded, in bytes: thousands of devices.
+constexpr std::size_t maximumListing = std::size_t{4} << 20;
 
 } // namespace
 

@@ -143,7 +143,7 @@ TEST(DockerScanner, readsTheReport) {
         {R"([{"Type":"a","Reclaimable":"1B"}])", {}},
         {R"("Type")", {}},
         {"17\nnull\n{", {}},
-        {std::string(1'000'000, '['), {}},
+        {std::string(100'000, '['), {}},
     };
     for (const auto &[report, expected] : cases) {
         EXPECT_EQ(DockerScanner::parseSystemDF(report), expected) << report.substr(0, 100);
