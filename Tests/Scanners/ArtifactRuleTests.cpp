@@ -126,18 +126,5 @@ TEST(ArtifactRule, isDecidedByTheFirstToolAndByExactNames) {
     }
 }
 
-TEST(ArtifactRule, knowsTheNamesToIgnoreWhenDatingWork) {
-    for (const char *name :
-         {"node_modules", "Pods",        "build",       ".gradle",       ".cxx",     ".next",
-          ".nuxt",        ".svelte-kit", ".turbo",      ".parcel-cache", ".angular", "coverage",
-          ".dart_tool",   "target",      "DerivedData", ".venv",         "venv",     "Library",
-          "Temp",         "Obj",         "obj",         "Logs"}) {
-        EXPECT_TRUE(ArtifactRule::isArtifactName(name)) << name;
-    }
-    for (const char *name : {"src", ".git", "Build", "ProjectSettings", ""}) {
-        EXPECT_FALSE(ArtifactRule::isArtifactName(name)) << name;
-    }
-}
-
 } // namespace
 } // namespace klarbox::test

@@ -45,23 +45,17 @@ TEST(ProjectArtifactsScanner, offersBuildOutputOfProjects) {
         {"code/App/lib/build/sub/target/a", bytes(9000)},
     };
     const auto context = projectsContext(home.root());
-    const auto scan = ProjectArtifactsScanner().scan(context, {});
-    const auto build = home / "code/App/build";
-    ASSERT_EQ(scan.items.size(), 2U);
-    EXPECT_EQ(scan.items[0], (KlarboxItem{
-                                 .id = "artifacts:" + build.path(),
-                                 .title = "build",
-                                 .detail = "~/code/App/build",
-                                 .target = KlarboxTarget::item(build),
-                                 .allowedRoot = home / "code/App",
-                                 .size = DiskUsage::allocatedSize(build),
-                                 .tier = SafetyTier::safe,
-                                 .note = "Gradle build output, rebuilt on the next build.",
-                                 .isSelectedByDefault = true,
-                                 .group = "App",
-                             }));
     // A folder that only has the name is someone's own, and looked into as such.
-    EXPECT_EQ(scan.items[1].detail, "~/code/App/lib/build/sub/target");
+    const std::string target = "$/code/App/lib/build/sub/target";
+    EXPECT_THAT(
+        lines(ProjectArtifactsScanner().scan(context, {}), home),
+        ElementsAre("artifacts:$/code/App/build | build | ~/code/App/build | item "
+                    "$/code/App/build | $/code/App | safe selected | App | Gradle build output, "
+                    "rebuilt on the next build.",
+                    "artifacts:" + target + " | target | ~/code/App/lib/build/sub/target | item " +
+                        target +
+                        " | $/code/App | safe selected | App | Maven build output, "
+                        "rebuilt by mvn package."));
     EXPECT_THAT(ProjectArtifactsScanner().scan(context, stopped()).items, IsEmpty());
 }
 
@@ -125,7 +119,7 @@ TEST(ProjectArtifactsScanner, takesEachRootOnce) {
 TEST(ProjectArtifactsScanner, offersInstalledPackagesAndTheirNativeBuilds) {
     const std::string modules = "code/App/node_modules/";
     const TemporaryTree home{
-        {"code/App/package.json", text("{}")},
+        {"code/App/package.json", text("{}"), scanTime},
         {modules + "z/android/build/a", bytes(9000)},
         {modules + "react-native-foo/android/build/a", bytes(9000)},
         {modules + "react-native-foo/ios/build/a", bytes(9000)},
@@ -139,35 +133,26 @@ TEST(ProjectArtifactsScanner, offersInstalledPackagesAndTheirNativeBuilds) {
         {"code/App/sub/node_modules/a/android/build/a", bytes(9000)},
     };
     auto context = projectsContext(home.root());
-    const auto folder = home / "code/App/node_modules";
-    std::vector<FileURL> native;
+    std::string native = "artifacts:native:$/code/App/node_modules | Native build files in "
+                         "node_modules | ~/code/App/node_modules | items";
     for (const char *path :
          {"@scope/.pkg/android/.gradle", "@scope/pkg/ios/build", "react-native-foo/android/build",
           "react-native-foo/android/.cxx", "react-native-foo/ios/build", "z/android/build"}) {
-        native.push_back(folder.appending(path));
+        native += std::string(" $/") + modules + path;
     }
-    const KlarboxItem nativeItem{
-        .id = "artifacts:native:" + folder.path(),
-        .title = "Native build files in node_modules",
-        .detail = "~/code/App/node_modules",
-        .target = KlarboxTarget::items(native),
-        .allowedRoot = home / "code/App",
-        .size = DiskUsage::allocatedSize(native),
-        .tier = SafetyTier::safe,
-        .note = "6 Android/iOS build folders inside packages. The packages stay installed.",
-        .isSelectedByDefault = true,
-        .group = "App",
-    };
-    auto scan = ProjectArtifactsScanner().scan(context, {});
-    ASSERT_THAT(titles(scan), ElementsAre("node_modules", "Native build files in node_modules"));
-    EXPECT_EQ(scan.items[0].tier, SafetyTier::review);
-    EXPECT_TRUE(scan.items[0].note->starts_with(
-        "Reinstall with your package manager (npm, yarn, pnpm) to work on it again. "));
-    EXPECT_EQ(scan.items[1], nativeItem);
-
+    native += " | $/code/App | safe selected | App | 6 Android/iOS build folders inside packages. "
+              "The packages stay installed.";
+    EXPECT_THAT(
+        lines(ProjectArtifactsScanner().scan(context, {}), home),
+        ElementsAre("artifacts:$/code/App/node_modules | node_modules | ~/code/App/node_modules | "
+                    "item $/code/App/node_modules | $/code/App | review | App | Reinstall with "
+                    "your package manager (npm, yarn, pnpm) to work on it again. Active project "
+                    "(changed today).",
+                    native));
     context.settings.includeNodeModules = false;
-    EXPECT_THAT(ProjectArtifactsScanner().scan(context, {}).items, ElementsAre(nativeItem));
-    context.minimumSize = nativeItem.size + 1;
+    const auto scan = ProjectArtifactsScanner().scan(context, {});
+    EXPECT_THAT(lines(scan, home), ElementsAre(native));
+    context.minimumSize = scan.items.at(0).size + 1;
     EXPECT_THAT(ProjectArtifactsScanner().scan(context, {}).items, IsEmpty());
 }
 
