@@ -50,7 +50,8 @@ std::string ownProblem(const XPCConnection::Service &service) {
 } // namespace
 
 HelperStatus helperStatus(const FileURL &executable, const XPCConnection::Service &service) {
-    HelperStatus status{.isInstalled = FileManager::isExecutableFile(executable)};
+    HelperStatus status;
+    status.isInstalled = FileManager::isExecutableFile(executable);
     try {
         const XPCConnection connection(service);
         status.isReachable = true;
