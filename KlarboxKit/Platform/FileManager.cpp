@@ -57,19 +57,8 @@ bool status(const FileURL &url, struct stat &st, int flags) {
 }
 
 [[noreturn]] void throwWriteError(const FileURL &url, int code) {
-    const auto name = Text::visible(url.path());
-    int cocoa = PlatformError::fileWriteUnknown;
-    if (code == EACCES || code == EPERM) {
-        cocoa = PlatformError::fileWriteNoPermission;
-    } else if (code == ENOSPC || code == EDQUOT) {
-        cocoa = PlatformError::fileWriteOutOfSpace;
-    } else if (code == EROFS) {
-        cocoa = PlatformError::fileWriteVolumeReadOnly;
-    }
-    throw PlatformError::cocoa(
-        cocoa,
-        fmt::format("“{}” couldn’t be saved. {}", name, std::generic_category().message(code)),
-        code);
+    throw PlatformError::fileChange(
+        fmt::format("“{}” couldn’t be saved.", Text::visible(url.path())), code);
 }
 
 std::optional<FileType> listedType(unsigned char type) {

@@ -14,6 +14,7 @@ struct FileStatus {
     std::int64_t allocatedBytes; ///< space its blocks take on disk
     bool isDirectory;
     bool mayBeMountRoot; ///< false only when the system vouches that nothing is mounted there
+    bool isMountRoot;    ///< true only when the system says that something is
 
     /// Of an entry of the open folder `folder` (AT_FDCWD for an absolute `name`); nothing, with
     /// errno set, when it cannot be had.

@@ -45,6 +45,10 @@ public:
     /// A Cocoa error with this sentence, caused by the POSIX error `cause` (0: by nothing).
     static PlatformError cocoa(int code, std::string message, int cause = 0);
 
+    /// The Cocoa error for a change to the file system that the POSIX error `cause` kept from
+    /// happening. `sentence` says what did not happen; the reason is added to it.
+    static PlatformError fileChange(const std::string &sentence, int cause);
+
     Domain domain() const { return domain_; }
     int code() const { return code_; }
     /// The failure underneath this one, or null.

@@ -15,13 +15,15 @@ std::optional<FileStatus> status(int fd, const char *name, int flags) {
         return std::nullopt;
     }
     const bool saysMountRoot = (raw.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
+    const bool isMountRoot = saysMountRoot && (raw.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     return FileStatus{
         .device = (std::uint64_t{raw.stx_dev_major} << 32) | raw.stx_dev_minor,
         .inode = raw.stx_ino,
         .links = raw.stx_nlink,
         .allocatedBytes = static_cast<std::int64_t>(raw.stx_blocks * 512),
         .isDirectory = S_ISDIR(raw.stx_mode),
-        .mayBeMountRoot = !saysMountRoot || (raw.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0,
+        .mayBeMountRoot = !saysMountRoot || isMountRoot,
+        .isMountRoot = isMountRoot,
     };
 }
 
