@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <utility>
 
@@ -28,57 +27,7 @@ constexpr std::chrono::microseconds slowEntry{20};
 /// not followed, and a fifo put in its place does not block.
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
-constexpr std::size_t headSize = sizeof(std::uint64_t) + 1;
-
 } // namespace
-
-void EntryList::clear() {
-    bytes_.clear();
-    taken_ = 0;
-    next_ = 0;
-}
-
-void EntryList::append(std::string_view name, std::uint64_t inode, bool isVisited) {
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + headSize + name.size() + 1);
-    char *entry = bytes_.data() + at;
-    std::memcpy(entry, &inode, sizeof inode);
-    entry[sizeof inode] = isVisited ? 1 : 0;
-    std::memcpy(entry + headSize, name.data(), name.size());
-}
-
-EntryList::Entry EntryList::take() {
-    taken_ = next_;
-    next_ = after(next_);
-    const char *entry = bytes_.data() + taken_;
-    Entry taken{entry + headSize, 0, entry[sizeof taken.inode] != 0};
-    std::memcpy(&taken.inode, entry, sizeof taken.inode);
-    return taken;
-}
-
-const char *EntryList::lastTaken() const {
-    return bytes_.data() + taken_ + headSize;
-}
-
-bool EntryList::canSplit(bool keepOne) const {
-    return !empty() && (!keepOne || after(next_) < bytes_.size());
-}
-
-EntryList EntryList::split(bool keepOne) {
-    const std::size_t middle = next_ + (bytes_.size() - next_) / 2;
-    std::size_t cut = keepOne ? after(next_) : next_;
-    while (after(cut) < middle) {
-        cut = after(cut);
-    }
-    EntryList later;
-    later.bytes_.assign(bytes_.begin() + static_cast<std::ptrdiff_t>(cut), bytes_.end());
-    bytes_.resize(cut);
-    return later;
-}
-
-std::size_t EntryList::after(std::size_t position) const {
-    return position + headSize + std::strlen(bytes_.data() + position + headSize) + 1;
-}
 
 TreeWalker::TreeWalker(TreeWalk &walk, Role role)
     : walk_(walk),
@@ -111,8 +60,8 @@ void TreeWalker::run(FolderEntries start) {
                 share();
             }
             const auto entry = level.at.entries.take();
-            if (entry.isVisited) {
-                enter(level.at.device, entry.inode, entry.name);
+            if (entry.isMarked) {
+                enter(level.at.device, entry.tag, entry.name);
             } else if (const auto folder = measure(level, entry.name)) {
                 enter(folder->device, folder->inode, entry.name);
             }

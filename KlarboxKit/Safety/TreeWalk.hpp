@@ -4,6 +4,7 @@
 #include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Safety/EntryList.hpp"
 #include "KlarboxKit/Safety/FileIDSet.hpp"
 
 #include <atomic>
@@ -13,43 +14,14 @@
 #include <cstdint>
 #include <exception>
 #include <optional>
-#include <string_view>
 #include <vector>
 
 namespace klarbox {
 
 class WalkerPool;
 
-/// Entries of one folder that are still to be walked, packed one after another.
-class EntryList {
-public:
-    struct Entry {
-        const char *name;    ///< valid until the list changes
-        std::uint64_t inode; ///< of a folder already visited; else 0
-        bool isVisited;      ///< it is a folder and was counted: what is left is to enter it
-    };
-
-    bool empty() const { return next_ == bytes_.size(); }
-    void clear();
-    void append(std::string_view name, std::uint64_t inode, bool isVisited);
-    /// Takes the first entry. Its name stays readable through `lastTaken`.
-    Entry take();
-    /// The name of the entry taken last, while the list is not cleared.
-    const char *lastTaken() const;
-    /// Whether there is something to give away; with `keepOne`, something besides.
-    bool canSplit(bool keepOne) const;
-    /// Gives away the later half, at least one entry. Only when `canSplit`.
-    EntryList split(bool keepOne);
-
-private:
-    std::size_t after(std::size_t position) const;
-
-    std::vector<char> bytes_;
-    std::size_t taken_ = 0;
-    std::size_t next_ = 0;
-};
-
-/// A folder and the entries of it that are to be walked.
+/// A folder and the entries of it that are to be walked. The marked ones are folders that were
+/// counted already and are only to be entered; their tag is their inode.
 struct FolderEntries {
     UniqueFD folder; ///< none when the entries are the absolute paths that were given
     std::uint64_t device = 0;

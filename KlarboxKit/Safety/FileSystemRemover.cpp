@@ -1,0 +1,69 @@
+#include "KlarboxKit/Safety/FileSystemRemover.hpp"
+
+#include "KlarboxKit/Platform/FileStatus.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/SecureDeleter.hpp"
+#include "KlarboxKit/Safety/TrashFolder.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace klarbox {
+
+namespace {
+
+/// Runs a removal, and tells whoever wanted it what did not happen when it fails.
+template <typename Removal>
+void naming(const FileURL &url, std::string_view whatFailed, Removal removal) {
+    try {
+        removal();
+    } catch (const PlatformError &error) {
+        const auto sentence =
+            fmt::format("“{}” couldn’t be {}.", Text::visible(url.lastComponent()), whatFailed);
+        if (error.domain() == PlatformError::Domain::cocoa) {
+            throw PlatformError::cocoa(error.code(), sentence + " " + error.message(),
+                                       error.cause() == nullptr ? 0 : error.cause()->code());
+        }
+        throw PlatformError::fileChange(sentence, error.code());
+    }
+}
+
+int trash(const PinnedEntry &entry, const FileURL &home) {
+    const auto status = FileStatus::of(entry.folder.get(), entry.name.c_str());
+    if (!status) {
+        return errno;
+    }
+    if (status->device != entry.device || status->isMountRoot) {
+        return EXDEV; // whatever is mounted there is not the folder's to give away
+    }
+    const auto ofHome = FileStatus::of(AT_FDCWD, home.path().c_str());
+    if (ofHome && ofHome->device == status->device) {
+        // One file system may be mounted in several places, and a move from one to another is none.
+        const int code = TrashFolder::inHome(home).take(entry);
+        if (code != EXDEV) {
+            return code;
+        }
+    }
+    return TrashFolder::onVolume(entry).take(entry);
+}
+
+} // namespace
+
+void FileSystemRemover::moveToTrash(const FileURL &url) const {
+    naming(url, "moved to the Trash", [&] {
+        if (const int code = trash(PinnedEntry::open(url), home_); code != 0) {
+            throw PlatformError::posix(code);
+        }
+    });
+}
+
+void FileSystemRemover::deletePermanently(const FileURL &url) const {
+    naming(url, "removed", [&] { SecureDeleter().deletePermanently(url); });
+}
+
+} // namespace klarbox

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Safety/ItemRemover.hpp"
+
+namespace klarbox {
+
+/// Removes the user's own files, as the user. Deletes with the same walk as `SecureDeleter`; the
+/// Trash is that of one home folder, or of the item's own volume when that is another one. Nothing
+/// in a Trash is ever replaced, nothing is copied, and a link is moved or deleted as itself.
+///
+/// Throws `PlatformError`s in the Cocoa domain that name the item and are caused by the POSIX error
+/// underneath. Immutable; safe from any thread.
+class FileSystemRemover final : public ItemRemover {
+public:
+    /// `home` is the folder whose ".Trash" is used.
+    explicit FileSystemRemover(FileURL home) : home_(std::move(home)) {}
+
+    void moveToTrash(const FileURL &url) const override;
+    void deletePermanently(const FileURL &url) const override;
+
+private:
+    FileURL home_;
+};
+
+} // namespace klarbox

@@ -1,0 +1,147 @@
+#include "KlarboxKit/Safety/TrashFolder.hpp"
+
+#include "KlarboxKit/Platform/FileStatus.hpp"
+#include "KlarboxKit/Platform/OpenFolder.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/RenameExclusively.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <fmt/format.h>
+
+namespace klarbox {
+
+namespace {
+
+constexpr mode_t ownMode = S_IRWXU;
+/// Everybody may have a folder in it, nobody sees or removes another's.
+constexpr mode_t sharedMode = S_ISVTX | S_IWUSR | S_IXUSR | S_IWGRP | S_IXGRP | S_IWOTH | S_IXOTH;
+
+struct stat statusOf(const UniqueFD &folder) {
+    struct stat status;
+    if (::fstat(folder.get(), &status) != 0) {
+        throw PlatformError::posix(errno);
+    }
+    return status;
+}
+
+[[noreturn]] void throwUnusable(const char *name, int code) {
+    throw PlatformError::fileChange(fmt::format("The folder “{}” couldn’t be used.", name), code);
+}
+
+/// The folder `name` of the folder `at`, made with this mode, and for this user, when it is
+/// missing.
+UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t owner) {
+    auto folder = openFolderToSearch(at.get(), name);
+    if (!folder && errno == ENOENT) {
+        // Private until it is known to be what was made here.
+        if (::mkdirat(at.get(), name, ownMode) != 0) {
+            // Somebody may have been faster.
+            folder = errno == EEXIST ? openFolderToSearch(at.get(), name) : UniqueFD();
+        } else if ((folder = openFolder(at.get(), name))) {
+            if (statusOf(folder).st_uid != ::geteuid()) {
+                throwUnusable(name, EPERM);
+            }
+            if (owner != ::geteuid() &&
+                ::fchown(folder.get(), owner, static_cast<gid_t>(-1)) != 0) {
+                throwUnusable(name, errno);
+            }
+            if (mode != ownMode) {
+                // Where modes mean nothing, as on a memory stick, it stays this user's alone.
+                (void)::fchmod(folder.get(), mode);
+            }
+        }
+    }
+    if (!folder) {
+        throwUnusable(name, errno);
+    }
+    return folder;
+}
+
+/// The highest folder above the entry on the same mounted file system.
+UniqueFD topOfVolume(const PinnedEntry &entry) {
+    auto folder = openFolderToSearch(entry.folder.get(), ".");
+    for (;;) {
+        const auto status = folder ? FileStatus::ofOpen(folder.get()) : std::nullopt;
+        if (!status) {
+            throw PlatformError::posix(errno);
+        }
+        if (status->isMountRoot) {
+            return folder;
+        }
+        auto above = openFolderToSearch(folder.get(), "..");
+        const auto next = above ? FileStatus::ofOpen(above.get()) : std::nullopt;
+        if (!next || next->device != status->device || next->inode == status->inode) {
+            return folder;
+        }
+        folder = std::move(above);
+    }
+}
+
+bool isSafeToShare(const struct stat &status) {
+    const bool isSticky = (status.st_mode & S_ISVTX) != 0;
+    const bool isOpenToOthers = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    const bool isTrusted = status.st_uid == 0 || status.st_uid == ::getuid();
+    return isTrusted && (isSticky || !isOpenToOthers);
+}
+
+} // namespace
+
+TrashFolder TrashFolder::inHome(const FileURL &home) {
+    // Whoever names a home by a link means where it leads; below it nothing is followed.
+    const UniqueFD folder(::open(home.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) {
+        throw PlatformError::posix(errno);
+    }
+    // Someone's Trash stays theirs, also when root is the first to use it.
+    return TrashFolder(openOrMake(folder, ".Trash", ownMode, statusOf(folder).st_uid));
+}
+
+TrashFolder TrashFolder::onVolume(const PinnedEntry &entry) {
+    const auto top = topOfVolume(entry);
+    const auto shared = openOrMake(top, ".Trashes", sharedMode, ::geteuid());
+    if (!isSafeToShare(statusOf(shared))) {
+        throwUnusable(".Trashes", EPERM);
+    }
+    const auto name = fmt::format("{}", ::getuid());
+    auto own = openOrMake(shared, name.c_str(), ownMode, ::getuid());
+    if (statusOf(own).st_uid != ::getuid()) {
+        throwUnusable(name.c_str(), EPERM);
+    }
+    return TrashFolder(std::move(own));
+}
+
+int TrashFolder::take(const PinnedEntry &entry) const {
+    auto name = entry.name;
+    for (int number = 2;; ++number) {
+        const int code =
+            renameExclusively(entry.folder.get(), entry.name.c_str(), folder_.get(), name.c_str());
+        if (code != EEXIST || number == INT_MAX) {
+            return code;
+        }
+        name = numberedName(entry.name, number);
+    }
+}
+
+std::string numberedName(const std::string &name, int number) {
+    const auto dot = name.rfind('.');
+    // The dot that hides a file begins no extension: numbered before it, it would be seen.
+    const bool hasExtension = dot != std::string::npos && dot > 0 && dot + 1 < name.size();
+    auto stem = hasExtension ? name.substr(0, dot) : name;
+    const auto rest = fmt::format(" {}{}", number, hasExtension ? name.substr(dot) : "");
+    const std::size_t room = rest.size() < NAME_MAX ? NAME_MAX - rest.size() : 0;
+    if (stem.size() > room) {
+        std::size_t end = room;
+        while (end > 0 && (static_cast<unsigned char>(stem[end]) & 0xC0) == 0x80) {
+            --end;
+        }
+        stem.resize(end);
+    }
+    return stem + rest;
+}
+
+} // namespace klarbox

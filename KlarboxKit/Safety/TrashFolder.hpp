@@ -1,0 +1,38 @@
+#pragma once
+
+#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/UniqueFD.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
+
+#include <string>
+
+namespace klarbox {
+
+/// One of a user's Trash folders, held open. Movable; safe from any thread.
+class TrashFolder {
+public:
+    /// ".Trash" in a home folder, made when it is missing. Throws a `PlatformError`, also when
+    /// something that is no folder, or a link, is in its place.
+    static TrashFolder inHome(const FileURL &home);
+
+    /// The user's own folder in ".Trashes" at the top of the volume that holds the entry; both are
+    /// made when they are missing. Throws a `PlatformError`, also when something else is in the
+    /// place of one or one is not safe from other users.
+    static TrashFolder onVolume(const PinnedEntry &entry);
+
+    /// Moves the entry here as one step, under its own name or, when that is taken, the first free
+    /// one with a number before its extension. Nothing is replaced or copied. Answers an errno
+    /// value, 0 for none: EXDEV when the entry is on another volume.
+    int take(const PinnedEntry &entry) const;
+
+private:
+    explicit TrashFolder(UniqueFD folder) : folder_(std::move(folder)) {}
+
+    UniqueFD folder_;
+};
+
+/// The name that an entry gets in a Trash where its own is taken: the number before the extension,
+/// "notes 2.txt". Shortened where a file system would not take it; never within a character.
+std::string numberedName(const std::string &name, int number);
+
+} // namespace klarbox

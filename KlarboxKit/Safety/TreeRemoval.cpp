@@ -1,0 +1,134 @@
+#include "KlarboxKit/Safety/TreeRemoval.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <new>
+#include <system_error>
+#include <utility>
+
+namespace klarbox {
+
+namespace {
+
+/// More threads only wait for each other: a file system orders the changes to it.
+constexpr unsigned mostThreads = 4;
+
+/// Walks begun and not done, for each thread: a waiting one keeps two folders open.
+constexpr std::size_t walksPerThread = 2;
+
+} // namespace
+
+TreeRemoval::TreeRemoval(const PinnedEntry &entry)
+    : entry_(entry),
+      grant_(DescriptorGrant::wait()),
+      threads_(std::clamp(std::thread::hardware_concurrency(), 1U, mostThreads)) {}
+
+std::size_t TreeRemoval::openFolders() const {
+    // Set aside: the first folder, one that is handed over, and two for looking upwards.
+    return grant_.descriptors() - 3;
+}
+
+int TreeRemoval::run() {
+    UniqueFD folder(::fcntl(entry_.folder.get(), F_DUPFD_CLOEXEC, 0));
+    if (!folder) {
+        return errno;
+    }
+    try {
+        EntryList entries;
+        entries.append(entry_.name, 0, true);
+        ready_.reserve(threads_ * (walksPerThread + 1)); // `room_` may be a moment old
+        ready_.push_back(
+            std::make_unique<RemovalWalk>(*this, std::move(folder), std::move(entries), nullptr));
+        walks_ = 1;
+    } catch (const std::bad_alloc &) {
+        return ENOMEM;
+    }
+    work();
+    return failure_.code();
+}
+
+void TreeRemoval::getHelp() noexcept {
+    const std::lock_guard lock(mutex_);
+    if (!helpers_.empty()) {
+        return;
+    }
+    try {
+        helpers_.reserve(threads_);
+        while (helpers_.size() + 1 < threads_) {
+            auto grant = DescriptorGrant::ifAmple();
+            if (!grant) {
+                break;
+            }
+            helpers_.emplace_back([this, held = std::move(*grant)] { work(); });
+        }
+    } catch (const std::exception &) {
+        // Fewer hands take longer and come to the same end.
+    }
+}
+
+void TreeRemoval::handOver(std::unique_ptr<RemovalWalk> walk) noexcept {
+    const std::lock_guard lock(mutex_);
+    ++walk->partOf()->pending;
+    ++walks_;
+    ready_.push_back(std::move(walk));
+    updateRoom();
+    changed_.notify_one();
+}
+
+bool TreeRemoval::isDone(const HandedOver &handedOver) const {
+    const std::lock_guard lock(mutex_);
+    return handedOver.pending == 0;
+}
+
+/// Runs walks until the whole tree's is done.
+void TreeRemoval::work() noexcept {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        ++idle_;
+        updateRoom();
+        changed_.wait(lock, [&] { return walks_ == 0 || !ready_.empty(); });
+        --idle_;
+        if (walks_ == 0) {
+            return;
+        }
+        auto walk = std::move(ready_.back());
+        ready_.pop_back();
+        updateRoom();
+        lock.unlock();
+        walk->run();
+        lock.lock();
+        settle(std::move(walk));
+    }
+}
+
+/// Under the lock: puts a walk that ran where it belongs now.
+void TreeRemoval::settle(std::unique_ptr<RemovalWalk> walk) {
+    if (auto *awaited = walk->awaited()) {
+        if (awaited->pending > 0) {
+            awaited->waiting = std::move(walk);
+        } else {
+            ready_.push_back(std::move(walk)); // the last of them was done in the meantime
+        }
+        return;
+    }
+    --walks_;
+    auto *whole = walk->partOf();
+    if (whole == nullptr) {
+        failure_ = walk->failure();
+        changed_.notify_all();
+        return;
+    }
+    whole->failure.note(walk->failure());
+    if (--whole->pending == 0 && whole->waiting != nullptr) {
+        ready_.push_back(std::move(whole->waiting));
+    }
+}
+
+void TreeRemoval::updateRoom() {
+    const auto mostWalks = threads_ * walksPerThread;
+    const auto room = static_cast<int>(idle_) - static_cast<int>(ready_.size());
+    room_.store(walks_ < mostWalks ? room : 0, std::memory_order_relaxed);
+}
+
+} // namespace klarbox
