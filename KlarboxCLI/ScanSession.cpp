@@ -65,13 +65,13 @@ ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerLis
     return all;
 }
 
-ScanEnvironment environment(const FileURL &home, const std::string &file) {
+ScanEnvironment environment(const std::string &file, ScanEnvironment live) {
     if (file.empty()) {
-        return liveEnvironment(home);
+        return live;
     }
     try {
         return environmentFromFile(FileManager::contents(FileURL(file), largestEnvironmentFile),
-                                   liveEnvironment(home));
+                                   std::move(live));
     } catch (const PlatformError &error) {
         throw UsageError(fmt::format("environment file {}: {}", Text::visible(file),
                                      Text::visible(error.message())));
@@ -175,7 +175,8 @@ ScanSession::ScanSession(const ScanOptions &options)
         throw UsageError(
             fmt::format("the home folder {} is not a folder", Text::visible(context_.home.path())));
     }
-    context_.environment = environment(context_.home, options.environmentFile);
+    context_.environment = environment(
+        options.environmentFile, liveEnvironment(context_.home, folder("--disk", options.disk)));
 }
 
 std::vector<CategoryScan> ScanSession::scan(ProgressLine &progress, std::stop_token stop) const {
