@@ -20,8 +20,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-FileURL makeRoot() {
-    auto pattern = (fs::canonical(fs::temp_directory_path()) / "klarbox-test.XXXXXX").string();
+FileURL makeRoot(TemporaryTree::Medium medium) {
+    const auto *memory = "/dev/shm";
+    const bool isInMemory =
+        medium == TemporaryTree::Medium::memoryIfPossible && ::access(memory, W_OK) == 0;
+    const auto folder = isInMemory ? fs::path(memory) : fs::temp_directory_path();
+    auto pattern = (fs::canonical(folder) / "klarbox-test.XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), pattern);
     }
@@ -48,7 +52,8 @@ void setModified(const FileURL &url, FileManager::Date date) {
     }
 }
 
-TemporaryTree::TemporaryTree(std::initializer_list<Entry> entries) : root_(makeRoot()) {
+TemporaryTree::TemporaryTree(Medium medium, std::initializer_list<Entry> entries)
+    : root_(makeRoot(medium)) {
     for (const auto &entry : entries) {
         add(entry);
     }

@@ -62,8 +62,13 @@ void setModified(const FileURL &url, FileManager::Date date);
 /// declared and removed at the end, whatever modes its folders have by then.
 class TemporaryTree {
 public:
+    /// Where the tree lies. Thousands of files are made and removed much faster in memory.
+    enum class Medium { temporaryFolder, memoryIfPossible };
+
     TemporaryTree() : TemporaryTree({}) {}
-    TemporaryTree(std::initializer_list<Entry> entries);
+    TemporaryTree(std::initializer_list<Entry> entries)
+        : TemporaryTree(Medium::temporaryFolder, entries) {}
+    TemporaryTree(Medium medium, std::initializer_list<Entry> entries);
     ~TemporaryTree();
     TemporaryTree(const TemporaryTree &) = delete;
     TemporaryTree &operator=(const TemporaryTree &) = delete;

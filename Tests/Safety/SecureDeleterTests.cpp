@@ -1,0 +1,363 @@
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/UniqueFD.hpp"
+#include "KlarboxKit/Safety/SecureDeleter.hpp"
+
+#include "Tests/Support/IsolatedProcess.hpp"
+#include "Tests/Support/TemporaryTree.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
+
+/// The POSIX code that deleting ends with, 0 for none.
+int deleted(const FileURL &url) {
+    try {
+        SecureDeleter().deletePermanently(url);
+        return 0;
+    } catch (const PlatformError &error) {
+        EXPECT_EQ(error.domain(), PlatformError::Domain::posix);
+        EXPECT_EQ(error.cause(), nullptr);
+        return error.code();
+    }
+}
+
+bool isThere(const FileURL &url) {
+    return FileManager::type(url).has_value();
+}
+
+bool setImmutable(const FileURL &url, bool on) {
+    const UniqueFD file(::open(url.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    int flags = 0;
+    if (!file || ::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0) {
+        return false;
+    }
+    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    return ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
+}
+
+bool mountOn(const FileURL &where) {
+    return ::mount("none", where.path().c_str(), "tmpfs", 0, nullptr) == 0;
+}
+
+bool bindOn(const FileURL &what, const FileURL &where) {
+    return ::mount(what.path().c_str(), where.path().c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+/// A chain of folders below `root`, each holding a file.
+void makeChain(const FileURL &root, int depth) {
+    UniqueFD at(::open(root.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int level = 0; level < depth; ++level) {
+        if (::mkdirat(at.get(), "d", 0700) != 0 || ::mknodat(at.get(), "f", S_IFREG, 0) != 0) {
+            throw std::runtime_error("cannot make the chain");
+        }
+        at = UniqueFD(::openat(at.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+}
+
+TEST(SecureDeleter, touchesNothingWhereThePathNamesNoEntryOrLeadsThroughALink) {
+    const TemporaryTree tree{
+        {"d/a/b", bytes(3)},
+        {"link", link("d")},
+        {"file", bytes(1)},
+    };
+    const auto path = tree.root().path();
+    const std::pair<std::string, int> cases[] = {
+        {"/", EINVAL},
+        {path + "/d/./a", EINVAL},
+        {path + "/d/../d/a", EINVAL},
+        {path + "/d/..", EINVAL},
+        {path + std::string("/d\0x", 4), EINVAL},
+        {path + "/none", ENOENT},
+        {path + "/none/x", ENOENT},
+        {path + "/link/a", ENOTDIR},
+        {path + "/file/a", ENOTDIR},
+        {path + "/" + std::string(300, 'x'), ENAMETOOLONG},
+    };
+    const auto before = manifest(tree.root());
+    for (const auto &[at, code] : cases) {
+        EXPECT_EQ(deleted(FileURL(at)), code) << at;
+    }
+    try {
+        SecureDeleter().moveToTrash(tree / "file");
+        ADD_FAILURE() << "moved";
+    } catch (const PlatformError &error) {
+        EXPECT_EQ(error.code(), ENOTSUP);
+    }
+    EXPECT_EQ(manifest(tree.root()), before);
+}
+
+TEST(SecureDeleter, removesLinksAndNotWhatTheyLeadTo) {
+    const TemporaryTree tree{
+        {"outside/file", text("kept")},
+        {"outside/folder/deep", bytes(10)},
+        {"t/toFile", link("../outside/file")},
+        {"t/toFolder", link("../outside/folder")},
+        {"t/dangling", link("nowhere")},
+        {"t/up", link("..")},
+        {"t/hard", hardLink("outside/file")},
+        {"t/empty", directory()},
+        {"t/sub/toFolder", link("../../outside/folder")},
+        {"t/ name\nwith \xff\xfe bytes", bytes(1)},
+        {"t/\xc3\x28/x", bytes(1)},
+        {"t/" + std::string(255, 'n') + "/x", bytes(1)},
+        {"single", link("outside/folder")},
+    };
+    ASSERT_EQ(::mkfifo((tree / "t/fifo").path().c_str(), 0600), 0);
+    ASSERT_EQ(::mknod((tree / "t/socket").path().c_str(), S_IFSOCK | 0600, 0), 0);
+    const auto before = manifest(tree / "outside");
+    EXPECT_EQ(deleted(tree / "t"), 0);
+    EXPECT_EQ(deleted(tree / "single"), 0);
+    EXPECT_FALSE(isThere(tree / "t"));
+    EXPECT_FALSE(isThere(tree / "single"));
+    EXPECT_EQ(manifest(tree / "outside"), before);
+}
+
+TEST(SecureDeleter, removesBroadAndDeepTreesWithFewDescriptorsAndLittleStack) {
+    const TemporaryTree tree(inMemory, {{"deep", directory()}, {"broad", directory()}});
+    makeChain(tree / "deep", 20'000);
+    for (int folder = 0; folder < 300; ++folder) {
+        for (int file = 0; file < 20; ++file) {
+            tree.add({fmt::format("broad/{}/sub/{}", folder, file), bytes(0)});
+        }
+    }
+    for (int file = 0; file < 5'000; ++file) {
+        tree.add({fmt::format("broad/flat/{}", file), bytes(0)});
+    }
+    inIsolatedProcess([&] {
+        limitDescriptors(16);
+        std::jthread([&] { // a thread's stack is smaller than the process's
+            EXPECT_EQ(deleted(tree / "deep"), 0);
+            EXPECT_EQ(deleted(tree / "broad"), 0);
+        })
+            .join();
+    });
+    EXPECT_FALSE(isThere(tree / "deep"));
+    EXPECT_FALSE(isThere(tree / "broad"));
+}
+
+TEST(SecureDeleter, anEntryThatMustStayStopsNoOther) {
+    inIsolatedProcess([] {
+        becomeOrdinaryUser();
+        const TemporaryTree tree{
+            {"t/a", bytes(1)},
+            {"t/readOnly/stays", bytes(1)},
+            {"t/readOnly/folder/goes", bytes(1)},
+            {"t/unlistable/stays", bytes(1)},
+            {"t/z/goes", bytes(1)},
+            {"t/readOnly", directory(), std::nullopt, 0500},
+            {"t/unlistable", directory(), std::nullopt, 0300},
+            {"closed/t/x", bytes(1)},
+            {"closed", directory(), std::nullopt, 0600},
+        };
+        EXPECT_EQ(deleted(tree / "t"), EACCES);
+        EXPECT_TRUE(isThere(tree / "t/readOnly/stays"));
+        EXPECT_TRUE(isThere(tree / "t/unlistable/stays"));
+        EXPECT_TRUE(isThere(tree / "t/readOnly/folder"));
+        for (const auto *gone : {"t/a", "t/readOnly/folder/goes", "t/z"}) {
+            EXPECT_FALSE(isThere(tree / gone)) << gone;
+        }
+        EXPECT_EQ(deleted(tree / "closed/t"), EACCES);
+    });
+}
+
+TEST(SecureDeleter, neverEntersAnotherFileSystemNorRemovesAMountPoint) {
+    inIsolatedProcess([] {
+        if (!enterMountNamespace()) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        const TemporaryTree tree{
+            {"t/a", bytes(1)},         {"t/mounted", directory()},
+            {"t/bound", directory()},  {"t/sub/bound", directory()},
+            {"t/sub/gone", bytes(1)},  {"t/z", bytes(1)},
+            {"t/boundFile", bytes(1)}, {"elsewhere/kept", text("k")},
+            {"top", directory()},
+        };
+        ASSERT_TRUE(mountOn(tree / "t/mounted"));
+        tree.add({"t/mounted/kept", bytes(5)});
+        ASSERT_TRUE(bindOn(tree / "elsewhere", tree / "t/bound"));
+        ASSERT_TRUE(bindOn(tree / "t", tree / "t/sub/bound")); // a folder inside itself
+        ASSERT_TRUE(bindOn(tree / "elsewhere", tree / "top"));
+        ASSERT_TRUE(bindOn(tree / "elsewhere/kept", tree / "t/boundFile"));
+        const auto before = manifest(tree / "elsewhere");
+        EXPECT_THAT(deleted(tree / "t"), testing::AnyOf(EXDEV, EBUSY));
+        EXPECT_EQ(deleted(tree / "t/sub"), EXDEV);
+        EXPECT_EQ(deleted(tree / "t/boundFile"), EBUSY);
+        EXPECT_EQ(deleted(tree / "top"), EXDEV);
+        EXPECT_EQ(manifest(tree / "elsewhere"), before);
+        EXPECT_TRUE(isThere(tree / "t/mounted/kept"));
+        for (const auto *gone : {"t/a", "t/z", "t/sub/gone"}) {
+            EXPECT_FALSE(isThere(tree / gone)) << gone;
+        }
+        for (const auto *mount : {"t/mounted", "t/bound", "t/sub/bound", "top", "t/boundFile"}) {
+            ::umount2((tree / mount).path().c_str(), MNT_DETACH);
+        }
+    });
+}
+
+/// What taking the entries one by one, in the order of the listings, comes to.
+class OneByOne {
+public:
+    explicit OneByOne(std::set<std::string> failing) : failing_(std::move(failing)) {}
+
+    /// Returns whether all below `folder` would go; notes what would not.
+    bool visit(const std::string &folder) {
+        bool allGo = true;
+        DIR *stream = ::opendir(folder.c_str());
+        while (const auto *entry = ::readdir(stream)) {
+            const std::string name = entry->d_name;
+            const auto path = folder + "/" + name;
+            if (name == "." || name == "..") {
+                continue;
+            }
+            const bool isFailing = failing_.contains(path);
+            if (isFailing && first.empty()) {
+                first = path;
+            }
+            const bool goes = !isFailing && (entry->d_type != DT_DIR || visit(path));
+            if (!goes) {
+                staying.insert(path);
+            }
+            allGo = allGo && goes;
+        }
+        ::closedir(stream);
+        return allGo;
+    }
+
+    std::set<std::string> staying;
+    std::string first;
+
+private:
+    std::set<std::string> failing_;
+};
+
+TEST(SecureDeleter, severalThreadsComeToWhatOneWouldHaveComeTo) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "needs to make files immutable";
+    }
+    inIsolatedProcess([] {
+        if (!enterMountNamespace()) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        for (unsigned seed = 1; seed <= 12; ++seed) {
+            std::mt19937 random(seed);
+            const auto below = [&](unsigned limit) { return random() % limit; };
+            const TemporaryTree tree(inMemory, {{"t", directory()}});
+            std::vector<std::string> folders{"t"};
+            std::set<std::string> immutable;
+            std::set<std::string> mounted;
+            for (int entry = 0; entry < 1'500; ++entry) {
+                const auto path = fmt::format(
+                    "{}/{}", folders[below(static_cast<unsigned>(folders.size()))], entry);
+                if (below(8) == 0) {
+                    tree.add({path, directory()});
+                    folders.push_back(path);
+                    if (below(100) == 0 && mountOn(tree / path)) {
+                        mounted.insert((tree / path).path());
+                        folders.pop_back();
+                    }
+                } else {
+                    tree.add({path, bytes(0)});
+                    if (below(300) == 0) {
+                        if (!setImmutable(tree / path, true)) {
+                            GTEST_SKIP() << "the file system knows no immutable files";
+                        }
+                        immutable.insert((tree / path).path());
+                    }
+                }
+            }
+            auto failing = immutable;
+            failing.insert(mounted.begin(), mounted.end());
+            OneByOne expected(failing);
+            const bool allGo = expected.visit((tree / "t").path());
+
+            const int code = deleted(tree / "t");
+            OneByOne left({});
+            if (isThere(tree / "t")) {
+                left = OneByOne(failing);
+                left.visit((tree / "t").path());
+            }
+            for (const auto &path : immutable) {
+                setImmutable(FileURL(path), false);
+            }
+            for (const auto &path : mounted) {
+                ::umount2(path.c_str(), MNT_DETACH);
+            }
+            EXPECT_EQ(left.staying, expected.staying) << "seed " << seed;
+            EXPECT_EQ(code, allGo                                ? 0
+                            : immutable.contains(expected.first) ? EPERM
+                                                                 : EXDEV)
+                << "seed " << seed;
+        }
+    });
+}
+
+TEST(SecureDeleter, nobodyCanLeadItOutByExchangingFoldersAndLinks) {
+    const TemporaryTree tree(inMemory, {
+                                           {"victim/a/secret", text("precious")},
+                                           {"victim/sub/deeper/0", bytes(100)},
+                                       });
+    const auto before = manifest(tree / "victim");
+    constexpr int rounds = 300;
+    std::atomic<int> round = 0;
+    std::atomic<long> exchanges = 0;
+    std::jthread attacker([&] {
+        for (int at = round; at < rounds; at = round) {
+            const auto path = [&](std::string_view name) {
+                return (tree / fmt::format("{}/{}", at, name)).path();
+            };
+            const auto link = path("link");
+            const auto exchange = [&](const std::string &target) {
+                return ::renameat2(AT_FDCWD, target.c_str(), AT_FDCWD, link.c_str(),
+                                   RENAME_EXCHANGE) == 0;
+            };
+            for (const auto *name : {"t/0", "t/1/sub", "t/2/sub/deeper", "t"}) {
+                if (exchange(path(name))) {
+                    ++exchanges;
+                    exchange(path(name));
+                }
+            }
+            // A folder that is moved away while it is emptied takes its ".." along.
+            if (::rename(path("t/2/sub").c_str(), path("away").c_str()) == 0) {
+                ::rename(path("away").c_str(), path("t/2/sub").c_str());
+            }
+        }
+    });
+    for (int next = 1; next <= rounds; ++next) {
+        const auto base = tree / std::to_string(next);
+        for (int folder = 0; folder < 3; ++folder) {
+            for (int file = 0; file < 12; ++file) {
+                makeEntry(base, {fmt::format("t/{}/sub/deeper/{}", folder, file), bytes(0)});
+            }
+        }
+        makeEntry(base, {"link", link("../victim")});
+        round = next;
+        deleted(base.appending("t"));
+    }
+    attacker.join();
+    EXPECT_GT(exchanges, rounds / 10);
+    EXPECT_EQ(manifest(tree / "victim"), before);
+}
+
+} // namespace
+} // namespace klarbox::test

@@ -1,0 +1,89 @@
+#include "Tests/Support/IsolatedProcess.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <grp.h>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int skipped = 2;
+
+int run(const std::function<void()> &body) {
+    try {
+        body();
+    } catch (const std::exception &error) {
+        ADD_FAILURE() << error.what();
+    }
+    return testing::Test::HasFailure() ? failed : testing::Test::IsSkipped() ? skipped : 0;
+}
+
+void require(int result, const char *what) {
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+} // namespace
+
+void inIsolatedProcess(const std::function<void()> &body) {
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const int code = run(body);
+        std::fflush(nullptr);
+        ::_exit(code); // nothing of the test runner's is run down twice
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    if (WEXITSTATUS(status) == skipped) {
+        GTEST_SKIP();
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+bool enterMountNamespace() {
+    const auto uid = ::getuid();
+    const auto gid = ::getgid();
+    if (::unshare(CLONE_NEWNS) != 0) {
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+            return false;
+        }
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << uid << ' ' << uid << " 1";
+        std::ofstream("/proc/self/gid_map") << gid << ' ' << gid << " 1";
+    }
+    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+void becomeOrdinaryUser() {
+    constexpr unsigned nobody = 65534;
+    if (::geteuid() == 0) {
+        require(::setgroups(0, nullptr), "setgroups");
+        require(::setresgid(nobody, nobody, nobody), "setresgid");
+        require(::setresuid(nobody, nobody, nobody), "setresuid");
+    }
+}
+
+void limitDescriptors(unsigned count) {
+    const rlimit limit{count, count};
+    require(::setrlimit(RLIMIT_NOFILE, &limit), "setrlimit");
+}
+
+} // namespace klarbox::test
