@@ -312,51 +312,68 @@ TEST(SecureDeleter, severalThreadsComeToWhatOneWouldHaveComeTo) {
     });
 }
 
-TEST(SecureDeleter, nobodyCanLeadItOutByExchangingFoldersAndLinks) {
-    const TemporaryTree tree(inMemory, {
-                                           {"victim/a/secret", text("precious")},
-                                           {"victim/sub/deeper/0", bytes(100)},
-                                       });
-    const auto before = manifest(tree / "victim");
-    constexpr int rounds = 300;
+/// Deletes small trees while another thread exchanges a folder of theirs with a link, or moves it.
+void deleteUnderAttack(const TemporaryTree &tree) {
+    constexpr int rounds = 2'000;
     std::atomic<int> round = 0;
-    std::atomic<long> exchanges = 0;
+    std::atomic<long> hits = 0;
     std::jthread attacker([&] {
+        const char *const targets[] = {"t", "t/1", "t/1/sub", "t/1/sub/deeper"};
         for (int at = round; at < rounds; at = round) {
-            const auto path = [&](std::string_view name) {
-                return (tree / fmt::format("{}/{}", at, name)).path();
-            };
-            const auto link = path("link");
-            const auto exchange = [&](const std::string &target) {
-                return ::renameat2(AT_FDCWD, target.c_str(), AT_FDCWD, link.c_str(),
-                                   RENAME_EXCHANGE) == 0;
-            };
-            for (const auto *name : {"t/0", "t/1/sub", "t/2/sub/deeper", "t"}) {
-                if (exchange(path(name))) {
-                    ++exchanges;
-                    exchange(path(name));
+            const auto base = (tree / std::to_string(at)).path();
+            const bool isMove = at % 5 == 4;
+            const auto target = base + "/" + (isMove ? "t/1/sub" : targets[at % 5]);
+            const auto other = isMove ? (tree / "vault/sub").path() : base + "/link";
+            const unsigned how = isMove ? RENAME_NOREPLACE : RENAME_EXCHANGE;
+            while (round == at) {
+                if (::renameat2(AT_FDCWD, target.c_str(), AT_FDCWD, other.c_str(), how) == 0) {
+                    ++hits;
+                    ::renameat2(AT_FDCWD, other.c_str(), AT_FDCWD, target.c_str(), how);
                 }
             }
-            // A folder that is moved away while it is emptied takes its ".." along.
-            if (::rename(path("t/2/sub").c_str(), path("away").c_str()) == 0) {
-                ::rename(path("away").c_str(), path("t/2/sub").c_str());
-            }
+            ::rename(other.c_str(), (base + "/left").c_str()); // whatever it was stopped at
         }
     });
     for (int next = 1; next <= rounds; ++next) {
         const auto base = tree / std::to_string(next);
-        for (int folder = 0; folder < 3; ++folder) {
-            for (int file = 0; file < 12; ++file) {
-                makeEntry(base, {fmt::format("t/{}/sub/deeper/{}", folder, file), bytes(0)});
-            }
+        for (const auto *name : {"0/x", "1/a", "1/sub/b", "1/sub/deeper/c", "1/z", "1/k", "2/x"}) {
+            makeEntry(base, {fmt::format("t/{}", name), bytes(0)});
         }
         makeEntry(base, {"link", link("../victim")});
         round = next;
         deleted(base.appending("t"));
     }
     attacker.join();
-    EXPECT_GT(exchanges, rounds / 10);
-    EXPECT_EQ(manifest(tree / "victim"), before);
+    EXPECT_GT(hits, rounds);
+}
+
+TEST(SecureDeleter, nobodyCanLeadItOutByExchangingFoldersAndLinks) {
+    for (const unsigned descriptors : {16U, 512U}) {
+        // The names in both are those of entries that are removed.
+        const TemporaryTree tree(inMemory, {
+                                               {"victim/1/sub/b", text("precious")},
+                                               {"victim/sub/deeper/c", text("precious")},
+                                               {"victim/deeper/c", text("precious")},
+                                               {"victim/c", text("precious")},
+                                               {"vault/a", text("precious")},
+                                               {"vault/z", text("precious")},
+                                               {"vault/k", text("precious")},
+                                           });
+        const auto contents = [&] {
+            ::rename((tree / "vault/sub").path().c_str(), (tree / "left").path().c_str());
+            // The attacker's own moves show in the dates.
+            for (const auto *folder : {"vault", "victim"}) {
+                setModified(tree / folder, {});
+            }
+            return manifest(tree / "victim") + manifest(tree / "vault");
+        };
+        const auto before = contents();
+        inIsolatedProcess([&] {
+            limitDescriptors(descriptors);
+            deleteUnderAttack(tree);
+        });
+        EXPECT_EQ(contents(), before) << descriptors << " descriptors";
+    }
 }
 
 } // namespace
