@@ -129,13 +129,15 @@ int TrashFolder::take(const PinnedEntry &entry) const {
 
 std::string numberedName(const std::string &name, int number) {
     const auto dot = name.rfind('.');
-    // The dot that hides a file begins no extension: numbered before it, it would be seen.
-    const bool hasExtension = dot != std::string::npos && dot > 0 && dot + 1 < name.size();
+    // The dot that hides a file begins no extension: numbered before it, it would be seen. Nor does
+    // one that half a sentence follows.
+    constexpr std::size_t longestExtension = 64;
+    const bool hasExtension = dot != std::string::npos && dot > 0 && dot + 1 < name.size() &&
+                              name.size() - dot <= longestExtension;
     auto stem = hasExtension ? name.substr(0, dot) : name;
     const auto rest = fmt::format(" {}{}", number, hasExtension ? name.substr(dot) : "");
-    const std::size_t room = rest.size() < NAME_MAX ? NAME_MAX - rest.size() : 0;
-    if (stem.size() > room) {
-        std::size_t end = room;
+    if (stem.size() + rest.size() > NAME_MAX) {
+        std::size_t end = NAME_MAX - rest.size();
         while (end > 0 && (static_cast<unsigned char>(stem[end]) & 0xC0) == 0x80) {
             --end;
         }
