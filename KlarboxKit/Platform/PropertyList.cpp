@@ -155,8 +155,9 @@ std::optional<std::int64_t> PropertyList::asInteger() const {
 
 std::optional<double> PropertyList::asReal() const {
     const auto &self = node(*document_, index_);
-    return self.kind == Kind::real ? std::optional(std::bit_cast<double>(self.value))
-                                   : std::nullopt;
+    return self.kind == Kind::real && self.count == 1
+               ? std::optional(std::bit_cast<double>(self.value))
+               : std::nullopt;
 }
 
 std::optional<bool> PropertyList::asBoolean() const {

@@ -67,8 +67,9 @@ public:
     std::optional<std::string_view> asString() const;
     /// The bytes.
     std::optional<std::string_view> asData() const;
-    /// Also nothing for an integer that does not fit.
+    /// Also nothing for a number that does not fit.
     std::optional<std::int64_t> asInteger() const;
+    /// The same.
     std::optional<double> asReal() const;
     std::optional<bool> asBoolean() const;
     /// Also nothing for a date that is no number.

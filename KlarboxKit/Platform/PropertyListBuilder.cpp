@@ -55,8 +55,8 @@ PropertyListBuilder::Index PropertyListBuilder::addInteger(std::optional<std::in
     return add(Kind::integer, value ? 1 : 0, static_cast<std::uint64_t>(value.value_or(0)));
 }
 
-PropertyListBuilder::Index PropertyListBuilder::addReal(double value) {
-    return add(Kind::real, 0, std::bit_cast<std::uint64_t>(value));
+PropertyListBuilder::Index PropertyListBuilder::addReal(std::optional<double> value) {
+    return add(Kind::real, value ? 1 : 0, std::bit_cast<std::uint64_t>(value.value_or(0)));
 }
 
 PropertyListBuilder::Index PropertyListBuilder::addBoolean(bool value) {

@@ -16,8 +16,8 @@ namespace klarbox {
 struct PropertyListDocument {
     struct Node {
         PropertyList::Kind kind;
-        /// Bytes of a text or of data; elements of an array; pairs of a dictionary; 1 for an
-        /// integer that fits 64 bits.
+        /// Bytes of a text or of data; elements of an array; pairs of a dictionary; 1 for a
+        /// number that fits its type.
         std::uint32_t count;
         /// Where in `bytes` or `children` it begins, or the bits of the value itself.
         std::uint64_t value;
@@ -51,7 +51,8 @@ public:
     Index addData(std::string_view bytes);
     /// Nothing stands for an integer beyond 64 bits with a sign.
     Index addInteger(std::optional<std::int64_t> value);
-    Index addReal(double value);
+    /// Nothing stands for a number beyond the type.
+    Index addReal(std::optional<double> value);
     Index addBoolean(bool value);
     /// Seconds since the beginning of 2001, UTC.
     Index addDate(double seconds);

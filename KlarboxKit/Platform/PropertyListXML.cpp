@@ -95,7 +95,8 @@ PropertyListBuilder::Index addInteger(PropertyListBuilder &builder, std::string_
         negative ? "-" + std::string(digits) : std::string(digits), hexadecimal ? 16 : 10));
 }
 
-double realNumber(std::string_view text) {
+/// Nothing for a number too large or too small for the type, which is still one.
+std::optional<double> realNumber(std::string_view text) {
     auto digits = withoutSpace(text);
     if (digits.starts_with('+') && !digits.starts_with("+-")) {
         digits.remove_prefix(1);
@@ -103,12 +104,11 @@ double realNumber(std::string_view text) {
     double value = 0;
     const auto *end = digits.data() + digits.size();
     const auto result = std::from_chars(digits.data(), end, value);
-    // A number too large or too small for the type is still a number.
-    if ((result.ec != std::errc{} && result.ec != std::errc::result_out_of_range) ||
-        result.ptr != end) {
+    const bool isBeyond = result.ec == std::errc::result_out_of_range;
+    if ((result.ec != std::errc{} && !isBeyond) || result.ptr != end) {
         PropertyListBuilder::fail(fmt::format("“{}” is no number", excerpt(text)));
     }
-    return value;
+    return isBeyond ? std::nullopt : std::optional(value);
 }
 
 /// "2026-11-22T12:30:00Z"; the time may end after any of its fields. Seconds since 2001.
