@@ -117,9 +117,13 @@ TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
     inIsolatedProcess([] {
         becomeOrdinaryUser();
         const TemporaryTree tree{
-            {"home/readOnly/item", bytes(1)}, {"home/readOnly", directory(), std::nullopt, 0500},
-            {"linked/item", bytes(1)},        {"linked/.Trash", link("../elsewhere")},
-            {"occupied/item", bytes(1)},      {"occupied/.Trash", bytes(1)},
+            {"home/.Trash", directory()},
+            {"home/readOnly/item", bytes(1)},
+            {"home/readOnly", directory(), std::nullopt, 0500},
+            {"linked/item", bytes(1)},
+            {"linked/.Trash", link("../elsewhere")},
+            {"occupied/item", bytes(1)},
+            {"occupied/.Trash", bytes(1)},
             {"elsewhere", directory()},
         };
         struct Case {
