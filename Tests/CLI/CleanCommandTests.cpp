@@ -223,5 +223,57 @@ TEST(CleanCommand, controlCFinishesTheItemInHandAndReports) {
     EXPECT_EQ(run.json().at("outcomes")[0].at("result").at("kind"), "ranCommand");
 }
 
+TEST(CleanCommand, killedAtAnyMomentItLeavesEveryItemInOnePlaceOrGone) {
+    constexpr int items = 40;
+    constexpr int filesEach = 5;
+    int interrupted = 0;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const bool isPermanent = attempt % 2 == 1;
+        const TemporaryTree home(TemporaryTree::Medium::memoryIfPossible, {});
+        for (int item = 0; item < items; ++item) {
+            for (int file = 0; file < filesEach; ++file) {
+                home.add({fmt::format("Library/Caches/app{}/sub/{}", item, file), bytes(4096)});
+            }
+        }
+        home.add({"Library/Caches/kept", text("kept")});
+        const auto contentsOf = [&](int item) {
+            return home / fmt::format("Library/Caches/app{}/sub", item);
+        };
+        const auto countGone = [&] {
+            int gone = 0;
+            for (int item = 0; item < items; ++item) {
+                gone += FileManager::exists(contentsOf(item)) ? 0 : 1;
+            }
+            return gone;
+        };
+        runKlarbox(
+            {"clean", "--yes", "--default-selection", "--home", home.root().path(),
+             "--minimum-size", "5000", "--category", "user-caches",
+             isPermanent ? "--permanent" : "--trash"},
+            [&](int process) {
+                const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+                while (countGone() < attempt && std::chrono::steady_clock::now() < deadline) {
+                }
+                ::kill(process, SIGKILL);
+            });
+        EXPECT_EQ(FileManager::contents(home / "Library/Caches/kept"), "kept");
+        const int gone = countGone();
+        for (int item = 0; item < items && !isPermanent; ++item) {
+            if (FileManager::exists(contentsOf(item))) {
+                EXPECT_EQ(FileManager::contentsOfDirectory(contentsOf(item)).size(), filesEach);
+            }
+        }
+        interrupted += gone > 0 && gone < items ? 1 : 0;
+        const auto trash = home / ".Trash";
+        const auto moved = FileManager::exists(trash) ? FileManager::contentsOfDirectory(trash)
+                                                      : std::vector<std::string>();
+        EXPECT_EQ(moved.size(), isPermanent ? 0 : static_cast<std::size_t>(gone));
+        for (const auto &name : moved) {
+            EXPECT_EQ(FileManager::contentsOfDirectory(trash.appending(name)).size(), filesEach);
+        }
+    }
+    EXPECT_GT(interrupted, 0);
+}
+
 } // namespace
 } // namespace klarbox::test
