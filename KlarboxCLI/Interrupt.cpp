@@ -12,12 +12,12 @@ namespace {
 /// How long running tools get to hear that they are no longer wanted.
 constexpr auto grace = std::chrono::milliseconds(50);
 
-/// SIGINT and SIGTERM, but for those that whoever started this process had it ignore (as a shell
-/// does for a job in the background).
+/// What asks a program to end: Ctrl-C, SIGTERM, and a terminal that is closed. But for those that
+/// whoever started this process had it ignore (as a shell does for a job in the background).
 sigset_t watchedSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGINT, SIGTERM}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};
         if (::sigaction(signal, nullptr, &action) != 0 || action.sa_handler != SIG_IGN) {
             sigaddset(&signals, signal);

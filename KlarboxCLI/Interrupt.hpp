@@ -8,9 +8,9 @@
 
 namespace klarbox {
 
-/// Turns Ctrl-C (and SIGTERM) into something orderly: a thread of its own waits for the signals,
-/// which no other thread receives. Until told otherwise a signal ends the process at once; there is
-/// nothing to put in order while only reading.
+/// Turns Ctrl-C (and SIGTERM and SIGHUP) into something orderly: a thread of its own waits for the
+/// signals, which no other thread receives. Until told otherwise a signal ends the process at once;
+/// there is nothing to put in order while only reading.
 ///
 /// One per process, made before any other thread.
 class Interrupt {
