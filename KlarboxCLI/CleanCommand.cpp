@@ -22,6 +22,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <system_error>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -172,9 +173,25 @@ std::string reportText(const CleanReport &report, const OutputStyle &style) {
     return text + (text.empty() ? "" : "\n") + style.bold(total + ".") + "\n";
 }
 
+/// Whether the report could be written. What was cleaned stays cleaned when it could not, so that
+/// this must not look like wrong usage, after which nothing was touched.
+bool reportWritten(const std::string &text) {
+    try {
+        write(stdout, text);
+        return true;
+    } catch (const std::system_error &error) {
+        tell(fmt::format("klarbox: clean: the items were cleaned, but the report is lost: {}\n",
+                         error.what()));
+        return false;
+    }
+}
+
 } // namespace
 
 int runClean(const CleanOptions &options, Interrupt &interrupt) {
+    if (options.trash && options.permanent) {
+        throw UsageError("clean: --trash and --permanent exclude each other");
+    }
     const bool hasSelection = options.defaultSelection || !options.items.empty();
     if (!canAsk()) {
         if (!hasSelection) {
@@ -231,17 +248,16 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
         interrupt.token());
     progress.clear();
 
-    write(stdout, options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
-                                    : reportText(report, outputStyle));
+    const auto text = options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
+                                        : reportText(report, outputStyle);
+    const bool isReported = reportWritten(text);
     if (interrupt.wasRequested()) {
-        if (!options.scan.json) {
-            write(stderr, fmt::format("Stopped; {} left as found.\n",
-                                      DisplayText::count(items.size() - report.outcomes.size(),
-                                                         "selected item")));
-        }
+        tell(fmt::format(
+            "Stopped; {} left as found.\n",
+            DisplayText::count(items.size() - report.outcomes.size(), "selected item")));
         return ExitCode::interrupted;
     }
-    return report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;
+    return isReported && report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;
 }
 
 } // namespace klarbox

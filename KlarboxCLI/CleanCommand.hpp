@@ -12,6 +12,7 @@ class Interrupt;
 /// What `klarbox clean` is told on the command line.
 struct CleanOptions {
     ScanOptions scan;
+    bool trash = false;             ///< move to the Trash, as happens without it too
     bool permanent = false;         ///< delete instead of moving to the Trash
     bool defaultSelection = false;  ///< select what starts out selected
     std::vector<std::string> items; ///< select these identifiers

@@ -8,12 +8,6 @@ namespace {
 
 constexpr std::string_view eraseLine = "\r\x1b[K";
 
-/// Progress is a courtesy: when nobody reads it any more, work goes on.
-void draw(std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-}
-
 } // namespace
 
 void ProgressLine::show(std::string_view text) {
@@ -23,14 +17,14 @@ void ProgressLine::show(std::string_view text) {
     }
     // The last column stays free: a full line would wrap and could not be erased.
     const auto width = style_.width > 1 ? style_.width - 1 : 1;
-    draw(std::string(eraseLine) + Text::middleTruncated(Text::visible(text), width));
+    tell(std::string(eraseLine) + Text::middleTruncated(Text::visible(text), width));
     isShown_ = true;
 }
 
 void ProgressLine::clear() {
     const std::lock_guard lock(mutex_);
     if (isShown_) {
-        draw(eraseLine);
+        tell(eraseLine);
         isShown_ = false;
     }
 }

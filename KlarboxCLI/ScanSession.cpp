@@ -31,9 +31,6 @@ constexpr std::size_t largestEnvironmentFile = 64 << 20;
 /// The folder that an option names. A path through ".." is resolved on the disk, as a shell would:
 /// folding it as text would lead elsewhere when a link comes before it.
 FileURL folder(std::string_view option, const std::string &path) {
-    if (path.empty()) {
-        throw UsageError(fmt::format("{}: the folder's name is empty", option));
-    }
     FileURL url(path, true);
     if (!FileManager::isDirectory(url)) {
         throw UsageError(fmt::format("{}: {} is not a folder", option, Text::visible(path)));

@@ -28,13 +28,15 @@ using Number = std::int64_t ScanSettings::*;
 struct Key {
     std::string_view name;
     std::variant<List, Flag, Number> field;
+    std::string_view meaning;
 };
 
 constexpr std::array keys{
-    Key{"projectRoots", &ScanSettings::projectRoots},
-    Key{"includeNodeModules", &ScanSettings::includeNodeModules},
-    Key{"staleProjectDays", &ScanSettings::staleProjectDays},
-    Key{"excludedPaths", &ScanSettings::excludedPaths},
+    Key{"projectRoots", &ScanSettings::projectRoots, "folders that hold projects"},
+    Key{"includeNodeModules", &ScanSettings::includeNodeModules, "true or false"},
+    Key{"staleProjectDays", &ScanSettings::staleProjectDays,
+        "days without a change after which a project is stale"},
+    Key{"excludedPaths", &ScanSettings::excludedPaths, "what is never offered or cleaned"},
 };
 
 const Key &keyNamed(const std::string &name) {
@@ -162,6 +164,14 @@ std::string everything(const ScanSettings &settings) {
 }
 
 } // namespace
+
+std::string settingsSummary() {
+    std::vector<std::string> all;
+    for (const auto &key : keys) {
+        all.push_back(fmt::format("{} ({})", key.name, key.meaning));
+    }
+    return fmt::format("{}", fmt::join(all, ", "));
+}
 
 int runSettings(const SettingsOptions &options) {
     const auto file =

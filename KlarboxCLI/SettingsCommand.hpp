@@ -13,6 +13,9 @@ struct SettingsOptions {
     std::vector<std::string> values; ///< of set, add and remove
 };
 
+/// The settings and what they take, for help.
+std::string settingsSummary();
+
 /// `klarbox settings`: shows, sets and checks the scan settings. Returns the exit code; throws
 /// `UsageError`, with the file untouched.
 int runSettings(const SettingsOptions &options);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <system_error>
 #include <unistd.h>
@@ -58,11 +59,26 @@ std::string OutputStyle::styled(std::string_view code, std::string_view text) co
     return styledText;
 }
 
+void occupyStandardStreams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) < 0) {
+            // The lowest free number is this one. Opened the wrong way round, it takes no output.
+            [[maybe_unused]] const int opened =
+                ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
 void write(std::FILE *stream, std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stream) != text.size() ||
         std::fflush(stream) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot write the output");
     }
+}
+
+void tell(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
 }
 
 } // namespace klarbox

@@ -30,7 +30,15 @@ private:
     std::string styled(std::string_view code, std::string_view text) const;
 };
 
+/// Keeps the numbers of standard streams that this process was started without from going to files
+/// that are opened later, which output would then land in; using such a stream fails. To be called
+/// before anything is opened.
+void occupyStandardStreams();
+
 /// Writes all of `text`. Throws `std::system_error` when the stream takes it no more.
 void write(std::FILE *stream, std::string_view text);
+
+/// Writes to standard error what work does not depend on: when nobody reads it, work goes on.
+void tell(std::string_view text);
 
 } // namespace klarbox

@@ -1,3 +1,5 @@
+#include "KlarboxKit/Platform/ChildProcess.hpp"
+
 #include "Tests/CLI/Klarbox.hpp"
 
 #include <chrono>
@@ -73,7 +75,10 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
     const std::vector<Case> cases{
         {{"scan", "--home", at("missing")}, {"--home", "missing"}},
         {{"scan", "--home", at("file")}, {"--home", "file"}},
-        {{"scan", "--home", ""}, {"--home"}},
+        {{"scan", "--home", ""}, {"--home", "empty"}},
+        {{"scan", "--disk", ""}, {"--disk", "empty"}},
+        {{"scan", "--settings", ""}, {"--settings", "empty"}},
+        {{"scan", "--environment", ""}, {"--environment", "empty"}},
         {{"scan", "--disk", at("missing")}, {"--disk", "missing"}},
         {{"scan", "--settings", at("no-key.json")}, {"no-key.json", "excludedPaths"}},
         {{"scan", "--settings", at("no-json.json")}, {"no-json.json", "line"}},
@@ -99,6 +104,30 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
         for (const auto &name : named) {
             EXPECT_THAT(run.error, HasSubstr(name));
         }
+    }
+}
+
+TEST(ScanCommand, doesNotEndWellWhenItsOutputIsLost) {
+    const TemporaryTree tree{{"home/Library/Caches/com.example.a/x", bytes(2'000'000)}};
+    const auto home = " --home " + (tree / "home").path();
+    const struct {
+        std::string command;
+        int expected;
+    } cases[] = {
+        {"scan" + home + " >/dev/full", 2},
+        {"scan --json" + home + " >&-", 2},
+        {"scan" + home + " <&- 2>&-", 0},
+        {"frobnicate 2>/dev/full", 2},
+        {"frobnicate 2>&-", 2},
+        {"--help >/dev/full", 2},
+        {"helper >/dev/full", 2},
+        // Something was removed, so that it must not look like wrong usage.
+        {"clean --category user-caches --default-selection --yes" + home + " >/dev/full", 1},
+    };
+    for (const auto &[command, expected] : cases) {
+        ChildProcess shell(FileURL("/bin/sh"), {"-c", std::string(KLARBOX_PROGRAM) + " " + command},
+                           {{"HOME", tree.root().path()}});
+        EXPECT_EQ(shell.wait(std::chrono::seconds(60), {}), expected) << command << shell.output();
     }
 }
 
