@@ -19,8 +19,10 @@ constexpr std::size_t tierWidth = 8;
 constexpr std::size_t gap = 2;
 constexpr std::size_t widestTitle = 44;
 constexpr std::string_view needsHelper = "Removed by the Klarbox helper, permanently.";
-/// On a terminal narrower than this lines wrap; fitting them would leave nothing to read.
-constexpr std::size_t narrowest = 50;
+/// On a terminal narrower than this, titles stand above what belongs to them, not beside it.
+constexpr std::size_t narrowestTable = 64;
+/// On one that is narrower still lines wrap; fitting them would leave nothing to read.
+constexpr std::size_t narrowest = 24;
 
 std::vector<const KlarboxItem *> largestFirst(const CategoryScan &scan) {
     std::vector<const KlarboxItem *> items;
@@ -45,7 +47,7 @@ public:
             }
         }
         titleWidth_ = std::min(titleWidth_, widestTitle);
-        if (width_ != 0) {
+        if (width_ != 0 && !isNarrow()) {
             titleWidth_ = std::min(titleWidth_, (width_ - textColumn()) / 2);
         }
     }
@@ -74,8 +76,13 @@ public:
     }
 
 private:
+    bool isNarrow() const { return width_ != 0 && width_ < narrowestTable; }
+
     /// Where titles, details and notes begin.
     std::size_t textColumn() const {
+        if (isNarrow()) {
+            return gap + numberWidth_;
+        }
         return gap + numberWidth_ + markWidth + gap + sizeWidth + gap + tierWidth + gap;
     }
 
@@ -131,22 +138,39 @@ private:
         row += item.tier == SafetyTier::review ? style_.yellow(tier) : tier;
         row += std::string(gap, ' ');
 
-        auto title = Text::visible(item.title);
-        if (width_ != 0) {
-            title = Text::middleTruncated(title, titleWidth_);
+        const auto title = Text::visible(item.title);
+        auto detail = item.detail ? Text::visible(*item.detail) : std::string();
+        if (detail == title) {
+            detail.clear();
         }
-        const auto detail = item.detail ? Text::visible(*item.detail) : std::string();
-        if (detail.empty() || detail == title) {
-            row += title;
+        if (isNarrow()) {
+            line(row);
+            indented(title);
+            indented(detail);
         } else {
-            row += DisplayText::leftAligned(title, titleWidth_) + std::string(gap, ' ');
-            const auto used = textColumn() + std::max(titleWidth_, Text::displayWidth(title)) + gap;
-            row += style_.dim(width_ == 0 ? detail : Text::middleTruncated(detail, width_ - used));
+            line(row + titleAndDetail(title, detail));
         }
-        line(row);
         if (const auto facts = remarks(item, saysHelper); !facts.empty()) {
             paragraph(facts, textColumn());
         }
+    }
+
+    /// The text, cut to one line, below the row of its item.
+    void indented(const std::string &text) {
+        if (!text.empty()) {
+            line(std::string(textColumn(), ' ') +
+                 Text::middleTruncated(text, width_ - textColumn()));
+        }
+    }
+
+    std::string titleAndDetail(const std::string &title, const std::string &detail) const {
+        const auto shown = width_ == 0 ? title : Text::middleTruncated(title, titleWidth_);
+        if (detail.empty()) {
+            return shown;
+        }
+        const auto used = textColumn() + std::max(titleWidth_, Text::displayWidth(shown)) + gap;
+        return DisplayText::leftAligned(shown, titleWidth_) + std::string(gap, ' ') +
+               style_.dim(width_ == 0 ? detail : Text::middleTruncated(detail, width_ - used));
     }
 
     /// What a person should know before choosing the item, in sentences.
@@ -183,10 +207,13 @@ private:
             line("Nothing to clean was found.");
             return;
         }
-        line(style_.bold(
+        const auto total =
             fmt::format("Found {} in {}; {} in {} selected.", DisplayText::size(foundBytes),
                         DisplayText::count(found, "item"), DisplayText::size(selectedBytes),
-                        DisplayText::count(selected, "item"))));
+                        DisplayText::count(selected, "item"));
+        for (const auto &piece : DisplayText::wrapped(total, width_)) {
+            line(style_.bold(piece));
+        }
     }
 
     const std::vector<CategoryScan> &scans_;
