@@ -1,8 +1,8 @@
 #include "KlarboxCLI/CleanCommand.hpp"
 
 #include "KlarboxCLI/DisplayText.hpp"
-#include "KlarboxCLI/HelperClient.hpp"
 #include "KlarboxCLI/Interrupt.hpp"
+#include "KlarboxCLI/PrivilegedAccess.hpp"
 #include "KlarboxCLI/ProgressLine.hpp"
 #include "KlarboxCLI/ScanDocument.hpp"
 #include "KlarboxCLI/ScanSession.hpp"
@@ -10,16 +10,11 @@
 #include "KlarboxCLI/Selection.hpp"
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
-#include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
-#include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
-#include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
-#include "KlarboxKit/Safety/SecureDeleter.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <memory>
 #include <system_error>
@@ -30,9 +25,6 @@
 namespace klarbox {
 
 namespace {
-
-/// Long enough for a big folder, short enough that a dead helper is noticed.
-constexpr auto helperTimeLimit = std::chrono::seconds(30);
 
 /// Whether questions can be asked: they go to standard error, answers come from standard input.
 bool canAsk() {
@@ -64,14 +56,20 @@ std::vector<CategoryScan> askForSelection(const std::vector<CategoryScan> &scans
             byDefault.push_back(i + 1);
         }
     }
+    std::string instruction = "\n";
+    for (const auto &line : DisplayText::wrapped("What shall be cleaned? Give numbers and ranges "
+                                                 "such as 1 3-5, \"default\" for what is "
+                                                 "marked [x], \"all\", or \"none\".",
+                                                 style.width)) {
+        instruction += line + "\n";
+    }
     for (;;) {
-        const auto answer =
-            ask("\nWhat shall be cleaned? Numbers and ranges such as 1 3-5, "
-                "\"default\" for what is marked [x], \"all\", or \"none\" [none]: ");
+        const auto answer = ask(instruction + "Clean [none]: ");
         if (const auto numbers = Selection::parseAnswer(answer, numbered.size(), byDefault)) {
             return Selection::selectNumbers(scans, *numbers);
         }
         write(stderr, fmt::format("That is no choice among 1 to {}.\n", numbered.size()));
+        instruction.clear();
     }
 }
 
@@ -98,7 +96,7 @@ struct Plan {
         }
     }
 
-    std::string description() const {
+    std::string description(const PrivilegedAccess &access) const {
         std::string text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
                                        DisplayText::size(bytes));
         if (const auto trashed = count - permanent - commands.size(); trashed > 0) {
@@ -110,8 +108,7 @@ struct Plan {
                                 DisplayText::count(permanent, "item"));
         }
         if (privileged > 0) {
-            text += fmt::format("  {} of the system need the Klarbox helper.\n",
-                                DisplayText::count(privileged, "item"));
+            text += fmt::format("  {}\n", access.remark(privileged));
         }
         for (const auto &command : commands) {
             text += fmt::format("  This command will be run: {}\n", command);
@@ -120,33 +117,19 @@ struct Plan {
     }
 };
 
-bool confirmed(const Plan &plan) {
+bool confirmed(const Plan &plan, const std::string &description) {
     const auto answer = ask(fmt::format(
-        "\n{}Clean {} ({}){}? [y/N] ", plan.description(), DisplayText::count(plan.count, "item"),
+        "\n{}Clean {} ({}){}? [y/N] ", description, DisplayText::count(plan.count, "item"),
         DisplayText::size(plan.bytes),
         plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
     const auto word = Text::lowercased(Text::trimmed(answer));
     return word == "y" || word == "yes";
 }
 
-/// Whatever removes system files: this process itself when it is root, else the helper; null when
-/// no helper is installed.
-std::shared_ptr<const PrivilegedRemoving>
-privilegedRemover(const PrivilegedRoots &roots, const std::shared_ptr<const SafetyGuard> &guard) {
-    if (::geteuid() == 0) {
-        const auto all = roots.all();
-        return std::make_shared<PrivilegedRequestHandler>(std::vector(all.begin(), all.end()),
-                                                          guard, std::make_shared<SecureDeleter>());
-    }
-    const auto helper = HelperClient::installedHelper();
-    if (!FileManager::exists(helper.socket)) {
-        return nullptr;
-    }
-    return std::make_shared<TimeLimitedPrivilegedRemover>(std::make_shared<HelperClient>(helper),
-                                                          helperTimeLimit);
-}
-
 std::string reportText(const CleanReport &report, const OutputStyle &style) {
+    if (report.outcomes.empty()) {
+        return "Nothing was cleaned.\n";
+    }
     std::string text;
     std::size_t titleWidth = 0;
     for (const auto &outcome : report.outcomes) {
@@ -170,7 +153,7 @@ std::string reportText(const CleanReport &report, const OutputStyle &style) {
     if (failures > 0) {
         total += fmt::format("; {} could not be cleaned", DisplayText::count(failures, "item"));
     }
-    return text + (text.empty() ? "" : "\n") + style.bold(total + ".") + "\n";
+    return text + "\n" + style.bold(total + ".") + "\n";
 }
 
 /// Whether the report could be written. What was cleaned stays cleaned when it could not, so that
@@ -216,29 +199,30 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
                 ? Selection::select(std::move(scans), options.defaultSelection, options.items)
                 : askForSelection(scans, errorStyle);
     const auto items = Selection::items(scans);
+    const auto guard = std::make_shared<SafetyGuard>(session.context().home);
+    const PrivilegedAccess access(session.roots(), guard);
     const Plan plan(items, mode);
+    const auto description = plan.description(access);
 
     if (options.dryRun) {
         write(stdout, options.scan.json ? encodeJSON(scanDocument(scans), 2) + "\n"
-                                        : scanTable(scans, {.style = outputStyle}) +
-                                              plan.description() + "Nothing was touched.\n");
+                                        : scanTable(scans, {.style = outputStyle}) + description +
+                                              "Nothing was touched.\n");
         return ExitCode::done;
     }
-    if (!items.empty() && !options.yes && !confirmed(plan)) {
+    if (!items.empty() && !options.yes && !confirmed(plan, description)) {
         write(stderr, "Nothing was touched.\n");
         return ExitCode::done;
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.
     interrupt.finishWorkFirst();
-    const auto guard = std::make_shared<SafetyGuard>(session.context().home);
     std::vector<FileURL> excluded;
     for (const auto &path : session.context().settings.excludedPaths) {
         excluded.push_back(session.context().expand(path));
     }
     const Cleaner cleaner(guard, std::make_shared<FileSystemRemover>(session.context().home),
-                          session.context().environment.runner,
-                          privilegedRemover(session.roots(), guard), excluded);
+                          session.context().environment.runner, access.remover(), excluded);
     const auto report = cleaner.clean(
         items, mode,
         [&](std::int64_t index, std::int64_t total, const std::string &title) {

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "KlarboxKit/Helper/PrivilegedRemoving.hpp"
+#include "KlarboxKit/Helper/PrivilegedRoots.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace klarbox {
+
+/// How this process gets files removed that belong to the system.
+class PrivilegedAccess {
+public:
+    /// To the files below `roots`: this process itself when it is root, else the helper, which
+    /// knows only the startup disk of the machine it runs on.
+    PrivilegedAccess(const PrivilegedRoots &roots, std::shared_ptr<const SafetyGuard> guard);
+
+    /// Null when no helper is installed.
+    const std::shared_ptr<const PrivilegedRemoving> &remover() const { return remover_; }
+
+    /// What to know before `count` items (at least one) are handed to the remover, as a sentence.
+    std::string remark(std::size_t count) const;
+
+private:
+    enum class Way { itself, helper, missingHelper, onlyRoot };
+
+    Way way_;
+    std::shared_ptr<const PrivilegedRemoving> remover_;
+};
+
+} // namespace klarbox
