@@ -19,6 +19,7 @@ struct SigningInformation {
     std::string identifier;    ///< CFBundleIdentifier of the embedded information property list
     std::string teamID;        ///< organisational unit of the signing certificate's subject
     std::string version;       ///< CFBundleShortVersionString; empty without one
+    bool isXPCClient = false;  ///< declares itself a client (see `XPCListener`)
 
     bool operator==(const SigningInformation &) const = default;
 };
@@ -69,15 +70,13 @@ public:
 
     /// Verifies the detached signature that lies beside the executable (its name and ".cms") over
     /// the very bytes that are open here, the signer's certificates at the present moment included,
-    /// and returns what it vouches for. The anchors are read anew by every call. Throws
-    /// `PlatformError` saying what is wrong; never anything else. Reads the executable once from
-    /// end to end. Safe from any thread.
+    /// and returns what it vouches for. All of it stems from the bytes that were verified, also
+    /// when the file changes meanwhile. The anchors are read anew by every call. Throws
+    /// `PlatformError` saying what is wrong; never anything else. Safe from any thread.
     SigningInformation signingInformation(const CodeAnchors &anchors) const;
 
     /// Whether the signature is good and satisfies the requirement.
     bool satisfies(const CodeRequirement &requirement, const CodeAnchors &anchors) const;
-
-    const UniqueFD &executable() const { return executable_; }
 
 private:
     UniqueFD executable_;

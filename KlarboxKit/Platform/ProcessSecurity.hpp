@@ -13,8 +13,8 @@ namespace klarbox::ProcessSecurity {
 /// `PlatformError` when the group cannot be put aside.
 void setGroupAside();
 
-/// For a daemon: nothing it makes is accessible to others, and its memory stays small whatever
-/// number of threads it had at some time.
+/// For a daemon: nothing it makes is accessible to others, its memory stays small whatever number
+/// of threads it had at some time, and it may open as many files as many connections take.
 void prepareDaemon();
 
 /// The group of this name; nothing when the system has none. Throws a POSIX `PlatformError` when

@@ -2,19 +2,22 @@
 
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
+#include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/PropertyList.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
-#include <climits>
 #include <fmt/format.h>
 #include <openssl/bio.h>
 #include <openssl/cms.h>
@@ -77,10 +80,57 @@ void prepareLibrary() {
 
 // MARK: The executable as a stream
 
+/// What was read of an executable before it was verified, to be compared with what is verified.
+/// Whoever can write to the file could otherwise show one content to the verification and another
+/// to whoever asks what the verified program is.
+class Excerpts {
+public:
+    void read(const UniqueFD &file, void *buffer, std::size_t size, std::uint64_t offset) {
+        // A file that ends too early now may be longer when it is verified.
+        if (!readExactly(file, buffer, size, offset)) {
+            throw invalid("The executable is damaged.");
+        }
+        excerpts_.push_back({offset, std::string(static_cast<const char *>(buffer), size), 0});
+    }
+
+    /// Told about all bytes of the executable in order; false when they are not those read before.
+    bool agreeWith(std::string_view bytes, std::uint64_t offset) {
+        for (auto &excerpt : excerpts_) {
+            const auto from = std::max(offset, excerpt.offset);
+            const auto to =
+                std::min(offset + bytes.size(), excerpt.offset + excerpt.bytes.size());
+            if (from >= to) {
+                continue;
+            }
+            if (bytes.substr(from - offset, to - from) !=
+                std::string_view(excerpt.bytes).substr(from - excerpt.offset, to - from)) {
+                return false;
+            }
+            excerpt.compared += to - from;
+        }
+        return true;
+    }
+
+    /// Whether the comparison came by all of them.
+    bool areCompared() const {
+        return std::ranges::all_of(
+            excerpts_, [](const Excerpt &e) { return e.compared == e.bytes.size(); });
+    }
+
+private:
+    struct Excerpt {
+        std::uint64_t offset;
+        std::string bytes;
+        std::size_t compared;
+    };
+    std::vector<Excerpt> excerpts_;
+};
+
 struct ExecutableStream {
     int fd;
+    Excerpts excerpts = {};
     off_t offset = 0;
-    bool tooLong = false;
+    const char *problem = nullptr; ///< what is wrong with the bytes themselves
 };
 
 /// Reads through `pread`, because the descriptor may be shared with another process, and no further
@@ -89,7 +139,7 @@ int readExecutable(BIO *bio, char *buffer, std::size_t size, std::size_t *got) {
     auto &stream = *static_cast<ExecutableStream *>(BIO_get_data(bio));
     *got = 0;
     if (stream.offset > static_cast<off_t>(Code::maximumSize)) {
-        stream.tooLong = true;
+        stream.problem = "it is too long";
         return -1;
     }
     ssize_t count = 0;
@@ -98,6 +148,11 @@ int readExecutable(BIO *bio, char *buffer, std::size_t size, std::size_t *got) {
     } while (count < 0 && errno == EINTR);
     if (count <= 0) {
         return static_cast<int>(count);
+    }
+    if (!stream.excerpts.agreeWith({buffer, static_cast<std::size_t>(count)},
+                                   static_cast<std::uint64_t>(stream.offset))) {
+        stream.problem = "it changed while it was being verified";
+        return -1;
     }
     stream.offset += count;
     *got = static_cast<std::size_t>(count);
@@ -235,6 +290,18 @@ std::string pathOf(const UniqueFD &file) {
     return path;
 }
 
+/// The bytes of the file beside the executable, where anyone may have put anything: nothing but a
+/// regular file is opened for reading, because opening a device can already do something.
+std::string signatureBytes(const FileURL &url) {
+    const UniqueFD found(::open(url.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!found || ::fstat(found.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        throw invalid(fmt::format("There is no signature “{}”.", Text::visible(url.path())));
+    }
+    return FileManager::contents(FileURL(fmt::format("/proc/self/fd/{}", found.get())),
+                                 longestSignature);
+}
+
 CMSOwner readSignature(const std::string &bytes) {
     const auto *at = reinterpret_cast<const unsigned char *>(bytes.data());
     const auto *end = at + bytes.size();
@@ -325,11 +392,18 @@ SigningInformation Code::signingInformation(const CodeAnchors &anchors) const {
     // The name only says where to look: whatever lies there counts for nothing unless it is a
     // signature over the bytes that are open.
     const auto path = pathOf(executable_);
-    const auto cms = readSignature(FileManager::contents(FileURL(path + ".cms"), longestSignature));
+    const auto cms = readSignature(signatureBytes(FileURL(path + ".cms")));
     auto *signer = soleSigner(cms.get());
     const auto store = anchorStore(anchors);
 
     ExecutableStream stream{.fd = executable_.get()};
+    const ExecutableReader read = [&](void *buffer, std::size_t size, std::uint64_t offset) {
+        stream.excerpts.read(executable_, buffer, size, offset);
+        return true;
+    };
+    const auto plist = elfSection(read, infoPlistSection);
+    const bool isXPCClient = elfSection(read, xpcClientSection).has_value();
+
     const BIOOwner source(BIO_new(executableMethod()));
     const BIOOwner buffered(BIO_new(BIO_f_buffer()));
     if (!source || !buffered || BIO_set_read_buffer_size(buffered.get(), 128L << 10) != 1) {
@@ -341,9 +415,13 @@ SigningInformation Code::signingInformation(const CodeAnchors &anchors) const {
     const int verdict =
         CMS_verify(cms.get(), nullptr, store.get(), buffered.get(), nullptr, CMS_BINARY);
     BIO_pop(source.get());
-    if (verdict != 1 || stream.tooLong) {
+    if (stream.problem == nullptr && verdict == 1 && !stream.excerpts.areCompared()) {
+        stream.problem = "it changed while it was being verified";
+    }
+    if (verdict != 1 || stream.problem != nullptr) {
+        const auto reason = cryptoReason();
         throw invalid(fmt::format("The signature of “{}” is not valid: {}", Text::visible(path),
-                                  cryptoReason()));
+                                  stream.problem != nullptr ? stream.problem : reason));
     }
     X509 *certificate = nullptr;
     CMS_SignerInfo_get0_algs(signer, nullptr, &certificate, nullptr, nullptr);
@@ -352,13 +430,11 @@ SigningInformation Code::signingInformation(const CodeAnchors &anchors) const {
     }
     requireSigningCertificate(certificate);
 
-    // Parsed only now that the bytes are known to be the signer's. A program cannot be written to
-    // while it runs, so these are the bytes that were just verified.
-    const auto plist = elfSection(executable_, infoPlistSection);
     if (!plist) {
         throw invalid(
             fmt::format("“{}” carries no information property list.", Text::visible(path)));
     }
+    // Parsed only now that the bytes are known to be the signer's.
     const auto list = PropertyList::parse(*plist);
     const auto string = [&](std::string_view key) {
         const auto value = list.find(key);
@@ -368,7 +444,8 @@ SigningInformation Code::signingInformation(const CodeAnchors &anchors) const {
     return {.endsInAnchor = true,
             .identifier = string("CFBundleIdentifier"),
             .teamID = organisationalUnit(certificate),
-            .version = string("CFBundleShortVersionString")};
+            .version = string("CFBundleShortVersionString"),
+            .isXPCClient = isXPCClient};
 }
 
 } // namespace klarbox

@@ -18,8 +18,18 @@ namespace {
 /// Programs have some forty sections; a table far beyond that is not worth the time it costs.
 constexpr std::size_t mostSections = 4096;
 
-/// Fills `size` bytes from `offset`; false when the file ends before.
-bool readAt(const UniqueFD &file, void *buffer, std::size_t size, std::uint64_t offset) {
+bool isReadable(const Elf64_Ehdr &header) {
+    constexpr auto byteOrder =
+        std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
+    return std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
+           header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_ident[EI_DATA] == byteOrder &&
+           header.e_shentsize == sizeof(Elf64_Shdr) && header.e_shnum <= mostSections &&
+           header.e_shstrndx < header.e_shnum;
+}
+
+} // namespace
+
+bool readExactly(const UniqueFD &file, void *buffer, std::size_t size, std::uint64_t offset) {
     constexpr auto furthest = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
     if (offset > furthest || size > furthest - offset) {
         return false;
@@ -43,25 +53,23 @@ bool readAt(const UniqueFD &file, void *buffer, std::size_t size, std::uint64_t 
     return true;
 }
 
-bool isReadable(const Elf64_Ehdr &header) {
-    constexpr auto byteOrder =
-        std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
-    return std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
-           header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_ident[EI_DATA] == byteOrder &&
-           header.e_shentsize == sizeof(Elf64_Shdr) && header.e_shnum <= mostSections &&
-           header.e_shstrndx < header.e_shnum;
-}
-
-} // namespace
-
 std::optional<std::string> elfSection(const UniqueFD &file, std::string_view name,
                                       std::size_t limit) {
+    return elfSection(
+        [&](void *buffer, std::size_t size, std::uint64_t offset) {
+            return readExactly(file, buffer, size, offset);
+        },
+        name, limit);
+}
+
+std::optional<std::string> elfSection(const ExecutableReader &read, std::string_view name,
+                                      std::size_t limit) {
     Elf64_Ehdr header{};
-    if (!readAt(file, &header, sizeof header, 0) || !isReadable(header)) {
+    if (!read(&header, sizeof header, 0) || !isReadable(header)) {
         return std::nullopt;
     }
     std::vector<Elf64_Shdr> sections(header.e_shnum);
-    if (!readAt(file, sections.data(), sections.size() * sizeof(Elf64_Shdr), header.e_shoff)) {
+    if (!read(sections.data(), sections.size() * sizeof(Elf64_Shdr), header.e_shoff)) {
         return std::nullopt;
     }
     const auto &names = sections[header.e_shstrndx];
@@ -72,12 +80,12 @@ std::optional<std::string> elfSection(const UniqueFD &file, std::string_view nam
         if (section.sh_type == SHT_NOBITS || section.sh_size > limit ||
             section.sh_name > names.sh_size || names.sh_size - section.sh_name < wanted.size() ||
             names.sh_offset > std::numeric_limits<std::uint64_t>::max() - section.sh_name ||
-            !readAt(file, found.data(), found.size(), names.sh_offset + section.sh_name) ||
+            !read(found.data(), found.size(), names.sh_offset + section.sh_name) ||
             found != wanted) {
             continue;
         }
         std::string bytes(section.sh_size, '\0');
-        if (!readAt(file, bytes.data(), bytes.size(), section.sh_offset)) {
+        if (!read(bytes.data(), bytes.size(), section.sh_offset)) {
             return std::nullopt;
         }
         return bytes;

@@ -3,6 +3,8 @@
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,5 +22,16 @@ inline constexpr std::string_view infoPlistSection = "__info_plist";
 /// Throws a POSIX `PlatformError` when reading fails. Safe from any thread.
 std::optional<std::string> elfSection(const UniqueFD &file, std::string_view name,
                                       std::size_t limit = std::size_t{64} << 10);
+
+/// Fills a buffer with `size` bytes from `offset` of an executable; false when it ends before.
+using ExecutableReader =
+    std::function<bool(void *buffer, std::size_t size, std::uint64_t offset)>;
+
+/// The same of an executable that is read through `read`.
+std::optional<std::string> elfSection(const ExecutableReader &read, std::string_view name,
+                                      std::size_t limit = std::size_t{64} << 10);
+
+/// Reads as an `ExecutableReader` does. Throws a POSIX `PlatformError` when reading fails.
+bool readExactly(const UniqueFD &file, void *buffer, std::size_t size, std::uint64_t offset);
 
 } // namespace klarbox

@@ -88,8 +88,8 @@ PeerProcess PeerProcess::ofNumber(const UniqueFD &socket) {
 }
 
 UniqueFD PeerProcess::openExecutable() const {
-    UniqueFD executable(
-        ::open(fmt::format("/proc/{}/exe", pid_).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    UniqueFD executable(::open(fmt::format("/proc/{}/exe", pid_).c_str(),
+                               O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     const int code = errno;
     // As long as the pinned process exists its number is its own, so looking after the opening
     // proves that it was this process's executable that was opened.

@@ -2,10 +2,12 @@
 
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <grp.h>
 #include <malloc.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -31,6 +33,14 @@ void prepareDaemon() {
     ::umask(077);
     // By default each of many threads may come to hold an arena of its own for good.
     ::mallopt(M_ARENA_MAX, 2);
+    // Enough for every connection that is served at once to be looked at and to remove something;
+    // where it cannot be had, the listener makes do with fewer.
+    constexpr rlim_t descriptors = 8192;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < descriptors) {
+        limit.rlim_cur = std::min(limit.rlim_max, descriptors);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
 }
 
 std::optional<gid_t> groupNamed(const char *name) {

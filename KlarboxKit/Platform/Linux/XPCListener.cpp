@@ -1,6 +1,5 @@
 #include "KlarboxKit/Platform/XPCListener.hpp"
 
-#include "KlarboxKit/Platform/Linux/ELFSection.hpp"
 #include "KlarboxKit/Platform/Linux/PeerProcess.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
@@ -60,6 +59,14 @@ struct XPCListener::State {
     std::map<uid_t, std::size_t> verifications; ///< under way, by user
     bool stopping = false;
 
+    /// Tells the delegate. When even that fails (there is no memory), nobody is told.
+    void refused(uid_t user, const char *reason) const noexcept {
+        try {
+            delegate->connectionRefused(user, reason);
+        } catch (const std::exception &) {
+            return;
+        }
+    }
     bool makeRoom(uid_t user);
     bool dropSilent(Clock::time_point now, const std::function<bool(const Connection &)> &eligible);
 };
@@ -133,7 +140,7 @@ void XPCListener::Connection::serve() {
     try {
         verify();
     } catch (const std::exception &error) {
-        state_->delegate->connectionRefused(user_, error.what());
+        state_->refused(user_, error.what());
         return;
     }
     try {
@@ -165,20 +172,20 @@ void XPCListener::Connection::verify() {
             state.changed.notify_all();
         }
     };
-    {
+    const auto information = [&] {
         const Turn turn{*state_, user_};
-        const auto information = code.signingInformation(state_->options.anchors);
-        if (!requirement_->isSatisfiedBy(information)) {
-            throw refusal(fmt::format("The program “{}” of the team “{}” is not the one required.",
-                                      information.identifier, information.teamID));
-        }
+        return code.signingInformation(state_->options.anchors);
+    }();
+    if (!requirement_->isSatisfiedBy(information)) {
+        throw refusal(fmt::format("The program “{}” of the team “{}” is not the one required.",
+                                  information.identifier, information.teamID));
     }
     // While a program runs its file cannot be written to; so the bytes verified are the ones that
     // run only if the program ran until now.
     if (!peer.isAlive()) {
         throw PlatformError::posix(ESRCH);
     }
-    if (elfSection(code.executable(), xpcClientSection)) {
+    if (information.isXPCClient) {
         holdToClientRules(peer);
     }
     setBusy(false);
@@ -368,14 +375,16 @@ void XPCListener::run(const std::stop_token &stop) {
             continue;
         }
         if (!state_->makeRoom(peer.uid)) {
-            state_->delegate->connectionRefused(peer.uid, "The user has too many connections.");
+            state_->refused(peer.uid, "The user has too many connections.");
             continue;
         }
-        const auto connection = std::make_shared<Connection>(state_, std::move(socket), peer.uid);
+        // One newcomer too many for the machine must not cost the others their service.
         try {
+            const auto connection =
+                std::make_shared<Connection>(state_, std::move(socket), peer.uid);
             state_->delegate->shouldAcceptNewConnection(*connection);
-        } catch (const std::system_error &) {
-            state_->delegate->connectionRefused(peer.uid, "No thread could be started.");
+        } catch (const std::exception &error) {
+            state_->refused(peer.uid, error.what());
         }
     }
 }
