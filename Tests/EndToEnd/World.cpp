@@ -129,6 +129,11 @@ std::string Running::readLine() {
     return line;
 }
 
+void Running::writeLine(const std::string &line) const {
+    const auto text = line + "\n";
+    check(::write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+}
+
 Outcome Running::finish() {
     ::close(std::exchange(input_, -1));
     Outcome outcome{};
@@ -227,6 +232,16 @@ bool exists(const std::string &path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+void emptyFolder(const std::string &path) {
+    std::error_code ignored; // what is mounted in the world stays
+    for (const auto &entry : std::filesystem::directory_iterator(path, ignored)) {
+        if (entry.is_directory() && !entry.is_symlink()) {
+            emptyFolder(entry.path());
+        }
+        std::filesystem::remove(entry.path(), ignored);
+    }
+}
+
 // MARK: The world
 
 void EndToEnd::SetUp() {
@@ -239,15 +254,28 @@ void EndToEnd::SetUp() {
     sign(application_);
     std::filesystem::create_directories("/etc/klarbox/anchors");
     std::filesystem::copy_file("/tmp/authority/anchor.pem", "/etc/klarbox/anchors/test.pem");
-    for (const char *folder :
-         {"/Library/Caches", "/Library/Logs/DiagnosticReports", "/private/var/log", "/Users/ann",
-          "/run/klarbox", "/Library/Developer/CoreSimulator/Caches/dyld"}) {
+    for (const char *folder : {"/Library/Caches", "/Library/Logs/DiagnosticReports",
+                               "/private/var/log", "/Users/ann", "/run/klarbox"}) {
         std::filesystem::create_directories(folder);
     }
     std::filesystem::create_symlink("private/var", "/var");
     ::chmod("/tmp", 01777);
     ::chmod("/Library/Caches", 01777);
+    if (hasUsers()) {
+        check(::chown("/Users/ann", ann, ann) == 0, "/Users/ann");
+    }
     journal_.emplace();
+}
+
+void EndToEnd::TearDown() {
+    helper_.reset();
+    journal_.reset();
+    for (const char *folder :
+         {"/etc/klarbox", "/Library", "/opt", "/private", "/run", "/tmp", "/Users"}) {
+        emptyFolder(folder);
+    }
+    std::filesystem::remove("/etc/group");
+    std::filesystem::remove("/var");
 }
 
 std::string EndToEnd::install(const std::string &program, const std::string &name) {
@@ -268,6 +296,21 @@ void EndToEnd::sign(const std::string &file, const std::vector<std::string> &opt
 void EndToEnd::startHelper() {
     helper_.emplace(Launch{.arguments = {helperPath_}});
     ASSERT_TRUE(eventually([] { return exists(serviceSocket); }));
+}
+
+void EndToEnd::stopHelper() {
+    helper_->signal(SIGTERM);
+    EXPECT_EQ(helper_->finish().exitCode, 128 + SIGTERM);
+    helper_.reset();
+}
+
+Outcome EndToEnd::ask(std::vector<std::string> selectorsAndPaths, std::optional<uid_t> user) const {
+    selectorsAndPaths.insert(selectorsAndPaths.begin(), {application_, "ask"});
+    return run({.arguments = std::move(selectorsAndPaths), .user = user});
+}
+
+void EndToEnd::makeClientGroup() {
+    writeFile("/etc/group", "klarbox:x:" + std::to_string(clientGroup) + ":\n");
 }
 
 bool EndToEnd::hasUsers() {
@@ -297,6 +340,7 @@ void enterWorld(int argc, char **argv) {
     add({"--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache"});
     add({"--ro-bind-try", "/etc/ssl/openssl.cnf", "/etc/ssl/openssl.cnf"});
     add({"--proc", "/proc", "--dev", "/dev", "--dir", "/tmp", "--dir", "/run", "--dir", "/opt"});
+    add({"--tmpfs", mountPoint});
     add({"--ro-bind", KLARBOX_BINARY_DIR, binaries, "--ro-bind", KLARBOX_SOURCE_DIR, source});
     add({"--setenv", insideMark, isRoot ? "root" : "user", "--chdir", "/"});
     add({binaries + "/EndToEndTests"});

@@ -16,6 +16,13 @@ namespace klarbox::test {
 
 /// An ordinary user of the world.
 inline constexpr uid_t ann = 1000;
+/// The group that an installed application runs with, in worlds that have it.
+inline constexpr gid_t clientGroup = 990;
+/// A file system of its own inside the helper's folders.
+inline constexpr const char *mountPoint = "/Library/Developer/CoreSimulator/Caches/dyld/mounted";
+
+inline const std::string removeItem = "removeItemAtPath:withReply:";
+inline const std::string removeContents = "removeContentsOfDirectoryAtPath:withReply:";
 inline constexpr const char *serviceSocket = "/run/klarbox/app.klarbox.Klarbox.SystemHelper.sock";
 
 /// What a program said and how it ended (128 and the signal's number when it was killed).
@@ -43,6 +50,8 @@ public:
     pid_t pid() const { return pid_; }
     /// One line of its output; empty at its end.
     std::string readLine();
+    /// Writes one line to its input.
+    void writeLine(const std::string &line) const;
     /// Closes its input and waits for its end.
     Outcome finish();
     /// Sends a signal.
@@ -81,14 +90,21 @@ private:
 class EndToEnd : public testing::Test {
 protected:
     void SetUp() override;
+    void TearDown() override;
 
     /// Copies a built program to /opt/klarbox/NAME and returns that path.
     static std::string install(const std::string &program, const std::string &name);
     /// Runs Packaging/sign on a file.
     static void sign(const std::string &file, const std::vector<std::string> &options = {});
     void startHelper();
+    void stopHelper();
+    /// What the signed foreign client gets for these selectors and paths in turn.
+    Outcome ask(std::vector<std::string> selectorsAndPaths,
+                std::optional<uid_t> user = std::nullopt) const;
     /// Whether there is more than one user here.
     static bool hasUsers();
+    /// Makes the group of the installed application known to the world.
+    static void makeClientGroup();
 
     std::optional<Running> helper_;
     std::optional<Journal> journal_;
@@ -96,9 +112,18 @@ protected:
     std::string application_; ///< the signed foreign client
 };
 
+/// Whether the programs are slowed down by a sanitizer.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool isSanitized = true;
+#else
+inline constexpr bool isSanitized = false;
+#endif
+
 void writeFile(const std::string &path, std::string_view content, mode_t mode = 0644);
 std::string readFile(const std::string &path);
 bool exists(const std::string &path);
+/// Removes whatever can be removed below a folder.
+void emptyFolder(const std::string &path);
 
 /// Waits until something holds; false when it does not come to hold in time.
 template <typename Condition>

@@ -1,6 +1,8 @@
 // The application's client of the helper without the rest of the application.
 //
-// usage: helper-client removeItem PATH… | removeContents PATH… | status EXECUTABLE | wait
+// usage: helper-client removeItem | removeContents | status EXECUTABLE | wait
+// The paths to remove come in lines from standard input, and each result goes out before the next
+// is read.
 
 #include "KlarboxCLI/HelperClient.hpp"
 #include "KlarboxCLI/HelperCommand.hpp"
@@ -27,10 +29,10 @@ int main(int argc, char **argv) {
                 std::cout, helperStatus(FileURL(argv[2]), HelperClient::installedHelper()));
         }
         const HelperClient client;
-        for (int i = 2; i < argc; ++i) {
-            const auto request = mode == "removeItem" ? PrivilegedRequest::removeItem(argv[i])
-                                                      : PrivilegedRequest::removeContents(argv[i]);
-            std::cout << client.perform(request).encoded() << '\n';
+        for (std::string path; std::getline(std::cin, path);) {
+            const auto request = mode == "removeItem" ? PrivilegedRequest::removeItem(path)
+                                                      : PrivilegedRequest::removeContents(path);
+            std::cout << client.perform(request).encoded() << std::endl;
         }
         return 0;
     } catch (const std::exception &error) {

@@ -5,6 +5,7 @@
 // Exits 0 when it was served, 3 when the helper ended the connection, 1 when anything else failed.
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -31,11 +33,16 @@ constexpr int refused = 3;
 
 const std::string removeItem = "removeItemAtPath:withReply:";
 
-int connected(int flags = SOCK_CLOEXEC) {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0);
+sockaddr_un serviceAddress() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, socketPath, sizeof address.sun_path - 1);
+    return address;
+}
+
+int connected(int flags = SOCK_CLOEXEC) {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0);
+    const auto address = serviceAddress();
     if (fd < 0 ||
         ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         std::perror("packet-client: connect");
@@ -90,51 +97,99 @@ int ask(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// Sends bytes that are no message and sees what becomes of the connection.
-int raw(const std::vector<std::string> &arguments) {
-    const int fd = connected();
-    if (arguments[0] == "garbage") {
+/// A packet with a descriptor attached.
+bool sentWithAttachment(int fd, std::string_view bytes, int attachment) {
+    iovec data{const_cast<char *>(bytes.data()), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof attachment)]{};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    auto *header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof attachment);
+    std::memcpy(CMSG_DATA(header), &attachment, sizeof attachment);
+    return ::sendmsg(fd, &message, MSG_NOSIGNAL) >= 0;
+}
+
+/// Sends what is no message, or not the way messages are sent.
+void misbehave(int fd, std::string_view how) {
+    if (how == "garbage") {
         std::string noise(1000, '\0');
         for (std::size_t i = 0; i < noise.size(); ++i) {
             noise[i] = static_cast<char>(i * 37 + 11);
         }
         sent(fd, noise);
-    } else if (arguments[0] == "oversized") {
+    } else if (how == "oversized") {
         sent(fd, packet(removeItem, "/" + std::string(4096, 'a')));
-    } else if (arguments[0] == "attachment") {
-        char byte = 'x';
-        iovec data{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))]{};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        auto *header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof fd);
-        std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
-        ::sendmsg(fd, &message, MSG_NOSIGNAL);
-    } else if (arguments[0] == "vanish") {
+    } else if (how == "attachment") {
+        sentWithAttachment(fd, packet(removeItem, "/Library/Caches/none"), fd);
+    } else if (how == "vanish") {
         sent(fd, packet(removeItem, "/Library/Caches/none"));
-        return served;
-    } else if (arguments[0] == "empty") {
+        ::shutdown(fd, SHUT_RDWR);
+    } else if (how == "empty") {
         sent(fd, "");
-    } else {
-        sent(fd, arguments[0]);
+    } else if (how == "selector") {
+        sent(fd, packet("removeEverything:withReply:", "/Library/Caches/none"));
+    } else if (how == "unended") {
+        sent(fd, removeItem);
     }
+}
+
+/// Misbehaves once and sees what becomes of the connection.
+int raw(const std::vector<std::string> &arguments) {
+    const int fd = connected();
+    misbehave(fd, arguments[0]);
     return printReply(fd);
 }
 
-/// Connects, and says nothing until it is told to end (its input is closed).
-int silent(const std::vector<std::string> &) {
-    const int fd = connected();
+/// Misbehaves in every way in turn, without ever waiting for what comes of it.
+int hostile(const std::vector<std::string> &arguments) {
+    constexpr std::array ways{"silent",     "garbage", "oversized", "empty",
+                              "attachment", "vanish",  "selector",  "unended"};
+    const auto count = static_cast<std::size_t>(std::atoi(arguments[0].c_str()));
+    for (std::size_t i = 0; i < count; ++i) {
+        const int fd = connected();
+        misbehave(fd, ways[i % ways.size()]);
+        ::close(fd);
+    }
+    return served;
+}
+
+/// Connects so many times, and says nothing until it is told to end (its input is closed).
+int silent(const std::vector<std::string> &arguments) {
+    for (int i = std::atoi(arguments[0].c_str()); i > 0; --i) {
+        connected();
+    }
     std::puts("connected");
     std::fflush(stdout);
     while (std::getchar() != EOF) {
     }
-    ::close(fd);
+    return served;
+}
+
+/// Stands in the helper's place: welcomes whoever connects as the helper does, with any file as the
+/// executable that it claims to run, and prints how much it was told then.
+int impostor(const std::vector<std::string> &arguments) {
+    const int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const auto address = serviceAddress();
+    const int executable = ::open(arguments[0].c_str(), O_RDONLY | O_CLOEXEC);
+    ::unlink(socketPath);
+    if (executable < 0 ||
+        ::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        ::chmod(socketPath, 0666) != 0 || ::listen(listener, 8) != 0) {
+        std::perror("packet-client: impostor");
+        return failed;
+    }
+    std::puts("listening");
+    std::fflush(stdout);
+    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    std::string told;
+    sentWithAttachment(fd, "welcome", executable);
+    received(fd, told);
+    std::printf("%zu\n", told.size());
     return served;
 }
 
@@ -286,9 +341,9 @@ int disguise(const std::vector<std::string> &arguments) {
 
 int main(int argc, char **argv) {
     const std::map<std::string_view, std::function<int(const std::vector<std::string> &)>> modes{
-        {"ask", ask},       {"raw", raw},         {"silent", silent},
-        {"stress", stress}, {"latency", latency}, {"repeat", repeat},
-        {"orphan", orphan}, {"child", child},     {"disguise", disguise}};
+        {"ask", ask},       {"raw", raw},           {"hostile", hostile},  {"silent", silent},
+        {"stress", stress}, {"latency", latency},   {"repeat", repeat},    {"orphan", orphan},
+        {"child", child},   {"disguise", disguise}, {"impostor", impostor}};
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         std::fputs("usage: packet-client MODE [ARGUMENT…]\n", stderr);

@@ -253,7 +253,8 @@ void XPCListener::Connection::setBusy(bool busy) {
 
 XPCListener::XPCListener(UniqueFD socket, Options options)
     : state_(std::make_shared<State>(std::move(options))) {
-    // Connections inherit it, so that not even the first packet comes without its sender.
+    // Connections inherit it, so that not even the first packet comes without its sender. Whoever
+    // made the socket did the same before anybody could connect.
     requestSenders(socket);
     const int flags = ::fcntl(socket.get(), F_GETFL);
     // A newcomer may be gone again between being announced and being accepted.

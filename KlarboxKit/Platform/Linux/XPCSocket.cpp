@@ -1,3 +1,4 @@
+#include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Platform/XPC.hpp"
@@ -102,8 +103,12 @@ UniqueFD listen(const FileURL &path, UniqueFD &lock) {
         throw cannotListen(path, errno);
     }
     UniqueFD socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!socket ||
-        ::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+    if (!socket) {
+        throw cannotListen(path, errno);
+    }
+    // Before anybody can connect: newer kernels settle at that moment what a connection inherits.
+    requestSenders(socket);
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         ::fchmodat(folder.get(), temporaryName.c_str(), 0666, 0) != 0 ||
         ::listen(socket.get(), backlog) != 0) {
         throw cannotListen(path, errno);
