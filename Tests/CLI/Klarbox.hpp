@@ -30,9 +30,9 @@ KlarboxRun runKlarbox(const std::vector<std::string> &arguments,
 KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments,
                                 const std::string &input);
 
-/// A demo world in a temporary folder.
+/// A demo world of its own.
 struct TemporaryDemoWorld {
-    TemporaryTree folder;
+    TemporaryTree folder{TemporaryTree::Medium::memoryIfPossible, {}};
     DemoWorld world = makeDemoWorld(folder / "world");
 
     /// `arguments` and the options that make klarbox look at this world.

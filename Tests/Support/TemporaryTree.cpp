@@ -9,6 +9,7 @@
 #include <functional>
 #include <set>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -20,10 +21,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
+/// A folder in memory where programs can be run.
+bool isUsable(const char *memory) {
+    struct statvfs status {};
+    return ::access(memory, W_OK) == 0 && ::statvfs(memory, &status) == 0 &&
+           (status.f_flag & ST_NOEXEC) == 0;
+}
+
 FileURL makeRoot(TemporaryTree::Medium medium) {
     const auto *memory = "/dev/shm";
-    const bool isInMemory =
-        medium == TemporaryTree::Medium::memoryIfPossible && ::access(memory, W_OK) == 0;
+    const bool isInMemory = medium == TemporaryTree::Medium::memoryIfPossible && isUsable(memory);
     const auto folder = isInMemory ? fs::path(memory) : fs::temp_directory_path();
     auto pattern = (fs::canonical(folder) / "klarbox-test.XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
