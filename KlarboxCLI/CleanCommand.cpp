@@ -205,9 +205,10 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto description = plan.description(access);
 
     if (options.dryRun) {
-        write(stdout, options.scan.json ? encodeJSON(scanDocument(scans), 2) + "\n"
-                                        : scanTable(scans, {.style = outputStyle}) + description +
-                                              "Nothing was touched.\n");
+        write(stdout, options.scan.json
+                          ? encodeJSON(scanDocument(scans), 2) + "\n"
+                          : scanTable(scans, {.style = outputStyle, .isSelection = true}) +
+                                description + "Nothing was touched.\n");
         return ExitCode::done;
     }
     if (!items.empty() && !options.yes && !confirmed(plan, description)) {

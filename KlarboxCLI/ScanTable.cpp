@@ -38,6 +38,7 @@ public:
     TableWriter(const std::vector<CategoryScan> &scans, const ScanTableOptions &options)
         : scans_(scans),
           style_(options.style),
+          isSelection_(options.isSelection),
           width_(style_.width == 0 ? 0 : std::max(style_.width, narrowest)) {
         const auto total = numberedItems(scans).size();
         numberWidth_ = options.numbered ? std::to_string(total).size() + gap : 0;
@@ -56,7 +57,7 @@ public:
         std::optional<ScanSection> section;
         std::string empty;
         for (const auto &scan : scans_) {
-            if (scan.items.empty() && scan.issues.empty()) {
+            if (scan.items.empty() && (scan.issues.empty() || isSelection_)) {
                 empty += (empty.empty() ? "" : ", ") + scan.info.title;
                 continue;
             }
@@ -67,11 +68,13 @@ public:
             }
             writeCategory(scan);
         }
-        if (!empty.empty()) {
+        if (!empty.empty() && !isSelection_) {
             paragraph("Nothing to clean in: " + empty + ".", 0);
             line("");
         }
-        writeTotal();
+        if (!isSelection_) {
+            writeTotal();
+        }
         return std::move(text_);
     }
 
@@ -218,6 +221,7 @@ private:
 
     const std::vector<CategoryScan> &scans_;
     OutputStyle style_;
+    bool isSelection_;
     std::size_t width_;
     std::size_t numberWidth_ = 0;
     std::size_t titleWidth_ = 0;

@@ -13,11 +13,13 @@ struct ScanTableOptions {
     OutputStyle style = {};
     /// Whether each item has a number (from 1, in the order of `numberedItems`) to choose it by.
     bool numbered = false;
+    /// Whether only chosen items are left, so that an empty category says nothing of what is there.
+    bool isSelection = false;
 };
 
 /// What a scan found, for people: categories under their sections, items largest first, each with
 /// whether it starts out selected, its size, tier, name and location, its note below; issues; and
-/// what was found and selected in all. Lines fit the style's width.
+/// what was found and selected in all (not of a selection). Lines fit the style's width.
 std::string scanTable(const std::vector<CategoryScan> &scans, const ScanTableOptions &options);
 
 /// The items in the order in which the table shows them.

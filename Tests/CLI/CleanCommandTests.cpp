@@ -181,6 +181,18 @@ TEST(CleanCommand, asksOnTheTerminalAndTakesSilenceForNo) {
     EXPECT_THAT(FileManager::contentsOfDirectory(demo.world.home().appending(".Trash")), IsEmpty());
 }
 
+TEST(CleanCommand, dryRunSaysNothingOfCategoriesWithoutASelection) {
+    const TemporaryDemoWorld demo;
+    const auto run = runKlarbox(
+        demo.arguments({"clean", "--dry-run", "--permanent", "--item",
+                        "user-caches:com.example.photos", "--item", "docker:build-cache"}));
+    EXPECT_EQ(run.exitCode, 0) << run.error;
+    EXPECT_THAT(run.output, AllOf(HasSubstr("Photos"), HasSubstr("docker builder prune -f"),
+                                  HasSubstr("1 item will be deleted permanently"),
+                                  HasSubstr("Nothing was touched"), Not(HasSubstr("Xcode")),
+                                  Not(HasSubstr("Nothing to clean")), Not(HasSubstr("Browser"))));
+}
+
 TEST(CleanCommand, reportsAFailureWithExitCodeOne) {
     const TemporaryDemoWorld demo;
     TemporaryTree fakes{{"brew",
