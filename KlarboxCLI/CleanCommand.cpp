@@ -192,9 +192,14 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto errorStyle = OutputStyle::of(stderr, options.scan.color);
     const auto outputStyle = OutputStyle::of(stdout, options.scan.color);
     ProgressLine progress(errorStyle, errorStyle.isTerminal && !options.scan.noProgress);
-    const Interrupt::Hook hook(interrupt, [&] { progress.close(); });
-
+    Interrupt::Hook hook(interrupt, [&] { progress.close(); });
     auto scans = session.scan(progress, interrupt.token());
+    if (interrupt.wasRequested()) {
+        return ExitCode::interrupted;
+    }
+
+    // The shell's prompt shall not stand in the line of a question that was not answered.
+    hook.replace([] { tell("\n"); });
     scans = hasSelection
                 ? Selection::select(std::move(scans), options.defaultSelection, options.items)
                 : askForSelection(scans, errorStyle);
@@ -217,6 +222,10 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.
+    hook.replace([&] {
+        progress.close();
+        tell("Finishing the item in hand. Ctrl-C again stops at once, without a report.\n");
+    });
     interrupt.finishWorkFirst();
     std::vector<FileURL> excluded;
     for (const auto &path : session.context().settings.excludedPaths) {

@@ -44,13 +44,16 @@ Interrupt::~Interrupt() {
 }
 
 Interrupt::Hook::Hook(Interrupt &interrupt, std::function<void()> tidyUp) : interrupt_(interrupt) {
-    const std::lock_guard lock(interrupt_.mutex_);
-    interrupt_.tidyUp_ = std::move(tidyUp);
+    replace(std::move(tidyUp));
 }
 
 Interrupt::Hook::~Hook() {
+    replace(nullptr);
+}
+
+void Interrupt::Hook::replace(std::function<void()> tidyUp) {
     const std::lock_guard lock(interrupt_.mutex_);
-    interrupt_.tidyUp_ = nullptr;
+    interrupt_.tidyUp_ = std::move(tidyUp);
 }
 
 void Interrupt::finishWorkFirst() {

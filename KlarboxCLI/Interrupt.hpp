@@ -29,6 +29,9 @@ public:
         Hook(const Hook &) = delete;
         Hook &operator=(const Hook &) = delete;
 
+        /// From now on `tidyUp` is called instead.
+        void replace(std::function<void()> tidyUp);
+
     private:
         Interrupt &interrupt_;
     };

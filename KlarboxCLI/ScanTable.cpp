@@ -210,10 +210,11 @@ private:
             line("Nothing to clean was found.");
             return;
         }
+        const auto chosen = fmt::format("{} in {}", DisplayText::size(selectedBytes),
+                                        DisplayText::count(selected, "item"));
         const auto total =
-            fmt::format("Found {} in {}; {} in {} selected.", DisplayText::size(foundBytes),
-                        DisplayText::count(found, "item"), DisplayText::size(selectedBytes),
-                        DisplayText::count(selected, "item"));
+            fmt::format("Found {} in {}; {} selected.", DisplayText::size(foundBytes),
+                        DisplayText::count(found, "item"), selected == 0 ? "nothing" : chosen);
         for (const auto &piece : DisplayText::wrapped(total, width_)) {
             line(style_.bold(piece));
         }
