@@ -90,8 +90,8 @@ void set(ScanSettings &settings, const Key &key, const std::vector<std::string> 
                 std::int64_t parsed = 0;
                 const auto *end = value.data() + value.size();
                 const auto [stop, error] = std::from_chars(value.data(), end, parsed);
-                if (error != std::errc() || stop != end) {
-                    throw UsageError(fmt::format("settings set {}: '{}' is not a whole number",
+                if (error != std::errc() || stop != end || parsed < 0) {
+                    throw UsageError(fmt::format("settings set {}: '{}' is not a number of days",
                                                  key.name, Text::visible(value)));
                 }
                 settings.*number = parsed;

@@ -67,6 +67,7 @@ TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
         {"damaged.json", {"set", "staleProjectDays", "1"}, "damaged.json"},
         {"dangling.json", {"set", "staleProjectDays", "1"}, "dangling.json"},
         {"sound.json", {"set", "staleProjectDays", "soon"}, "soon"},
+        {"sound.json", {"set", "staleProjectDays", "-5"}, "-5"},
         {"sound.json", {"set", "staleProjectDays", "99999999999999999999"}, "staleProjectDays"},
         {"sound.json", {"set", "includeNodeModules", "maybe"}, "maybe"},
         {"sound.json", {"set", "colour", "red"}, "colour"},
