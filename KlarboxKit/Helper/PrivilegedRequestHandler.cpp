@@ -118,15 +118,15 @@ PrivilegedRemovalResult PrivilegedRequestHandler::removeItem(const std::string &
 }
 
 PrivilegedRemovalResult PrivilegedRequestHandler::removeContents(const std::string &path) const {
-    const auto [url, root] = resolve(path);
-    const auto folder = safety_->validate(url, root);
+    const auto resolved = resolve(path);
+    const auto folder = safety_->validate(resolved.url, resolved.root);
     if (!folder.isDirectory()) {
         return PrivilegedRemovalResult::failed("Not a folder");
     }
     PrivilegedRemovalResult total;
     for (const auto &name : FileManager::contentsOfDirectory(folder)) {
         add(total, withFailuresAsResults(
-                       [&] { return removeChild(folder.appending(name), folder, root); }));
+                       [&] { return removeChild(folder.appending(name), folder, resolved.root); }));
     }
     return total;
 }

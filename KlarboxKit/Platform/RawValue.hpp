@@ -13,6 +13,9 @@ struct RawCase {
     E value;
     Raw raw;
 };
+// Compilers before P1816 do not deduce an aggregate's arguments by themselves.
+template <typename E, typename Raw>
+RawCase(E, Raw) -> RawCase<E, Raw>;
 
 /// Specialised for every enumeration with raw values: `table` is an array of `RawCase` in
 /// declaration order. Raw value, construction and the list of all cases derive from it.
