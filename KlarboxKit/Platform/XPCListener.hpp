@@ -48,11 +48,17 @@ struct XPCLimits {
     /// Of one user: several times what an application with many requests in flight opens, and too
     /// few for one user to keep all others out.
     std::size_t connectionsPerUser = 96;
+    /// Of one user, newcomers that wait for a place of their user's or at all; one more is turned
+    /// away. A descriptor each.
+    std::size_t newcomersPerUser = 64;
+    /// How long they wait before they are turned away.
+    std::chrono::milliseconds patience{5000};
     /// Programs of one user that are looked at at the same time: hashing is the one thing that an
     /// unknown peer can make this process work on, and must leave processor time to others.
     std::size_t verificationsPerUser = 4;
-    /// How long a peer may be silent while another waits for its place.
-    std::chrono::milliseconds silence{5000};
+    /// How long a peer may be silent while another waits for its place. Hardly longer than anyone
+    /// should wait: who is cut off for it and has something to say connects again.
+    std::chrono::milliseconds silence{100};
     /// How long a peer may leave replies unread.
     std::chrono::milliseconds unreadReply{10'000};
 };

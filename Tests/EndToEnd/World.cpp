@@ -323,13 +323,14 @@ namespace {
 void enterWorld(int argc, char **argv) {
     const bool isRoot = ::geteuid() == 0;
     std::vector<std::string> arguments{
-        "bwrap", "--unshare-pid", "--die-with-parent", "--tmpfs", "/", "--ro-bind", "/usr", "/usr"};
+        "bwrap", "--unshare-pid", "--die-with-parent", "--perms", "0755", "--tmpfs", "/"};
     const auto add = [&](std::initializer_list<std::string> more) {
         arguments.insert(arguments.end(), more);
     };
     if (!isRoot) {
         add({"--unshare-user", "--uid", "0", "--gid", "0"});
     }
+    add({"--perms", "0755", "--dir", "/etc", "--ro-bind", "/usr", "/usr"});
     for (const std::string folder : {"/bin", "/sbin", "/lib", "/lib64"}) {
         if (std::filesystem::is_symlink(folder)) {
             add({"--symlink", std::filesystem::read_symlink(folder), folder});
@@ -340,7 +341,7 @@ void enterWorld(int argc, char **argv) {
     add({"--ro-bind-try", "/etc/ld.so.cache", "/etc/ld.so.cache"});
     add({"--ro-bind-try", "/etc/ssl/openssl.cnf", "/etc/ssl/openssl.cnf"});
     add({"--proc", "/proc", "--dev", "/dev", "--dir", "/tmp", "--dir", "/run", "--dir", "/opt"});
-    add({"--tmpfs", mountPoint});
+    add({"--perms", "0755", "--dir", "/Library", "--tmpfs", mountPoint});
     add({"--ro-bind", KLARBOX_BINARY_DIR, binaries, "--ro-bind", KLARBOX_SOURCE_DIR, source});
     add({"--setenv", insideMark, isRoot ? "root" : "user", "--chdir", "/"});
     add({binaries + "/EndToEndTests"});

@@ -11,6 +11,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -37,6 +38,16 @@ timeval timeLimit(std::chrono::milliseconds limit) {
             .tv_usec = std::chrono::microseconds(limit - seconds).count()};
 }
 
+/// How often it is looked whether a place has become free, while somebody waits for one.
+constexpr int newcomersTick = 5;
+
+/// A peer that has not been given a place yet.
+struct Newcomer {
+    UniqueFD socket;
+    uid_t user;
+    Clock::time_point since;
+};
+
 bool hasPendingPacket(const UniqueFD &socket) {
     pollfd pending{.fd = socket.get(), .events = POLLIN, .revents = 0};
     return ::poll(&pending, 1, 0) != 0;
@@ -45,7 +56,7 @@ bool hasPendingPacket(const UniqueFD &socket) {
 } // namespace
 
 /// Everything the connections' threads share; they keep it alive.
-struct XPCListener::State {
+struct XPCListener::State : std::enable_shared_from_this<State> {
     explicit State(Options given) : options(std::move(given)) {}
 
     const Options options;
@@ -67,8 +78,10 @@ struct XPCListener::State {
             return;
         }
     }
-    bool makeRoom(uid_t user);
-    bool dropSilent(Clock::time_point now, const std::function<bool(const Connection &)> &eligible);
+    std::optional<Newcomer> accept() const;
+    bool hasRoom(uid_t user);
+    void dropSilent(const std::function<bool(const Connection &)> &eligible);
+    void serve(UniqueFD newcomer, uid_t user);
 };
 
 class XPCListener::Connection final : public XPCIncomingConnection,
@@ -288,8 +301,7 @@ std::size_t XPCListener::connectionCount() const {
 }
 
 /// Ends the connection that has been silent longest among the eligible ones, if that is too long.
-bool XPCListener::State::dropSilent(Clock::time_point now,
-                                    const std::function<bool(const Connection &)> &eligible) {
+void XPCListener::State::dropSilent(const std::function<bool(const Connection &)> &eligible) {
     const Connection *silent = nullptr;
     for (const auto &connection : connections) {
         if (!connection->isBusy && eligible(*connection) &&
@@ -297,37 +309,38 @@ bool XPCListener::State::dropSilent(Clock::time_point now,
             silent = connection.get();
         }
     }
-    if (silent == nullptr || now - silent->lastHeard < options.limits.silence) {
+    if (silent != nullptr && Clock::now() - silent->lastHeard >= options.limits.silence) {
+        silent->end();
+    }
+}
+
+/// Whether one more connection of this user may be served now; if not, whoever is silent makes
+/// room.
+bool XPCListener::State::hasRoom(uid_t user) {
+    const std::lock_guard lock(mutex);
+    const auto ofUser = [&](const Connection &connection) { return connection.user() == user; };
+    const auto count = static_cast<std::size_t>(
+        std::ranges::count_if(connections, [&](const auto &c) { return ofUser(*c); }));
+    if (count >= options.limits.connectionsPerUser) {
+        dropSilent(ofUser); // a user's own crowd is that user's own problem
         return false;
     }
-    silent->end();
+    if (connections.size() >= options.limits.connections) {
+        dropSilent([](const Connection &) { return true; });
+        return false;
+    }
     return true;
 }
 
-/// Waits, within reason, until one more connection of this user may be served.
-bool XPCListener::State::makeRoom(uid_t user) {
-    std::unique_lock lock(mutex);
-    const auto ofUser = [&](const Connection &connection) { return connection.user() == user; };
-    const auto count = [&] {
-        return static_cast<std::size_t>(
-            std::ranges::count_if(connections, [&](const auto &c) { return ofUser(*c); }));
-    };
-    // A user's own crowd is that user's own problem: others must not wait behind it.
-    if (count() >= options.limits.connectionsPerUser) {
-        if (!dropSilent(Clock::now(), ofUser)) {
-            return false;
-        }
-        changed.wait_for(lock, std::chrono::milliseconds(100),
-                         [&] { return stopping || count() < options.limits.connectionsPerUser; });
-        if (count() >= options.limits.connectionsPerUser) {
-            return false;
-        }
+void XPCListener::State::serve(UniqueFD newcomer, uid_t user) {
+    // One newcomer too many for the machine must not cost the others their service.
+    try {
+        const auto connection =
+            std::make_shared<Connection>(shared_from_this(), std::move(newcomer), user);
+        delegate->shouldAcceptNewConnection(*connection);
+    } catch (const std::exception &error) {
+        refused(user, error.what());
     }
-    while (!stopping && connections.size() >= options.limits.connections) {
-        dropSilent(Clock::now(), [](const Connection &) { return true; });
-        changed.wait_for(lock, std::chrono::milliseconds(20));
-    }
-    return !stopping;
 }
 
 void XPCListener::run(const std::stop_token &stop) {
@@ -341,53 +354,65 @@ void XPCListener::run(const std::stop_token &stop) {
         state_->stopping = true;
         state_->changed.notify_all();
     });
+    const auto &limits = state_->options.limits;
+    std::list<Newcomer> newcomers;
     while (!stop.stop_requested()) {
         std::array<pollfd, 2> events{pollfd{.fd = stopped.get(), .events = POLLIN, .revents = 0},
                                      {.fd = state_->socket.get(), .events = POLLIN, .revents = 0}};
-        if (::poll(events.data(), events.size(), -1) < 0 && errno != EINTR) {
+        if (::poll(events.data(), events.size(), newcomers.empty() ? -1 : newcomersTick) < 0 &&
+            errno != EINTR) {
             throw PlatformError::posix(errno);
         }
-        if (stop.stop_requested()) {
-            return;
-        }
-        UniqueFD socket(::accept4(state_->socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!socket) {
-            switch (errno) {
-            case EAGAIN:
-            case EINTR:
-            case ECONNABORTED:
-                continue;
-            case EMFILE:
-            case ENFILE:
-            case ENOBUFS:
-            case ENOMEM:
-                // Nothing to do but to let others finish; without a pause this would spin.
-                ::poll(events.data(), 1, 100);
-                continue;
-            default:
-                throw PlatformError::posix(errno);
+        if (auto newcomer = state_->accept()) {
+            const auto waiting = std::ranges::count(newcomers, newcomer->user, &Newcomer::user);
+            if (static_cast<std::size_t>(waiting) < limits.newcomersPerUser) {
+                newcomers.push_back(*std::move(newcomer));
+            } else {
+                state_->refused(newcomer->user, "Too many of the user's connections wait.");
             }
         }
-        ucred peer{};
-        socklen_t size = sizeof peer;
-        const auto limit = timeLimit(state_->options.limits.unreadReply);
-        if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
-            ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
-            continue;
-        }
-        if (!state_->makeRoom(peer.uid)) {
-            state_->refused(peer.uid, "The user has too many connections.");
-            continue;
-        }
-        // One newcomer too many for the machine must not cost the others their service.
-        try {
-            const auto connection =
-                std::make_shared<Connection>(state_, std::move(socket), peer.uid);
-            state_->delegate->shouldAcceptNewConnection(*connection);
-        } catch (const std::exception &error) {
-            state_->refused(peer.uid, error.what());
+        for (auto next = newcomers.begin(); next != newcomers.end();) {
+            if (state_->hasRoom(next->user)) {
+                state_->serve(std::move(next->socket), next->user);
+            } else if (Clock::now() - next->since >= limits.patience) {
+                state_->refused(next->user, "There is no room for one more connection.");
+            } else {
+                ++next;
+                continue;
+            }
+            next = newcomers.erase(next);
         }
     }
+}
+
+/// The next peer that connected; nothing when there is none, or nothing can be done about it.
+std::optional<Newcomer> XPCListener::State::accept() const {
+    UniqueFD peer(::accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!peer) {
+        switch (errno) {
+        case EAGAIN:
+        case EINTR:
+        case ECONNABORTED:
+            return std::nullopt;
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+            // Nothing to do but to let others finish; without a pause this would spin.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            return std::nullopt;
+        default:
+            throw PlatformError::posix(errno);
+        }
+    }
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    const auto limit = timeLimit(options.limits.unreadReply);
+    if (::getsockopt(peer.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
+        ::setsockopt(peer.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+        return std::nullopt;
+    }
+    return Newcomer{std::move(peer), credentials.uid, Clock::now()};
 }
 
 } // namespace klarbox

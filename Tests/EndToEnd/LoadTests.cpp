@@ -1,0 +1,171 @@
+#include "Tests/EndToEnd/World.hpp"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
+#include <unistd.h>
+#include <utility>
+
+#include <gmock/gmock.h>
+
+namespace klarbox::test {
+namespace {
+
+/// What a process holds at a moment.
+struct Holdings {
+    std::size_t descriptors;
+    long threads;
+    long memory; ///< resident, in kB
+
+    bool operator==(const Holdings &) const = default;
+};
+
+long statusValue(pid_t pid, const std::string &key) {
+    const auto text = readFile("/proc/" + std::to_string(pid) + "/status");
+    const auto at = text.find("\n" + key + ":");
+    return at == std::string::npos ? -1 : std::atol(text.c_str() + at + key.size() + 2);
+}
+
+Holdings holdings(pid_t pid) {
+    const std::filesystem::directory_iterator open("/proc/" + std::to_string(pid) + "/fd");
+    return {static_cast<std::size_t>(std::distance(begin(open), end(open))),
+            statusValue(pid, "Threads"), statusValue(pid, "VmRSS")};
+}
+
+/// Clock ticks that a process has been running for.
+long processorTime(pid_t pid) {
+    auto stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    stat.erase(0, stat.rfind(')') + 1);
+    std::istringstream fields(stat);
+    const std::vector<std::string> all{std::istream_iterator<std::string>(fields), {}};
+    return std::atol(all.at(11).c_str()) + std::atol(all.at(12).c_str());
+}
+
+struct Latency {
+    long median; ///< in microseconds
+    long longest;
+};
+
+class Load : public EndToEnd {
+protected:
+    /// Round trips of one client that removes small files, pausing between them.
+    Latency latency(int count, int pauseInMilliseconds = 0,
+                    std::optional<uid_t> user = std::nullopt) const {
+        const auto outcome =
+            run({.arguments = {application_, "latency", std::to_string(count), "/Library/Caches",
+                               std::to_string(pauseInMilliseconds)},
+                 .user = user});
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        Latency found{};
+        std::istringstream(outcome.out) >> found.median >> found.longest;
+        return found;
+    }
+};
+
+TEST_F(Load, ofManyClientsIsAnsweredAndLoggedExactlyOnce) {
+    startHelper();
+    const std::size_t requests = isSanitized ? 20 : 200;
+    const auto outcome = run(
+        {.arguments = {application_, "stress", "64", std::to_string(requests), "/Library/Caches"}});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.out << outcome.err;
+    auto lines = journal_->messages("requests", 64 * requests);
+    EXPECT_EQ(lines.size(), 64 * requests);
+    std::ranges::sort(lines);
+    EXPECT_EQ(std::ranges::adjacent_find(lines), lines.end());
+    EXPECT_TRUE(std::filesystem::is_empty("/Library/Caches"));
+}
+
+TEST_F(Load, ofHostilePeersDelaysNobody) {
+    const auto unsignedClient = install("packet-client", "unsigned");
+    const auto large = install("packet-client", "large");
+    sign(large);
+    // Takes long to hash, and is no longer what was signed.
+    std::filesystem::resize_file(large, 60 << 20);
+    startHelper();
+    const std::vector<std::pair<const char *, std::vector<std::string>>> cases{
+        {"verified ones that misbehave", {application_, "hostile", "1000000"}},
+        {"unsigned ones", {unsignedClient, "hostile", "1000000"}},
+        {"verified ones that say nothing", {application_, "silent", "50"}},
+        {"ones whose programs take long to verify", {large, "silent", "20"}},
+    };
+    constexpr long bound = isSanitized ? 1'000'000 : 100'000;
+    for (const auto &[what, arguments] : cases) {
+        // What else the machine does can delay an answer too, but not every time.
+        long longest = bound;
+        for (int attempt = 0; attempt < 3 && longest >= bound; ++attempt) {
+            const Running one({.arguments = arguments});
+            const Running other({.arguments = arguments});
+            longest = latency(50, 5).longest;
+        }
+        EXPECT_LT(longest, bound) << what;
+    }
+}
+
+TEST_F(Load, ofAThousandHostilePeersLeavesNothingBehind) {
+    const auto unsignedClient = install("packet-client", "unsigned");
+    startHelper();
+    const auto suffer = [&](int count) {
+        for (const auto &program : {application_, unsignedClient}) {
+            EXPECT_EQ(run({.arguments = {program, "hostile", std::to_string(count)}}).exitCode, 0);
+        }
+        // Those that end in the middle of everything.
+        for (int i = 0; i < count / 20; ++i) {
+            Running(Launch{.arguments = {application_, "silent", "3"}}).signal(SIGKILL);
+        }
+    };
+    ask({removeItem, "/Library/Caches/none"}); // opens the log
+    Holdings before{};
+    EXPECT_TRUE(eventually([&] { // the connection of that is gone
+        const auto earlier = std::exchange(before, holdings(helper_->pid()));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return before == earlier;
+    }));
+    // What is allocated once and kept is allocated by then.
+    suffer(1000);
+    const auto kept = holdings(helper_->pid()).memory;
+    suffer(1000);
+    Holdings after{};
+    EXPECT_TRUE(eventually([&] {
+        after = holdings(helper_->pid());
+        return after.threads == before.threads && after.descriptors == before.descriptors;
+    })) << after.threads
+        << " threads, " << after.descriptors << " descriptors";
+    if (!isSanitized) {
+        EXPECT_LT(after.memory, kept + 1024);
+        EXPECT_LT(after.memory, 20 * 1024);
+    }
+    RecordProperty("resident-kB", std::to_string(after.memory));
+    EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}).exitCode, 0);
+}
+
+TEST_F(Load, ofOneUserKeepsNoOtherOut) {
+    startHelper();
+    Running crowd({.arguments = {application_, "silent", "120"}});
+    ASSERT_EQ(crowd.readLine(), "connected");
+    // Others of the same user get in once those of the crowd have been silent for a while.
+    EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}).exitCode, 0);
+    if (!hasUsers()) {
+        GTEST_SKIP() << "the rest needs root, for an ordinary user beside it";
+    }
+    std::vector<std::string> more{application_, "hostile", "1000000"};
+    const Running busy({.arguments = std::move(more)});
+    EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}, ann).exitCode, 0);
+    EXPECT_LT(latency(50, 5, ann).longest, isSanitized ? 1'000'000 : 100'000);
+}
+
+TEST_F(Load, ofOneSmallFileIsAMatterOfMicroseconds) {
+    startHelper();
+    const auto found = latency(500);
+    RecordProperty("median-µs", std::to_string(found.median));
+    EXPECT_LT(found.median, isSanitized ? 10'000 : 1000);
+
+    const auto before = processorTime(helper_->pid());
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(processorTime(helper_->pid()), before) << "an idle helper is not idle";
+    RecordProperty("resident-kB", std::to_string(holdings(helper_->pid()).memory));
+}
+
+} // namespace
+} // namespace klarbox::test
