@@ -101,6 +101,18 @@ bool needsEscape(utf8proc_int32_t scalar) {
     }
 }
 
+/// `text` through one of utf8proc's normalisations; nothing when there is no memory for it.
+std::optional<std::string> mapped(std::string_view text, utf8proc_option_t option) {
+    utf8proc_uint8_t *bytes = nullptr;
+    const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t *>(text.data()),
+                                     static_cast<utf8proc_ssize_t>(text.size()), &bytes, option);
+    const std::unique_ptr<utf8proc_uint8_t, void (*)(void *)> owner(bytes, std::free);
+    if (length < 0) {
+        return std::nullopt;
+    }
+    return std::string(reinterpret_cast<const char *>(bytes), static_cast<std::size_t>(length));
+}
+
 } // namespace
 
 std::string lowercased(std::string_view text) {
@@ -110,25 +122,19 @@ std::string lowercased(std::string_view text) {
         !isValidUTF8(text)) {
         return lowered;
     }
-    utf8proc_uint8_t *mapped = nullptr;
-    const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t *>(text.data()),
-                                     static_cast<utf8proc_ssize_t>(text.size()), &mapped,
-                                     static_cast<utf8proc_option_t>(UTF8PROC_COMPOSE));
-    const std::unique_ptr<utf8proc_uint8_t, void (*)(void *)> owner(mapped, std::free);
-    if (length < 0) {
+    const auto decomposed = mapped(text, UTF8PROC_DECOMPOSE);
+    if (!decomposed) {
         return lowered;
     }
-    std::string_view rest(reinterpret_cast<const char *>(mapped), static_cast<std::size_t>(length));
+    // Letters are lower-cased apart from their marks and composed afterwards: the lower case of a
+    // letter that has no composed form may have one.
     lowered.clear();
-    while (!rest.empty()) {
+    for (std::string_view rest(*decomposed); !rest.empty();) {
         const auto scalar = decode(rest);
         rest.remove_prefix(scalar.length);
         append(lowered, utf8proc_tolower(scalar.value));
-        if (scalar.value == 0x0130) {
-            append(lowered, 0x0307); // the one letter whose lower case is two characters
-        }
     }
-    return lowered;
+    return mapped(lowered, UTF8PROC_COMPOSE).value_or(lowered);
 }
 
 std::vector<std::string> foldedPathComponents(std::string_view path) {
