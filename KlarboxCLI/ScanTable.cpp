@@ -167,7 +167,7 @@ private:
     }
 
     std::string titleAndDetail(const std::string &title, const std::string &detail) const {
-        const auto shown = width_ == 0 ? title : Text::middleTruncated(title, titleWidth_);
+        auto shown = width_ == 0 ? title : Text::middleTruncated(title, titleWidth_);
         if (detail.empty()) {
             return shown;
         }

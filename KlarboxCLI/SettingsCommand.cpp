@@ -166,11 +166,11 @@ std::string everything(const ScanSettings &settings) {
 } // namespace
 
 std::string settingsSummary() {
-    std::vector<std::string> all;
+    std::string text;
     for (const auto &key : keys) {
-        all.push_back(fmt::format("{} ({})", key.name, key.meaning));
+        text += fmt::format("{}{} ({})", text.empty() ? "" : ", ", key.name, key.meaning);
     }
-    return fmt::format("{}", fmt::join(all, ", "));
+    return text;
 }
 
 int runSettings(const SettingsOptions &options) {
