@@ -50,15 +50,17 @@ struct XPCLimits {
     std::size_t connectionsPerUser = 96;
     /// Of one user, newcomers that wait for a place of their user's or at all; one more is turned
     /// away. A descriptor each.
-    std::size_t newcomersPerUser = 64;
+    std::size_t newcomersPerUser = 256;
     /// How long they wait before they are turned away.
     std::chrono::milliseconds patience{5000};
     /// Programs of one user that are looked at at the same time: hashing is the one thing that an
     /// unknown peer can make this process work on, and must leave processor time to others.
     std::size_t verificationsPerUser = 4;
-    /// How long a peer may be silent while another waits for its place. Hardly longer than anyone
-    /// should wait: who is cut off for it and has something to say connects again.
+    /// How long a peer that has not asked for anything yet may be silent while another waits for
+    /// its place: hardly longer than anyone should wait.
     std::chrono::milliseconds silence{100};
+    /// How long one may be that was answered before. Cut off, it connects again.
+    std::chrono::milliseconds pause{5000};
     /// How long a peer may leave replies unread.
     std::chrono::milliseconds unreadReply{10'000};
 };

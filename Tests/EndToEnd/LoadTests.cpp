@@ -4,6 +4,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <list>
 #include <sstream>
 #include <unistd.h>
 #include <utility>
@@ -50,6 +51,23 @@ struct Latency {
 
 class Load : public EndToEnd {
 protected:
+    /// Expects that answers to this user take hardly longer while these programs run.
+    void expectNoDelay(const char *what, const std::vector<Launch> &programs,
+                       std::optional<uid_t> user = std::nullopt) const {
+        constexpr long bound = isSanitized ? 1'000'000 : 100'000;
+        long delay = bound;
+        // What else the machine does can delay an answer too, but not every time.
+        for (int attempt = 0; attempt < 3 && delay >= bound; ++attempt) {
+            const auto undisturbed = latency(50, 5, user).longest;
+            std::list<Running> running;
+            for (const auto &program : programs) {
+                running.emplace_back(program);
+            }
+            delay = latency(50, 5, user).longest - undisturbed;
+        }
+        EXPECT_LT(delay, bound) << what;
+    }
+
     /// Round trips of one client that removes small files, pausing between them.
     Latency latency(int count, int pauseInMilliseconds = 0,
                     std::optional<uid_t> user = std::nullopt) const {
@@ -57,7 +75,8 @@ protected:
             run({.arguments = {application_, "latency", std::to_string(count), "/Library/Caches",
                                std::to_string(pauseInMilliseconds)},
                  .user = user});
-        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        EXPECT_EQ(outcome.exitCode, 0)
+            << outcome.err << testing::PrintToString(journal_->messages("connections", 0));
         Latency found{};
         std::istringstream(outcome.out) >> found.median >> found.longest;
         return found;
@@ -90,16 +109,8 @@ TEST_F(Load, ofHostilePeersDelaysNobody) {
         {"verified ones that say nothing", {application_, "silent", "50"}},
         {"ones whose programs take long to verify", {large, "silent", "20"}},
     };
-    constexpr long bound = isSanitized ? 1'000'000 : 100'000;
     for (const auto &[what, arguments] : cases) {
-        // What else the machine does can delay an answer too, but not every time.
-        long longest = bound;
-        for (int attempt = 0; attempt < 3 && longest >= bound; ++attempt) {
-            const Running one({.arguments = arguments});
-            const Running other({.arguments = arguments});
-            longest = latency(50, 5).longest;
-        }
-        EXPECT_LT(longest, bound) << what;
+        expectNoDelay(what, {{.arguments = arguments}, {.arguments = arguments}});
     }
 }
 
@@ -122,10 +133,14 @@ TEST_F(Load, ofAThousandHostilePeersLeavesNothingBehind) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         return before == earlier;
     }));
-    // What is allocated once and kept is allocated by then.
-    suffer(1000);
-    const auto kept = holdings(helper_->pid()).memory;
-    suffer(1000);
+    // Some memory is allocated once and kept; what leaked would be more after every round.
+    long memory = before.memory;
+    long leastGrowth = 20 * 1024;
+    for (int round = 0; round < 4; ++round) {
+        suffer(1000);
+        const auto now = holdings(helper_->pid()).memory;
+        leastGrowth = std::min(leastGrowth, now - std::exchange(memory, now));
+    }
     Holdings after{};
     EXPECT_TRUE(eventually([&] {
         after = holdings(helper_->pid());
@@ -133,7 +148,7 @@ TEST_F(Load, ofAThousandHostilePeersLeavesNothingBehind) {
     })) << after.threads
         << " threads, " << after.descriptors << " descriptors";
     if (!isSanitized) {
-        EXPECT_LT(after.memory, kept + 1024);
+        EXPECT_LT(leastGrowth, 256);
         EXPECT_LT(after.memory, 20 * 1024);
     }
     RecordProperty("resident-kB", std::to_string(after.memory));
@@ -149,10 +164,9 @@ TEST_F(Load, ofOneUserKeepsNoOtherOut) {
     if (!hasUsers()) {
         GTEST_SKIP() << "the rest needs root, for an ordinary user beside it";
     }
-    std::vector<std::string> more{application_, "hostile", "1000000"};
-    const Running busy({.arguments = std::move(more)});
     EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}, ann).exitCode, 0);
-    EXPECT_LT(latency(50, 5, ann).longest, isSanitized ? 1'000'000 : 100'000);
+    expectNoDelay("another user's crowd", {{.arguments = {application_, "hostile", "1000000"}}},
+                  ann);
 }
 
 TEST_F(Load, ofOneSmallFileIsAMatterOfMicroseconds) {

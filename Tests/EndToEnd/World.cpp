@@ -11,6 +11,7 @@
 #include <iterator>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -171,19 +172,11 @@ Journal::Journal() {
                 continue;
             }
             const auto got = ::recv(socket_, packet.data(), packet.size(), 0);
-            std::string_view rest(packet.data(),
-                                  static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-            Entry entry;
-            while (!rest.empty()) {
-                const auto line = rest.substr(0, rest.find('\n'));
-                const auto equals = line.find('=');
-                if (equals != std::string_view::npos) {
-                    entry.emplace(line.substr(0, equals), line.substr(equals + 1));
-                }
-                rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+            if (got > 0) {
+                // Read apart only when somebody asks: programs wait when this does not keep up.
+                const std::lock_guard lock(mutex_);
+                packets_.emplace_back(packet.data(), static_cast<std::size_t>(got));
             }
-            const std::lock_guard lock(mutex_);
-            entries_.push_back(std::move(entry));
         }
     });
 }
@@ -196,10 +189,21 @@ Journal::~Journal() {
 
 std::vector<Journal::Entry> Journal::entries() const {
     const std::lock_guard lock(mutex_);
-    return entries_;
+    std::vector<Entry> entries;
+    for (const auto &packet : packets_) {
+        std::istringstream lines(packet);
+        Entry entry;
+        for (std::string line; std::getline(lines, line);) {
+            if (const auto equals = line.find('='); equals != std::string::npos) {
+                entry.emplace(line.substr(0, equals), line.substr(equals + 1));
+            }
+        }
+        entries.push_back(std::move(entry));
+    }
+    return entries;
 }
 
-std::vector<std::string> Journal::messages(std::string_view category, std::size_t count) {
+std::vector<std::string> Journal::messages(std::string_view category, std::size_t count) const {
     std::vector<std::string> found;
     eventually([&] {
         found.clear();

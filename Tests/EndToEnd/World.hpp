@@ -75,13 +75,13 @@ public:
     Journal();
     ~Journal();
     /// The messages of one category, once there are at least `count` of them (or after a while).
-    std::vector<std::string> messages(std::string_view category, std::size_t count);
+    std::vector<std::string> messages(std::string_view category, std::size_t count) const;
     std::vector<Entry> entries() const;
 
 private:
     int socket_;
     mutable std::mutex mutex_;
-    std::vector<Entry> entries_;
+    std::vector<std::string> packets_; ///< as they came
     std::jthread reader_;
 };
 

@@ -48,6 +48,12 @@ struct Newcomer {
     Clock::time_point since;
 };
 
+/// Whether the peer ended the connection, so that nothing it asked for could be answered.
+bool isGone(const UniqueFD &socket) {
+    pollfd events{.fd = socket.get(), .events = 0, .revents = 0};
+    return ::poll(&events, 1, 0) == 1 && (events.revents & (POLLHUP | POLLERR)) != 0;
+}
+
 bool hasPendingPacket(const UniqueFD &socket) {
     pollfd pending{.fd = socket.get(), .events = POLLIN, .revents = 0};
     return ::poll(&pending, 1, 0) != 0;
@@ -104,6 +110,7 @@ public:
 
     // The rest under the state's mutex.
     bool isBusy = true; ///< being verified or answered, so not to be blamed for being silent
+    bool wasAnswered = false;
     Clock::time_point lastHeard = Clock::now();
     /// Makes its thread end. The socket is open for as long as the state lists the connection.
     void end() const { ::shutdown(socket_.get(), SHUT_RDWR); }
@@ -114,7 +121,7 @@ private:
     void awaitTurn();
     void holdToClientRules(const PeerProcess &peer);
     bool answerNext();
-    void setBusy(bool busy);
+    void setBusy(bool busy, bool answered = false);
 
     std::shared_ptr<State> state_;
     UniqueFD socket_;
@@ -252,13 +259,14 @@ bool XPCListener::Connection::answerNext() {
         answer.clear();
     }
     sendPacket(socket_, answer);
-    setBusy(false);
+    setBusy(false, true);
     return true;
 }
 
-void XPCListener::Connection::setBusy(bool busy) {
+void XPCListener::Connection::setBusy(bool busy, bool answered) {
     const std::lock_guard lock(state_->mutex);
     isBusy = busy;
+    wasAnswered = wasAnswered || answered;
     lastHeard = Clock::now();
 }
 
@@ -300,17 +308,22 @@ std::size_t XPCListener::connectionCount() const {
     return state_->connections.size();
 }
 
-/// Ends the connection that has been silent longest among the eligible ones, if that is too long.
+/// Ends one of the eligible connections that have been silent for too long, if there is one.
 void XPCListener::State::dropSilent(const std::function<bool(const Connection &)> &eligible) {
-    const Connection *silent = nullptr;
+    const auto now = Clock::now();
+    const Connection *dropped = nullptr;
+    auto longest = Clock::duration::zero();
     for (const auto &connection : connections) {
-        if (!connection->isBusy && eligible(*connection) &&
-            (silent == nullptr || connection->lastHeard < silent->lastHeard)) {
-            silent = connection.get();
+        const auto &limits = options.limits;
+        const auto over =
+            now - connection->lastHeard - (connection->wasAnswered ? limits.pause : limits.silence);
+        if (!connection->isBusy && over >= longest && eligible(*connection)) {
+            dropped = connection.get();
+            longest = over;
         }
     }
-    if (silent != nullptr && Clock::now() - silent->lastHeard >= options.limits.silence) {
-        silent->end();
+    if (dropped != nullptr) {
+        dropped->end();
     }
 }
 
@@ -372,7 +385,9 @@ void XPCListener::run(const std::stop_token &stop) {
             }
         }
         for (auto next = newcomers.begin(); next != newcomers.end();) {
-            if (state_->hasRoom(next->user)) {
+            if (isGone(next->socket)) {
+                // The place is for somebody who still wants it.
+            } else if (state_->hasRoom(next->user)) {
                 state_->serve(std::move(next->socket), next->user);
             } else if (Clock::now() - next->since >= limits.patience) {
                 state_->refused(next->user, "There is no room for one more connection.");
