@@ -20,14 +20,14 @@ namespace {
                                fmt::format("\"{}\" {}", Text::visible(key), what));
 }
 
-std::string text(std::string_view key, const JSON &value, std::string_view what) {
+std::string text(std::string_view key, const ParsedJSON &value, std::string_view what) {
     if (!value.is_string()) {
         fail(key, what);
     }
     return value.get<std::string>();
 }
 
-std::vector<std::string> texts(std::string_view key, const JSON &value) {
+std::vector<std::string> texts(std::string_view key, const ParsedJSON &value) {
     if (!value.is_array()) {
         fail(key, "must be a list of texts");
     }
@@ -38,7 +38,8 @@ std::vector<std::string> texts(std::string_view key, const JSON &value) {
     return all;
 }
 
-std::map<std::string, std::string, std::less<>> textMap(std::string_view key, const JSON &value) {
+std::map<std::string, std::string, std::less<>> textMap(std::string_view key,
+                                                        const ParsedJSON &value) {
     if (!value.is_object()) {
         fail(key, "must be an object of texts");
     }
@@ -145,16 +146,18 @@ private:
     int seconds_ = 0;
 };
 
-void setRunningBundleIDs(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setRunningBundleIDs(ScanEnvironment &environment, std::string_view key,
+                         const ParsedJSON &value) {
     const auto all = texts(key, value);
     environment.runningBundleIDs = {all.begin(), all.end()};
 }
 
-void setRunningCommandLines(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setRunningCommandLines(ScanEnvironment &environment, std::string_view key,
+                            const ParsedJSON &value) {
     environment.runningCommandLines = texts(key, value);
 }
 
-void setInstalledApps(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setInstalledApps(ScanEnvironment &environment, std::string_view key, const ParsedJSON &value) {
     environment.installedAppName =
         [names = textMap(key, value)](std::string_view id) -> std::optional<std::string> {
         const auto found = names.find(id);
@@ -162,14 +165,15 @@ void setInstalledApps(ScanEnvironment &environment, std::string_view key, const 
     };
 }
 
-void setHasFullDiskAccess(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setHasFullDiskAccess(ScanEnvironment &environment, std::string_view key,
+                          const ParsedJSON &value) {
     if (!value.is_boolean()) {
         fail(key, "must be true or false");
     }
     environment.hasFullDiskAccess = value.get<bool>();
 }
 
-void setNow(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setNow(ScanEnvironment &environment, std::string_view key, const ParsedJSON &value) {
     constexpr std::string_view what = "must be a date such as 2026-11-22T12:00:00Z";
     const auto written = text(key, value, what);
     const auto date = DateReader(written).read();
@@ -179,7 +183,7 @@ void setNow(ScanEnvironment &environment, std::string_view key, const JSON &valu
     environment.now = *date;
 }
 
-void setTools(ScanEnvironment &environment, std::string_view key, const JSON &value) {
+void setTools(ScanEnvironment &environment, std::string_view key, const ParsedJSON &value) {
     const auto paths = textMap(key, value);
     std::map<std::string, FileURL, std::less<>> located;
     for (const auto &[name, path] : paths) {
@@ -197,7 +201,7 @@ void setTools(ScanEnvironment &environment, std::string_view key, const JSON &va
 
 struct Key {
     std::string_view name;
-    void (*set)(ScanEnvironment &environment, std::string_view key, const JSON &value);
+    void (*set)(ScanEnvironment &environment, std::string_view key, const ParsedJSON &value);
 };
 
 constexpr std::array keys{
@@ -212,7 +216,7 @@ constexpr std::array keys{
 } // namespace
 
 ScanEnvironment environmentFromFile(std::string_view json, ScanEnvironment live) {
-    const JSON record = parseJSON(json);
+    const auto record = parseJSON(json);
     if (!record.is_object()) {
         throw PlatformError::cocoa(PlatformError::coderReadCorrupt,
                                    "the environment must be a JSON object");

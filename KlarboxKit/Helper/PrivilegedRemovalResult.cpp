@@ -12,7 +12,7 @@ namespace klarbox {
 namespace {
 
 /// A text that may be missing; null counts as missing.
-std::optional<std::string> optionalText(const JSON &record, std::string_view key) {
+std::optional<std::string> optionalText(const ParsedJSON &record, std::string_view key) {
     const auto found = record.find(key);
     if (found == record.end() || found->is_null()) {
         return std::nullopt;
@@ -54,7 +54,7 @@ std::string PrivilegedRemovalResult::encoded() const {
 }
 
 PrivilegedRemovalResult PrivilegedRemovalResult::decode(std::string_view json) {
-    const JSON record = parseJSON(json);
+    const auto record = parseJSON(json);
     if (!record.is_object()) {
         throw PlatformError::cocoa(PlatformError::coderReadCorrupt,
                                    "the helper's answer must be a JSON object");

@@ -23,6 +23,10 @@ namespace klarbox::FileManager {
 
 namespace {
 
+/// Room made ahead for a file's bytes. A sparse file can claim any size, and claims alone must not
+/// exhaust the memory.
+constexpr std::size_t largestReserve = std::size_t{64} << 20;
+
 /// A path with a NUL in it names nothing; the system calls would silently stop at the NUL.
 bool hasNUL(std::string_view path) {
     return path.find('\0') != std::string_view::npos;
@@ -47,6 +51,11 @@ bool status(const FileURL &url, struct stat &st, int flags) {
         throw PlatformError::cocoa(
             PlatformError::fileReadNoSuchFile,
             fmt::format("The {} “{}” couldn’t be opened because it doesn’t exist.", kind, name),
+            code);
+    case EFBIG:
+        throw PlatformError::cocoa(
+            PlatformError::fileReadTooLarge,
+            fmt::format("The {} “{}” couldn’t be opened because it is too large.", kind, name),
             code);
     default:
         throw PlatformError::cocoa(PlatformError::fileReadUnknown,
@@ -105,14 +114,18 @@ void forEachEntry(const FileURL &url, Visit visit) {
 }
 
 void makeDirectories(const FileURL &url) {
-    if (isDirectory(url)) {
-        return;
+    // No system call takes it, and looking at each of its parents first would take long.
+    if (url.path().size() >= PATH_MAX) {
+        throwWriteError(url, ENAMETOOLONG);
     }
-    if (url.path() != "/") {
-        makeDirectories(url.parent());
+    std::vector<FileURL> missing;
+    for (auto folder = url; !isDirectory(folder); folder = folder.parent()) {
+        missing.push_back(folder);
     }
-    if (::mkdir(url.path().c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-        throwWriteError(url, errno);
+    for (; !missing.empty(); missing.pop_back()) {
+        if (::mkdir(missing.back().path().c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+            throwWriteError(missing.back(), errno);
+        }
     }
 }
 
@@ -201,10 +214,11 @@ std::string contents(const FileURL &url, std::size_t limit) {
     if (!S_ISREG(st.st_mode)) {
         throwReadError(url, S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "file");
     }
-    std::string bytes;
-    if (static_cast<std::size_t>(st.st_size) <= limit) {
-        bytes.reserve(static_cast<std::size_t>(st.st_size));
+    if (static_cast<std::uint64_t>(st.st_size) > limit) {
+        throwReadError(url, EFBIG, "file");
     }
+    std::string bytes;
+    bytes.reserve(std::min(static_cast<std::size_t>(st.st_size), largestReserve));
     std::array<char, 65536> buffer; // NOLINT: filled by read before it is looked at
     for (;;) {
         const auto count = ::read(file.get(), buffer.data(), buffer.size());
@@ -225,8 +239,13 @@ std::string contents(const FileURL &url, std::size_t limit) {
 }
 
 void writeAtomically(const FileURL &url, std::string_view bytes) {
-    makeDirectories(url.parent());
-    std::string temporary = url.path() + ".XXXXXX";
+    if (hasNUL(url.path())) {
+        throwWriteError(url, ENOENT);
+    }
+    const auto folder = url.parent();
+    makeDirectories(folder);
+    // Not made of the file's own name, which may be as long as names can be.
+    auto temporary = folder.appending(".klarbox.XXXXXX").path();
     UniqueFD file(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!file) {
         throwWriteError(url, errno);

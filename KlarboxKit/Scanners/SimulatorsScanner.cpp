@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <map>
 
 #include <fmt/format.h>
 
@@ -41,15 +40,12 @@ SimulatorsScanner::parseUnavailable(std::string_view listing) {
         if (!runtimes.is_object()) {
             return {};
         }
-        std::map<std::string_view, const JSON *> sorted;
-        for (const auto &[identifier, list] : runtimes.items()) {
-            sorted.insert_or_assign(identifier, &list);
-        }
-        for (const auto &[identifier, list] : sorted) {
-            if (!list->is_array()) {
+        // Objects that were read are sorted.
+        for (const auto &list : runtimes) {
+            if (!list.is_array()) {
                 return {};
             }
-            for (const auto &device : *list) {
+            for (const auto &device : list) {
                 devices.push_back({requiredString(device, "name"), requiredString(device, "udid"),
                                    requiredString(device, "dataPath")});
             }

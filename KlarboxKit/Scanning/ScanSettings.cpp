@@ -13,7 +13,7 @@ namespace {
     throw PlatformError::cocoa(PlatformError::coderReadCorrupt, message);
 }
 
-std::vector<std::string> strings(const JSON &record, std::string_view key) {
+std::vector<std::string> strings(const ParsedJSON &record, std::string_view key) {
     const auto &list = requiredMember(record, key);
     std::vector<std::string> texts;
     if (!list.is_array()) {
@@ -28,7 +28,7 @@ std::vector<std::string> strings(const JSON &record, std::string_view key) {
     return texts;
 }
 
-bool boolean(const JSON &record, std::string_view key) {
+bool boolean(const ParsedJSON &record, std::string_view key) {
     const auto &flag = requiredMember(record, key);
     if (!flag.is_boolean()) {
         fail(fmt::format("\"{}\" must be true or false", key));
@@ -48,7 +48,7 @@ std::string ScanSettings::encoded() const {
 }
 
 ScanSettings ScanSettings::decode(std::string_view json) {
-    const JSON record = parseJSON(json);
+    const auto record = parseJSON(json);
     if (!record.is_object()) {
         fail("the settings must be a JSON object");
     }
