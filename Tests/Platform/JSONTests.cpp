@@ -1,0 +1,81 @@
+#include "KlarboxKit/Platform/JSON.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+
+#include <ctime>
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+using testing::HasSubstr;
+
+std::string problem(const std::function<void()> &action) {
+    try {
+        action();
+    } catch (const PlatformError &error) {
+        EXPECT_EQ(error.code(), PlatformError::coderReadCorrupt);
+        return error.message();
+    }
+    return "none";
+}
+
+TEST(JSON, saysWhatIsWrongInOneShortLine) {
+    const std::pair<std::string, std::string_view> cases[] = {
+        {"", "line 1, column 1"},
+        {"{\n \"a\": 1,\n}", "line 3, column 1"},
+        {"{} {}", "line 1, column 4"},
+        {"[1e999]", "number overflow"},
+        {"\"\xFF\"", "ill-formed UTF-8"},
+        {"\"\\ud800\"", "surrogate"},
+        {"\"a\x1b[2J\nb\"", "control character"},
+        {"\"" + std::string(1'000'000, 'x'), "line 1, column"},
+        {std::string(1'000'000, '['), "nested more than 256 deep"},
+    };
+    for (const auto &[bytes, expected] : cases) {
+        const auto said = problem([&, &text = bytes] { parseJSON(text); });
+        EXPECT_THAT(said, HasSubstr(expected)) << bytes.substr(0, 100);
+        EXPECT_LT(said.size(), 300U);
+        EXPECT_EQ(said.find_first_of("\x1b\n"), std::string::npos);
+    }
+}
+
+TEST(JSON, namesTheKeyThatIsMissingOrOfTheWrongType) {
+    const auto record = parseJSON(R"({"text": "é", "n": -9223372036854775808, "n": 7, "f": 1.0,
+                                      "big": 9223372036854775808, "null": null})");
+    EXPECT_EQ(requiredString(record, "text"), "é");
+    EXPECT_EQ(requiredInteger(record, "n"), 7); // the last one counts
+    for (const auto *key : {"text", "f", "big", "null", "gone", "N"}) {
+        EXPECT_THAT(problem([&] { requiredInteger(record, key); }), HasSubstr(key));
+    }
+    for (const auto *key : {"n", "null", "gone"}) {
+        EXPECT_THAT(problem([&] { requiredString(record, key); }), HasSubstr(key));
+    }
+    EXPECT_THAT(problem([] { requiredMember(parseJSON("[1]"), "a"); }), HasSubstr("\"a\""));
+}
+
+TEST(JSON, keepsTheOrderAndRepairsTextsThatItWrites) {
+    EXPECT_EQ(encodeJSON({{"z", "a\xFF"}, {"a", {1, true, nullptr}}}),
+              "{\"z\":\"a\uFFFD\",\"a\":[1,true,null]}");
+    EXPECT_EQ(encodeJSON({{"é\n", 1}}, 2), "{\n  \"é\\n\": 1\n}");
+}
+
+TEST(JSON, readsObjectsInTimeByTheirLength) {
+    std::string bytes = "{\"0\":0";
+    for (int i = 1; i < 300'000; ++i) {
+        bytes += ",\"" + std::to_string(i) + "\":0";
+    }
+    const auto seconds = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return time.tv_sec;
+    };
+    const auto begin = seconds();
+    EXPECT_EQ(parseJSON(bytes + "}").size(), 300'000U);
+    EXPECT_LT(seconds() - begin, 20); // a tenth of what comparing every key with every other takes
+}
+
+} // namespace
+} // namespace klarbox::test
