@@ -104,9 +104,7 @@ const std::vector<Sample> unsoundXML{
     {everyKind.substr(0, everyKind.size() - 2), "unclosed token (line 16, column 1)"},
     {xmlList("<true/><true/>"), "“true” is one value too many"},
     {xmlList("<plist/>"), "“plist” is one value too many"},
-    {xmlList("<array><plist/></array>"), "“plist” is one value too many"},
     {xmlList("<key>a</key>"), "“key” does not belong here"},
-    {xmlList("<array><key>a</key></array>"), "“key” does not belong here"},
     {xmlList("<dict><string>a</string></dict>"), "“string” does not belong here"},
     {xmlList("<dict><key>a</key><key>b</key></dict>"), "“key” does not belong here"},
     {xmlList("<dict><key>a</key></dict>"), "a key without a value"},
@@ -118,7 +116,6 @@ const std::vector<Sample> unsoundXML{
     {xmlList("<true>yes</true>"), "“yes” in a truth value"},
     {xmlList("<string>&nbsp;</string>"), "unknown entity “nbsp”"},
     {xmlList("<string>\xE9</string>"), "not well-formed"},
-    {xmlList("<string>\xC0\x80</string>"), "not well-formed"},
     {xmlList("<string>&#xD800;</string>"), "invalid character"},
     {"<?xml version='1.0' encoding='UTF-16'?><dict/>", "encoding"},
     {"<!DOCTYPE p [<!ENTITY e 'x'>]><plist><string>&e;</string></plist>", "declares entities"},
@@ -126,34 +123,18 @@ const std::vector<Sample> unsoundXML{
 };
 
 TEST(PropertyList, rejectsNumbersAndDatesThatAreNone) {
-    const std::pair<std::string_view, std::vector<std::string_view>> cases[] = {
-        {"integer",
-         {"", " ", "-", "+", "1.5", "1e3", "0x", "0xg", "--1", "+-1", "1 2", "ten", "٣"}},
-        {"real", {"", " ", "-", "+-1", "1,5", "1.5.0", "0x10", "e5", "one", "1 2"}},
-        {"date",
-         {"",
-          "2026",
-          "2026-11",
-          "2026-11-22",
-          "2026-11-22T12:30:00",
-          "2026-11-22T12:30:00+01:00",
-          "2026-13-01T00:00:00Z",
-          "2026-02-29T00:00:00Z",
-          "2026-11-00T00:00:00Z",
-          "2026-11-22T25:00:00Z",
-          "2026-11-22T12:60:00Z",
-          "2026-11-22T12:30:61Z",
-          "2026-11-22T12:30:00.5Z",
-          "2026-11-22 12:30:00Z",
-          "2026-1-22T12:30:00Z",
-          "2026-11-22T12:-3:00Z",
-          "99999-01-01T00:00:00Z",
-          "12-11T00:00:00Z",
-          "Z",
-          "yesterday"}},
+    const std::pair<std::string_view, std::string> cases[] = {
+        {"integer", "| |-|+|1.5|1e3|0x|0xg|--1|+-1|1 2|ten|٣"},
+        {"real", "| |-|+-1|1,5|1.5.0|0x10|e5|one|1 2"},
+        {"date", "|2026|2026-11|2026-11-22|2026-11-22T12:30:00|2026-11-22T12:30:00+01:00|"
+                 "2026-13-01T00:00:00Z|2026-02-29T00:00:00Z|2026-11-00T00:00:00Z|"
+                 "2026-11-22T25:00:00Z|2026-11-22T12:60:00Z|2026-11-22T12:30:61Z|"
+                 "2026-11-22T12:30:00.5Z|2026-11-22 12:30:00Z|2026-1-22T12:30:00Z|"
+                 "2026-11-22T12:-3:00Z|99999-01-01T00:00:00Z|12-11T00:00:00Z|Z|yesterday"},
     };
     for (const auto &[element, texts] : cases) {
-        for (const auto text : texts) {
+        std::istringstream all(texts);
+        for (std::string text; std::getline(all, text, '|');) {
             const auto bytes = xmlList(fmt::format("<{0}>{1}</{0}>", element, text));
             EXPECT_THROW(PropertyList::parse(bytes), PlatformError) << element << " " << text;
         }
@@ -174,7 +155,6 @@ const std::vector<Sample> soundText{
     {"\"line\nbreak\"", "\"line\nbreak\""},
     {"hello", R"("hello")"},
     {" 'it' ", R"("it")"},
-    {"()", "[]"},
     {"(a, (b, {}), <>)", R"(["a", ["b", {}], <>])"},
     {" \n// nothing\n", "{}"},
     {"<>", "<>"},
@@ -194,19 +174,15 @@ const std::vector<Sample> unsoundText{
     {"a = {b = c;", "a dictionary without an end"},
     {"(a b)", "“,” or “)” expected"},
     {"(a,,b)", "a value expected"},
-    {"(,)", "a value expected"},
     {"(a", "an array without an end"},
     {"(a,", "cut off"},
-    {"(a}", "“,” or “)” expected"},
     {"{} {}", "more after the end of the list"},
     {"(<0g>)", "not pairs of hexadecimal digits"},
     {"<012>", "not pairs of hexadecimal digits"},
     {"<01", "not pairs of hexadecimal digits"},
     {"\"a", "without its closing quote"},
-    {"'a\"", "without its closing quote"},
     {"\"a\\", "without its closing quote"},
     {"/* a", "a comment without an end"},
-    {"a = /b", "a dictionary without an end"},
     {"%!PS", "a value expected"},
     {"\x1F\x8B\x08", "neither XML, nor binary, nor text in UTF-8"},
     {"a = \xE9;", "neither XML, nor binary, nor text in UTF-8"},
@@ -265,7 +241,6 @@ const std::vector<Sample> unsoundBinary{
     {binaryList({"\xD1\0\1"s, "\x09"}), "an object that contains itself"}, // as its own key
     {binaryList({"\xA1\1"}), "a reference to no object (at byte 9)"},
     {binaryList({"\xD1\1\1", "\x09"}), "a key that is no text"},
-    {binaryList({"\xD1\1\1", "\xA0"}), "a key that is no text"},
     {binaryList({"\xAF\x13"s + bigEndian(UINT64_MAX, 8)}), "a container that reaches beyond"},
     {binaryList({"\xDF\x13"s + bigEndian(1ULL << 63U, 8)}), "a container that reaches beyond"},
     {binaryList({"\x4F\x13"s + bigEndian(UINT64_MAX, 8)}), "a value that reaches beyond the end"},
