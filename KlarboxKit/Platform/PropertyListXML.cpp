@@ -15,6 +15,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <strings.h>
 
 #include <expat.h>
 #include <fmt/format.h>
@@ -190,7 +191,7 @@ std::string base64(std::string_view text) {
 
 /// The characters that an encoding's single bytes stand for. Tells expat of encodings that it does
 /// not know itself; those with longer characters stay unknown.
-int readEncoding(void *, const XML_Char *name, XML_Encoding *encoding) {
+int readEncoding(const XML_Char *name, XML_Encoding *encoding) {
     const auto converter = ::iconv_open("UTF-32LE", name);
     if (converter == reinterpret_cast<iconv_t>(-1)) { // NOLINT: how iconv says that
         return XML_STATUS_ERROR;
@@ -264,7 +265,13 @@ public:
                 }
             });
         });
-        ::XML_SetUnknownEncodingHandler(parser_.get(), readEncoding, nullptr);
+        ::XML_SetUnknownEncodingHandler(
+            parser_.get(),
+            [](void *self, const XML_Char *name, XML_Encoding *encoding) {
+                static_cast<Reader *>(self)->isUTF8_ = ::strcasecmp(name, "UTF8") == 0;
+                return readEncoding(name, encoding);
+            },
+            this);
     }
 
     PropertyList read(std::string_view text) {
@@ -282,6 +289,9 @@ public:
         case XML_ERROR_NO_MEMORY:
             throw std::bad_alloc();
         case XML_ERROR_UNKNOWN_ENCODING:
+            if (isUTF8_) {
+                return Reader(true, firstLine_).read(text);
+            }
             throw PlatformError::cocoa(PlatformError::featureUnsupported,
                                        "the property list's character encoding is unknown");
         default:
@@ -412,6 +422,7 @@ private:
 
     std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser_;
     std::size_t firstLine_;
+    bool isUTF8_ = false; ///< by a name that people use but the parser does not know
     PropertyListBuilder builder_;
     PropertyListNesting nesting_{builder_};
     std::optional<PropertyListBuilder::Index> root_;

@@ -62,6 +62,7 @@ const std::vector<Sample> soundXML{
     {"\uFEFF" + xmlList("<string>é</string>", "UTF-16"), R"("é")"}, // the mark knows better
     {xmlList("<string>\xE9</string>", "ISO-8859-1"), R"("é")"},
     {xmlList("<string>\x8E\xE9</string>", "macintosh"), R"("éÈ")"},
+    {xmlList("<string>é</string>", "utf8"), R"("é")"},
     {xmlList("<string>\x80</string>", "windows-1252"), R"("€")"},
     {"<dict/>", "{}"},
     {"<plist><array></array></plist>", "[]"},
