@@ -23,23 +23,22 @@ std::int64_t allocatedSize(std::span<const FileURL> urls, const CancellationTest
     const auto grant = DescriptorGrant::wait();
     TreeWalk walk(isCancelled);
     walk.descriptorsPerWalker = grant.descriptors();
-    {
-        TreeWalker owner(walk, TreeWalker::Role::owner);
-        std::exception_ptr failure;
-        try {
-            owner.run(std::move(given));
-        } catch (...) {
-            // Helpers use what stands in this frame: they are waited for in any case.
-            failure = std::current_exception();
-            walk.isStopped = true;
-        }
-        if (owner.isShared()) {
-            WalkerPool::shared().finish(walk, owner);
-        }
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
+    TreeWalker owner(walk, TreeWalker::Role::owner);
+    std::exception_ptr failure;
+    try {
+        owner.run(std::move(given));
+    } catch (...) {
+        // Helpers use what stands in this frame: they are waited for in any case.
+        failure = std::current_exception();
+        walk.isStopped = true;
     }
+    if (owner.isShared()) {
+        WalkerPool::shared().finish(walk, owner);
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    owner.checkCancellation(); // what was visited last is asked about too
     return walk.total;
 }
 

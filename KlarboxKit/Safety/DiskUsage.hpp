@@ -20,9 +20,9 @@ namespace klarbox::DiskUsage {
 /// with no lock held; what it throws ends the measurement and is passed on.
 using CancellationTest = std::function<bool()>;
 
-/// Bytes allocated to all the trees together. The test is asked at the 2048th visited entry (a
-/// folder is visited twice, before and after what it holds) and about every 2048 entries from there
-/// on; when it answers yes the size so far is returned.
+/// Bytes allocated to all the trees together. The test is asked once for every 2048 visited entries
+/// (a folder is visited twice, before and after what it holds): the first time exactly at the
+/// 2048th entry, later within moments of it. When it answers yes the size so far is returned.
 std::int64_t allocatedSize(std::span<const FileURL> urls, const CancellationTest &isCancelled = {});
 
 /// The same for one tree.

@@ -12,9 +12,6 @@ namespace klarbox {
 
 namespace {
 
-/// Entries visited before the first question whether to stop, and about as many between two.
-constexpr std::int64_t checkInterval = 2048;
-
 /// Entries after which a walker that is not alone brings the shared counter up to date and looks
 /// whether it was stopped: often enough to stop soon, seldom enough not to be felt.
 constexpr std::int64_t sharedInterval = 256;
@@ -34,17 +31,12 @@ TreeWalker::TreeWalker(TreeWalk &walk, Role role)
       role_(role),
       // Set aside: the first folder, one that is given away, and two for looking upwards.
       window_(std::max(walk.descriptorsPerWalker, DescriptorGrant::fewest) - 3),
-      interval_(role == Role::owner ? checkInterval : sharedInterval),
+      interval_(role == Role::owner ? TreeWalk::checkInterval : sharedInterval),
       left_(interval_) {
     if (role == Role::helper) {
         pool_ = &WalkerPool::shared();
         intervalBegan_ = std::chrono::steady_clock::now();
     }
-}
-
-TreeWalker::~TreeWalker() {
-    walk_.total.fetch_add(total_, std::memory_order_relaxed);
-    walk_.visited.fetch_add(interval_ - left_, std::memory_order_relaxed);
 }
 
 void TreeWalker::run(FolderEntries start) {
@@ -77,6 +69,8 @@ void TreeWalker::run(FolderEntries start) {
     for (std::size_t index = 0; index < depth_; ++index) {
         levels_[index].at.folder.reset();
     }
+    walk_.total.fetch_add(std::exchange(total_, 0), std::memory_order_relaxed);
+    countVisits();
 }
 
 /// Counts a visit. False when the walk is to stop before the entry is measured.
@@ -84,11 +78,16 @@ bool TreeWalker::visit() {
     return --left_ > 0 || endInterval();
 }
 
+/// Brings the shared counter up to date.
+void TreeWalker::countVisits() {
+    walk_.visited.fetch_add(interval_ - left_, std::memory_order_relaxed);
+    left_ = interval_;
+}
+
 bool TreeWalker::endInterval() {
-    walk_.visited.fetch_add(interval_, std::memory_order_relaxed);
+    countVisits();
     const bool isFirst = pool_ == nullptr;
     if (role_ == Role::owner) {
-        left_ = interval_; // nothing is counted twice, should the test throw
         checkCancellation();
     }
     if (isFirst) {
@@ -103,10 +102,8 @@ bool TreeWalker::endInterval() {
     }
     intervalBegan_ = std::chrono::steady_clock::now();
     left_ = interval_;
-    if (role_ == Role::helper && walk_.isCancelled &&
-        walk_.ownerIsIdle.load(std::memory_order_relaxed) &&
-        walk_.visited.load(std::memory_order_relaxed) >=
-            walk_.nextCheck.load(std::memory_order_relaxed)) {
+    if (role_ == Role::helper && walk_.ownerIsIdle.load(std::memory_order_relaxed) &&
+        walk_.isCheckDue()) {
         pool_->wakeOwner(walk_);
     }
     isStopped_ = walk_.isStopped.load(std::memory_order_relaxed);
@@ -114,13 +111,12 @@ bool TreeWalker::endInterval() {
 }
 
 void TreeWalker::checkCancellation() {
-    const auto visited = walk_.visited.load(std::memory_order_relaxed);
-    if (visited < walk_.nextCheck.load(std::memory_order_relaxed)) {
-        return;
-    }
-    walk_.nextCheck.store(visited + checkInterval, std::memory_order_relaxed);
-    if (walk_.isCancelled && walk_.isCancelled()) {
-        walk_.isStopped.store(true, std::memory_order_relaxed);
+    // Others may have come further than one interval since the last time.
+    while (walk_.isCheckDue() && !walk_.isStopped.load(std::memory_order_relaxed)) {
+        walk_.nextCheck.fetch_add(TreeWalk::checkInterval, std::memory_order_relaxed);
+        if (walk_.isCancelled()) {
+            walk_.isStopped.store(true, std::memory_order_relaxed);
+        }
     }
 }
 
@@ -148,9 +144,13 @@ std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *na
         visit(); // on the way back
         return std::nullopt;
     }
-    // A folder can only hold itself where it is mounted, so only there is it worth the look.
-    if (status->mayBeMountRoot && isAncestor(level, *status)) {
-        return std::nullopt;
+    // A folder can only be found in itself where it, or one above it, is mounted: only from there
+    // on is it worth the look.
+    if (status->mayBeMountRoot || walk_.entersMounts.load(std::memory_order_relaxed)) {
+        if (isAncestor(level, *status)) {
+            return std::nullopt;
+        }
+        walk_.entersMounts.store(true, std::memory_order_relaxed);
     }
     return status;
 }

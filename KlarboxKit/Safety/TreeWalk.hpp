@@ -32,16 +32,25 @@ struct FolderEntries {
 
 /// One measurement: what its walkers share. Lives in the frame of the thread that asked for it.
 struct TreeWalk {
+    /// Entries visited between two questions whether to stop, and before the first.
+    static constexpr std::int64_t checkInterval = 2048;
+
     explicit TreeWalk(const DiskUsage::CancellationTest &test) : isCancelled(test) {}
+
+    bool isCheckDue() const {
+        return isCancelled &&
+               visited.load(std::memory_order_relaxed) >= nextCheck.load(std::memory_order_relaxed);
+    }
 
     const DiskUsage::CancellationTest &isCancelled;
     std::size_t descriptorsPerWalker = 0;
 
     std::atomic<bool> isStopped = false;
-    std::atomic<std::int64_t> total = 0;     ///< bytes, of walkers that are done
-    std::atomic<std::int64_t> visited = 0;   ///< entries
-    std::atomic<std::int64_t> nextCheck = 0; ///< when to ask for cancellation again
-    FileIDSet counted;                       ///< files with several links
+    std::atomic<bool> entersMounts = false; ///< of folders on the same file system
+    std::atomic<std::int64_t> total = 0;    ///< bytes, of walkers that are done
+    std::atomic<std::int64_t> visited = 0;  ///< entries
+    std::atomic<std::int64_t> nextCheck = checkInterval;
+    FileIDSet counted; ///< files with several links
 
     // The rest belongs to the pool and is guarded by its lock.
     std::atomic<bool> ownerIsIdle = false; ///< read without the lock, as a hint
@@ -61,15 +70,15 @@ public:
     enum class Role { owner, helper };
 
     TreeWalker(TreeWalk &walk, Role role);
-    /// Adds what was measured to the walk's total.
-    ~TreeWalker();
     TreeWalker(const TreeWalker &) = delete;
     TreeWalker &operator=(const TreeWalker &) = delete;
 
-    /// Walks everything below, but for what is given to other walkers.
+    /// Walks everything below, but for what is given to other walkers, and adds what was measured
+    /// to the walk's total.
     void run(FolderEntries start);
 
-    /// Asks whether to stop when that is due. For the owner; passes on what the test throws.
+    /// Asks whether to stop, as often as that is due. For the owner; passes on what the test
+    /// throws.
     void checkCancellation();
 
     /// Whether other walkers may have got something of this walk.
@@ -85,6 +94,7 @@ private:
 
     bool visit();
     bool endInterval();
+    void countVisits();
     std::optional<FileStatus> measure(const Level &level, const char *name);
     static bool isAncestor(const Level &level, const FileStatus &status);
     void listInOrder(Level &level);

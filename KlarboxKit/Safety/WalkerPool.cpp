@@ -175,7 +175,7 @@ void WalkerPool::finish(TreeWalk &walk, TreeWalker &owner) {
             --walk.given;
             continue;
         }
-        if (!walk.isStopped && walk.visited >= walk.nextCheck) {
+        if (!walk.isStopped && walk.isCheckDue()) {
             unlocked([&] { owner.checkCancellation(); });
             continue;
         }
