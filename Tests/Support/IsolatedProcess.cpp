@@ -1,16 +1,20 @@
 #include "Tests/Support/IsolatedProcess.hpp"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <grp.h>
+#include <iterator>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -31,6 +35,21 @@ int run(const std::function<void()> &body) {
     return testing::Test::HasFailure() ? failed : testing::Test::IsSkipped() ? skipped : 0;
 }
 
+std::ptrdiff_t threads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+const auto threadsAtStart = threads(); // sanitizers have one of their own
+
+/// A process forked from one with several threads has their locks and not them. The engine's own
+/// threads end soon after there is nothing left for them to do.
+void waitForOtherThreads() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (threads() > threadsAtStart && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
 void require(int result, const char *what) {
     if (result != 0) {
         throw std::system_error(errno, std::generic_category(), what);
@@ -40,6 +59,7 @@ void require(int result, const char *what) {
 } // namespace
 
 void inIsolatedProcess(const std::function<void()> &body) {
+    waitForOtherThreads();
     std::fflush(nullptr);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
