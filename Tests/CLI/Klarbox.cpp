@@ -92,13 +92,13 @@ KlarboxRun runKlarbox(const std::vector<std::string> &arguments,
     return run;
 }
 
-KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments,
-                                const std::string &input) {
+KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments, const std::string &input,
+                                unsigned short columns) {
     const TemporaryTree home;
     int terminal = -1;
     winsize size{};
     size.ws_row = 25;
-    size.ws_col = 80;
+    size.ws_col = columns;
     const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
     if (child < 0) {
         throw std::system_error(errno, std::generic_category(), "forkpty");

@@ -25,10 +25,10 @@ struct KlarboxRun {
 KlarboxRun runKlarbox(const std::vector<std::string> &arguments,
                       const std::function<void(int)> &whileRunning = {});
 
-/// Runs klarbox on a terminal of its own, 80 columns wide, typing `input` into it; `output` is what
-/// the terminal showed.
-KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments,
-                                const std::string &input);
+/// Runs klarbox on a terminal of its own, typing `input` into it; `output` is what the terminal
+/// showed.
+KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments, const std::string &input,
+                                unsigned short columns = 80);
 
 /// A demo world of its own.
 struct TemporaryDemoWorld {

@@ -1,9 +1,13 @@
 #include "KlarboxKit/Platform/ChildProcess.hpp"
+#include "KlarboxKit/Platform/FileManager.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <thread>
 #include <unistd.h>
 
@@ -19,6 +23,22 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
+
+/// Columns of the longest line, styles and the bytes within a character not counted.
+std::size_t widestLine(const std::string &text) {
+    std::size_t widest = 0;
+    std::size_t columns = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b') {
+            i = text.find('m', i);
+        } else if (text[i] == '\n') {
+            columns = 0;
+        } else if (text[i] != '\r' && (text[i] & 0xC0) != 0x80) {
+            widest = std::max(widest, ++columns);
+        }
+    }
+    return widest;
+}
 
 TEST(ScanCommand, findsExactlyWhatTheDemoWorldHoldsAndWritesNothing) {
     const TemporaryDemoWorld demo;
@@ -152,22 +172,20 @@ TEST(ScanCommand, showsStrangeNamesWithoutObeyingThem) {
 
 TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
     const TemporaryDemoWorld demo;
-    const auto run = runKlarboxOnTerminal(demo.arguments({"scan"}), "");
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_THAT(run.output, AllOf(HasSubstr("Scanning: "), HasSubstr("App Caches"),
-                                  HasSubstr("[x]"), HasSubstr("review")));
-    // What follows the last erased progress line is the table; its lines fit.
-    const auto table = run.output.substr(run.output.rfind("\r\x1b[K") + 4);
-    std::size_t columns = 0;
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        if (table[i] == '\x1b') {
-            i = table.find('m', i);
-        } else if (table[i] == '\n') {
-            EXPECT_LE(columns, 80U);
-            columns = 0;
-        } else if (table[i] != '\r' && (table[i] & 0xC0) != 0x80) {
-            ++columns;
-        }
+    constexpr std::array<unsigned short, 5> widths{40, 63, 64, 80, 120};
+    for (const auto columns : widths) {
+        // A path in a sentence is never broken, so that it can be copied; these have none.
+        const auto run = runKlarboxOnTerminal(
+            demo.arguments({"scan", "--category", "user-caches", "--category", "trash",
+                            "--category", "xcode", "--category", "system-logs", "--category",
+                            "project-artifacts", "--category", "docker"}),
+            "", columns);
+        EXPECT_EQ(run.exitCode, 0);
+        EXPECT_THAT(run.output, AllOf(HasSubstr("Scanning: "), HasSubstr("App Caches"),
+                                      HasSubstr("[x]"), HasSubstr("review"), HasSubstr("Photos"),
+                                      HasSubstr("~/Lib"), HasSubstr("The app is")));
+        // What follows the last erased progress line is the table.
+        EXPECT_LE(widestLine(run.output.substr(run.output.rfind("\r\x1b[K") + 4)), columns);
     }
     EXPECT_THAT(
         runKlarboxOnTerminal(demo.arguments({"scan", "--no-progress", "--color", "never"}), "")
@@ -175,24 +193,50 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
         AllOf(Not(HasSubstr("Scanning")), Not(HasSubstr("\x1b"))));
 }
 
+TEST(ScanCommand, helpFitsATerminalAndIsTheSameHoweverItIsAskedFor) {
+    for (const auto *command : {"scan", "clean", "settings", "helper"}) {
+        const auto help = runKlarbox({command, "--help"});
+        EXPECT_EQ(help.exitCode, 0);
+        EXPECT_THAT(help.output, HasSubstr(fmt::format("Usage: klarbox {}", command)));
+        EXPECT_LE(widestLine(help.output), 80U) << help.output;
+        EXPECT_EQ(runKlarbox({"help", command}).output, help.output);
+    }
+    EXPECT_EQ(runKlarbox({"help"}).output, runKlarbox({"--help"}).output);
+    EXPECT_EQ(runKlarbox({"help", "frobnicate"}).exitCode, 2);
+}
+
 TEST(ScanCommand, controlCEndsItSoonEvenWhileAToolDoesNotAnswer) {
     const TemporaryTree tree{
-        {"home", directory()},
-        {"brew", text("#!/bin/sh\nsleep 20\n"), std::nullopt, 0755},
+        {"home/Library/Caches/com.example.a/x", bytes(2'000'000)},
+        {"brew", text("#!/bin/sh\ntouch \"$0.began\"\nsleep 20\n"), std::nullopt, 0755},
     };
     tree.add({"environment.json",
               text(fmt::format(R"({{"tools": {{"brew": "{}"}}}})", (tree / "brew").path()))});
-    std::chrono::steady_clock::time_point asked;
-    const auto run = runKlarbox({"scan", "--home", (tree / "home").path(), "--environment",
-                                 (tree / "environment.json").path(), "--category", "homebrew"},
-                                [&](int process) {
-                                    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-                                    asked = std::chrono::steady_clock::now();
-                                    ::kill(process, SIGINT);
-                                });
-    EXPECT_EQ(run.exitCode, 130);
-    EXPECT_EQ(run.output, "");
-    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+    const auto before = manifest(tree / "home");
+    const std::vector<std::vector<std::string>> commands{
+        {"scan"},
+        // What was found until then must not be cleaned for that.
+        {"clean", "--yes", "--default-selection"},
+        {"clean", "--dry-run", "--default-selection"},
+    };
+    for (auto arguments : commands) {
+        arguments.insert(arguments.end(), {"--home", (tree / "home").path(), "--environment",
+                                           (tree / "environment.json").path(), "--category",
+                                           "homebrew", "--category", "user-caches"});
+        std::chrono::steady_clock::time_point asked;
+        const auto run = runKlarbox(arguments, [&](int process) {
+            while (!FileManager::exists(tree / "brew.began")) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            asked = std::chrono::steady_clock::now();
+            ::kill(process, SIGINT);
+        });
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+        EXPECT_EQ(run.exitCode, 130);
+        EXPECT_EQ(run.output, "");
+        EXPECT_EQ(manifest(tree / "home"), before);
+        std::filesystem::remove((tree / "brew.began").path());
+    }
 }
 
 } // namespace
