@@ -28,13 +28,23 @@ namespace {
 
 constexpr std::size_t largestEnvironmentFile = 64 << 20;
 
+/// Refuses a folder that would look empty to every scanner: what is not there, or may not be
+/// entered.
+void requireFolder(std::string_view name, const FileURL &url) {
+    const auto shown = Text::visible(url.path());
+    if (!FileManager::isDirectory(url)) {
+        throw UsageError(fmt::format("{}: {} is not a folder", name, shown));
+    }
+    if (!FileManager::isDirectory(url.appending("."))) {
+        throw UsageError(fmt::format("{}: {} may not be entered by this user", name, shown));
+    }
+}
+
 /// The folder that an option names. A path through ".." is resolved on the disk, as a shell would:
 /// folding it as text would lead elsewhere when a link comes before it.
 FileURL folder(std::string_view option, const std::string &path) {
     FileURL url(path, true);
-    if (!FileManager::isDirectory(url)) {
-        throw UsageError(fmt::format("{}: {} is not a folder", option, Text::visible(path)));
-    }
+    requireFolder(option, url);
     if (const auto resolved = FileManager::realPath(url.path());
         resolved && (url.path() + "/").find("/../") != std::string::npos) {
         return FileURL(*resolved, true);
@@ -168,10 +178,7 @@ ScanSession::ScanSession(const ScanOptions &options)
           .environment = {},
           .minimumSize = parseMinimumSize(options.minimumSize),
       } {
-    if (!FileManager::isDirectory(context_.home)) {
-        throw UsageError(
-            fmt::format("the home folder {} is not a folder", Text::visible(context_.home.path())));
-    }
+    requireFolder("the home folder", context_.home);
     context_.environment = environment(
         options.environmentFile, liveEnvironment(context_.home, folder("--disk", options.disk)));
 }

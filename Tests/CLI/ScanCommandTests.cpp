@@ -127,6 +127,17 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
     }
 }
 
+TEST(ScanCommand, refusesAHomeThatItMayNotEnter) {
+    if (isRoot()) {
+        GTEST_SKIP() << "root may enter every folder";
+    }
+    const TemporaryTree tree{{"home", directory(), std::nullopt, 0600}};
+    const auto run = runKlarbox({"scan", "--home", (tree / "home").path()});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.output, "");
+    EXPECT_THAT(run.error, AllOf(HasSubstr("--home"), HasSubstr("may not be entered")));
+}
+
 TEST(ScanCommand, doesNotEndWellWhenItsOutputIsLost) {
     const TemporaryTree tree{{"home/Library/Caches/com.example.a/x", bytes(2'000'000)}};
     const auto home = " --home " + (tree / "home").path();
