@@ -8,7 +8,6 @@
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
 #include <chrono>
-#include <stdexcept>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -19,40 +18,31 @@ namespace klarbox {
 
 namespace {
 
-/// Long enough for a big folder on a slow disk, short enough that a helper that hangs is noticed.
-constexpr auto helperTimeLimit = std::chrono::minutes(2);
-
-constexpr std::string_view onlyRoot =
-    "Only root can remove files that belong to the system of another disk. Run klarbox with sudo.";
-
-/// Stands where the helper would refuse everything without being able to say why.
-class NoRemover final : public PrivilegedRemoving {
-public:
-    PrivilegedRemovalResult perform(const PrivilegedRequest &) const override {
-        throw std::runtime_error(std::string(onlyRoot));
-    }
-};
+/// Long enough for a big folder, short enough that a helper that hangs is noticed.
+constexpr auto helperTimeLimit = std::chrono::seconds(30);
 
 } // namespace
 
 PrivilegedAccess::PrivilegedAccess(const PrivilegedRoots &roots,
                                    std::shared_ptr<const SafetyGuard> guard) {
     const auto folders = roots.all();
-    const auto helper = HelperClient::installedHelper();
     if (::geteuid() == 0) {
         way_ = Way::itself;
         remover_ = std::make_shared<PrivilegedRequestHandler>(
             std::vector(folders.begin(), folders.end()), std::move(guard),
             std::make_shared<SecureDeleter>());
-    } else if (folders != PrivilegedRoots::ofThisMachine().all()) {
-        way_ = Way::onlyRoot;
-        remover_ = std::make_shared<NoRemover>();
-    } else if (FileManager::exists(helper.socket)) {
-        way_ = Way::helper;
+        return;
+    }
+    const auto helper = HelperClient::installedHelper();
+    const bool isInstalled = FileManager::exists(helper.socket);
+    if (isInstalled) {
         remover_ = std::make_shared<TimeLimitedPrivilegedRemover>(
             std::make_shared<HelperClient>(helper), helperTimeLimit);
+    }
+    if (folders != PrivilegedRoots::ofThisMachine().all()) {
+        way_ = Way::onlyRoot; // the helper will refuse: it knows no disk but its own
     } else {
-        way_ = Way::missingHelper;
+        way_ = isInstalled ? Way::helper : Way::missingHelper;
     }
 }
 
@@ -68,7 +58,9 @@ std::string PrivilegedAccess::remark(std::size_t count) const {
                            "installed: {}.",
                            items);
     case Way::onlyRoot:
-        return fmt::format("Of the system: {}. {}", items, onlyRoot);
+        return fmt::format("Of the system of another disk, which only root can remove: {}. Run "
+                           "klarbox with sudo for those.",
+                           items);
     }
     return "";
 }
