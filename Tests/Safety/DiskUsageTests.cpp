@@ -344,6 +344,11 @@ TEST(DiskUsage, measuresDeepAndBroadTreesWithFewDescriptorsAndLittleStack) {
     inIsolatedProcess([&] {
         const auto expected = du(urls);
         limitDescriptors(16);
+        std::vector<UniqueFD> taken; // more than its share, by others
+        for (UniqueFD one(::dup(0)); one; one = UniqueFD(::dup(0))) {
+            taken.push_back(std::move(one));
+        }
+        taken.resize(taken.size() - 4);
         std::jthread([&] { // a thread's stack is smaller than the process's
             EXPECT_EQ(DiskUsage::allocatedSize(urls), expected);
         })
