@@ -344,15 +344,20 @@ TEST(DiskUsage, measuresDeepAndBroadTreesWithFewDescriptorsAndLittleStack) {
     inIsolatedProcess([&] {
         const auto expected = du(urls);
         limitDescriptors(16);
-        std::vector<UniqueFD> taken; // more than its share, by others
-        for (UniqueFD one(::dup(0)); one; one = UniqueFD(::dup(0))) {
-            taken.push_back(std::move(one));
-        }
-        taken.resize(taken.size() - 2);
         std::jthread([&] { // a thread's stack is smaller than the process's
             EXPECT_EQ(DiskUsage::allocatedSize(urls), expected);
         })
             .join();
+    });
+    inIsolatedProcess([&] {
+        const auto expected = du({tree / "long"});
+        limitDescriptors(1024);
+        std::vector<UniqueFD> others; // take more than was left to them
+        for (UniqueFD one(::dup(0)); one; one = UniqueFD(::dup(0))) {
+            others.push_back(std::move(one));
+        }
+        others.resize(others.size() - 2);
+        EXPECT_EQ(DiskUsage::allocatedSize(tree / "long"), expected);
     });
     SecureDeleter().deletePermanently(tree / "deep");
 }
