@@ -258,8 +258,8 @@ void EndToEnd::SetUp() {
     sign(application_);
     std::filesystem::create_directories("/etc/klarbox/anchors");
     std::filesystem::copy_file("/tmp/authority/anchor.pem", "/etc/klarbox/anchors/test.pem");
-    for (const char *folder : {"/Library/Caches", "/Library/Logs/DiagnosticReports",
-                               "/private/var/log", "/Users/ann", "/run/klarbox"}) {
+    for (const char *folder :
+         {"/Library/Caches", "/Library/Logs/DiagnosticReports", "/private/var/log", "/Users/ann"}) {
         std::filesystem::create_directories(folder);
     }
     std::filesystem::create_symlink("private/var", "/var");

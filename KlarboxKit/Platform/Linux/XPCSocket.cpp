@@ -51,12 +51,14 @@ UniqueFD activatedSocket(const FileURL &path) {
 
 UniqueFD openFolder(const FileURL &path) {
     const auto folder = path.parent().path();
-    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
+    const bool isNew = ::mkdir(folder.c_str(), 0755) == 0;
+    if (!isNew && errno != EEXIST) {
         throw cannotListen(path, errno);
     }
     UniqueFD fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st {};
-    if (!fd || ::fstat(fd.get(), &st) != 0) {
+    // What a daemon makes is closed to others, but everyone must get to the socket.
+    if (!fd || (isNew && ::fchmod(fd.get(), 0755) != 0) || ::fstat(fd.get(), &st) != 0) {
         throw cannotListen(path, errno);
     }
     // Whoever may write here could put a socket of their own in the place of ours.
