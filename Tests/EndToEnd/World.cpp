@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <linux/magic.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sstream>
@@ -16,6 +17,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,8 +27,18 @@ namespace {
 
 const std::string binaries = "/programs";
 const std::string source = "/source";
-constexpr const char *insideMark = "KLARBOX_TEST_WORLD";
-constexpr const char *outsideReason = "KLARBOX_TEST_NO_WORLD";
+constexpr const char *usersMark = "KLARBOX_TEST_WORLD_USERS";
+/// Made in the root of a world, and in no other.
+constexpr const char *worldMark = "/.klarbox-test-world";
+
+/// Whether the root folder is that of a world that lives in memory and ends with this process.
+/// Nothing is made or emptied before this is known: outside it would be the machine's own.
+bool isInWorld() {
+    struct statfs root {};
+    struct stat mark {};
+    return ::statfs("/", &root) == 0 && root.f_type == TMPFS_MAGIC &&
+           ::lstat(worldMark, &mark) == 0 && S_ISDIR(mark.st_mode);
+}
 
 void check(bool holds, const std::string &what) {
     if (!holds) {
@@ -237,6 +249,7 @@ bool exists(const std::string &path) {
 }
 
 void emptyFolder(const std::string &path) {
+    check(isInWorld(), "outside a world nothing is emptied");
     std::error_code ignored; // what is mounted in the world stays
     for (const auto &entry : std::filesystem::directory_iterator(path, ignored)) {
         if (entry.is_directory() && !entry.is_symlink()) {
@@ -249,8 +262,8 @@ void emptyFolder(const std::string &path) {
 // MARK: The world
 
 void EndToEnd::SetUp() {
-    if (const char *reason = std::getenv(outsideReason)) {
-        GTEST_SKIP() << reason;
+    if (!isInWorld()) {
+        GTEST_SKIP() << "bwrap cannot make a private world here";
     }
     helperPath_ = install("KlarboxHelper", "KlarboxHelper");
     application_ = install("packet-client", "application");
@@ -272,6 +285,9 @@ void EndToEnd::SetUp() {
 }
 
 void EndToEnd::TearDown() {
+    if (!isInWorld()) {
+        return;
+    }
     helper_.reset();
     journal_.reset();
     for (const char *folder :
@@ -324,7 +340,7 @@ void EndToEnd::makeClientGroup() {
 }
 
 bool EndToEnd::hasUsers() {
-    return std::getenv(insideMark) == std::string("root");
+    return std::getenv(usersMark) != nullptr;
 }
 
 namespace {
@@ -353,7 +369,11 @@ void enterWorld(int argc, char **argv) {
     add({"--proc", "/proc", "--dev", "/dev", "--dir", "/tmp", "--dir", "/run", "--dir", "/opt"});
     add({"--perms", "0755", "--dir", "/Library", "--tmpfs", mountPoint});
     add({"--ro-bind", KLARBOX_BINARY_DIR, binaries, "--ro-bind", KLARBOX_SOURCE_DIR, source});
-    add({"--setenv", insideMark, isRoot ? "root" : "user", "--chdir", "/"});
+    add({"--dir", worldMark, isRoot ? "--setenv" : "--unsetenv", usersMark});
+    if (isRoot) {
+        add({"1"});
+    }
+    add({"--chdir", "/"});
     add({binaries + "/EndToEndTests"});
     for (int i = 1; i < argc; ++i) {
         arguments.emplace_back(argv[i]);
@@ -376,11 +396,8 @@ int main(int argc, char **argv) {
     const bool isListing = std::any_of(argv, argv + argc, [](std::string_view argument) {
         return argument.starts_with("--gtest_list_tests");
     });
-    if (!isListing && std::getenv(insideMark) == nullptr) {
-        if (canMakeWorlds()) {
-            enterWorld(argc, argv);
-        }
-        ::setenv(outsideReason, "bwrap cannot make a private world here", 1);
+    if (!isListing && !isInWorld() && canMakeWorlds()) {
+        enterWorld(argc, argv);
     }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
