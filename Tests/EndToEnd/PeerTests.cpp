@@ -189,8 +189,8 @@ TEST_F(Peers, areTheProcessesThatConnectedAndNoOthers) {
 }
 
 TEST_F(Peers, thatAreInstalledClientsMustHaveTheGroup) {
-    if (!hasUsers()) {
-        GTEST_SKIP() << "needs root, for an ordinary user beside it";
+    if (const auto reason = whyNoInstalledClients(); !reason.empty()) {
+        GTEST_SKIP() << reason;
     }
     const auto genuine = install("helper-client", "genuine");
     sign(genuine);

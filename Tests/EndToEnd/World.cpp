@@ -288,7 +288,9 @@ void EndToEnd::TearDown() {
     if (!isInWorld()) {
         return;
     }
-    helper_.reset();
+    if (helper_) {
+        stopHelper();
+    }
     journal_.reset();
     for (const char *folder :
          {"/etc/klarbox", "/Library", "/opt", "/private", "/run", "/tmp", "/Users"}) {
@@ -326,8 +328,10 @@ void EndToEnd::startHelper() {
 
 void EndToEnd::stopHelper() {
     helper_->signal(SIGTERM);
-    EXPECT_EQ(helper_->finish().exitCode, 128 + SIGTERM);
+    const auto outcome = helper_->finish();
     helper_.reset();
+    EXPECT_EQ(outcome.exitCode, 128 + SIGTERM);
+    EXPECT_EQ(outcome.out + outcome.err, "") << "a daemon says what it has to say to the log";
 }
 
 Outcome EndToEnd::ask(std::vector<std::string> selectorsAndPaths, std::optional<uid_t> user) const {
@@ -341,6 +345,16 @@ void EndToEnd::makeClientGroup() {
 
 bool EndToEnd::hasUsers() {
     return std::getenv(usersMark) != nullptr;
+}
+
+std::string EndToEnd::whyNoInstalledClients() {
+    if (!hasUsers()) {
+        return "needs root, for an ordinary user beside it";
+    }
+#ifdef __SANITIZE_ADDRESS__
+    return "the leak checker works in no process that is closed to debuggers";
+#endif
+    return "";
 }
 
 namespace {

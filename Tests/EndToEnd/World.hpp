@@ -97,12 +97,15 @@ protected:
     /// Runs Packaging/sign on a file.
     static void sign(const std::string &file, const std::vector<std::string> &options = {});
     void startHelper();
+    /// Also checks that it ended as daemons do and was quiet.
     void stopHelper();
     /// What the signed foreign client gets for these selectors and paths in turn.
     Outcome ask(std::vector<std::string> selectorsAndPaths,
                 std::optional<uid_t> user = std::nullopt) const;
     /// Whether there is more than one user here.
     static bool hasUsers();
+    /// Why installed clients of an ordinary user cannot be tested here; empty when they can.
+    static std::string whyNoInstalledClients();
     /// Makes the group of the installed application known to the world.
     static void makeClientGroup();
 
