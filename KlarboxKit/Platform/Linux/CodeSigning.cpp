@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <dirent.h>
 #include <fcntl.h>
@@ -18,6 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include <climits>
 #include <fmt/format.h>
 #include <openssl/bio.h>
 #include <openssl/cms.h>
@@ -97,8 +97,7 @@ public:
     bool agreeWith(std::string_view bytes, std::uint64_t offset) {
         for (auto &excerpt : excerpts_) {
             const auto from = std::max(offset, excerpt.offset);
-            const auto to =
-                std::min(offset + bytes.size(), excerpt.offset + excerpt.bytes.size());
+            const auto to = std::min(offset + bytes.size(), excerpt.offset + excerpt.bytes.size());
             if (from >= to) {
                 continue;
             }
@@ -113,8 +112,8 @@ public:
 
     /// Whether the comparison came by all of them.
     bool areCompared() const {
-        return std::ranges::all_of(
-            excerpts_, [](const Excerpt &e) { return e.compared == e.bytes.size(); });
+        return std::ranges::all_of(excerpts_,
+                                   [](const Excerpt &e) { return e.compared == e.bytes.size(); });
     }
 
 private:
@@ -262,6 +261,7 @@ StoreOwner anchorStore(const CodeAnchors &anchors) {
     if (!listing) {
         throw PlatformError::posix(errno);
     }
+    // The stream is this call's own. NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent *entry = ::readdir(listing.get())) {
         const std::string name = entry->d_name;
         if (name.ends_with(".pem") && !name.starts_with('.')) {

@@ -31,7 +31,8 @@ void setGroupAside() {
 
 void prepareDaemon() {
     ::umask(077);
-    // By default each of many threads may come to hold an arena of its own for good.
+    // By default each of many threads may come to hold an arena of its own for good. There is one
+    // thread yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
     ::mallopt(M_ARENA_MAX, 2);
     // Enough for every connection that is served at once to be looked at and to remove something;
     // where it cannot be had, the listener makes do with fewer.

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -51,7 +52,7 @@ private:
 using Kind = XPCError::Kind;
 
 XPCError systemFailure(Kind kind, std::string_view what, int code) {
-    return {kind, code, fmt::format("{}: {}.", what, std::strerror(code))};
+    return {kind, code, fmt::format("{}: {}.", what, std::generic_category().message(code))};
 }
 
 } // namespace

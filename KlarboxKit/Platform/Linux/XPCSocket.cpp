@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -29,7 +30,7 @@ PlatformError cannotListen(const FileURL &path, std::string_view why, int cause 
 }
 
 PlatformError cannotListen(const FileURL &path, int code) {
-    return cannotListen(path, std::strerror(code), code);
+    return cannotListen(path, std::generic_category().message(code), code);
 }
 
 /// The socket that the service manager opened for this process, or none.
