@@ -285,11 +285,4 @@ FileURL homeDirectory() {
     return FileURL("/", true);
 }
 
-std::string currentDirectory() {
-    const std::unique_ptr<char, void (*)(void *)> path(::getcwd(nullptr, 0), std::free);
-    // "(unreachable)…" is what the kernel says of a folder outside this process's root.
-    const std::string_view found = path ? path.get() : "";
-    return found.starts_with('/') && found != "/" ? std::string(found) : "";
-}
-
 } // namespace klarbox::FileManager

@@ -68,8 +68,4 @@ void writeAtomically(const FileURL &url, std::string_view bytes);
 /// The home folder of the user this process runs as: `HOME`, or the user database without it.
 FileURL homeDirectory();
 
-/// The process's current folder without a trailing slash, so that the root is the empty string (and
-/// stands in when the current folder is gone).
-std::string currentDirectory();
-
 } // namespace klarbox::FileManager

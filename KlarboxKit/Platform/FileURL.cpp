@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/FileURL.hpp"
 
-#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/CurrentDirectory.hpp"
 
 #include <vector>
 
@@ -23,7 +23,7 @@ bool dropTrailingSlashes(std::string &path) {
 
 FileURL::FileURL(std::string_view path, bool isDirectory)
     : path_(path.starts_with('/') ? std::string(path)
-                                  : FileManager::currentDirectory() + "/" + std::string(path)) {
+                                  : currentDirectory() + "/" + std::string(path)) {
     const bool hadSlash = dropTrailingSlashes(path_);
     isDirectory_ = isDirectory || hadSlash;
 }

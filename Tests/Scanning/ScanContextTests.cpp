@@ -1,3 +1,4 @@
+#include "KlarboxKit/Platform/CurrentDirectory.hpp"
 #include "KlarboxKit/Scanning/ScanContext.hpp"
 
 #include "Tests/Support/ScanFixture.hpp"
@@ -11,7 +12,7 @@ using namespace std::chrono_literals;
 
 TEST(ScanContext, expandsPathsAsTyped) {
     const auto context = scanContext(FileURL("/Users/ann", true));
-    const auto here = FileManager::currentDirectory();
+    const auto here = currentDirectory();
     const struct {
         const char *typed;
         std::string path;
