@@ -1,3 +1,4 @@
+#include "KlarboxKit/Platform/CurrentDirectory.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileURL.hpp"
 
@@ -58,8 +59,8 @@ TEST(FileURL, marksDirectoriesAndComparesPathsAlone) {
 
     EXPECT_EQ(FileURL("/").appending("a/../b").path(), "/a/../b");
     EXPECT_EQ(FileURL("/a").appending("/b//").path(), "/a//b");
-    EXPECT_EQ(FileURL("a/b").path(), FileManager::currentDirectory() + "/a/b");
-    EXPECT_EQ(FileURL("").path(), FileManager::currentDirectory());
+    EXPECT_EQ(FileURL("a/b").path(), currentDirectory() + "/a/b");
+    EXPECT_EQ(FileURL("").path(), currentDirectory());
 }
 
 } // namespace
