@@ -14,6 +14,7 @@
 #include <deque>
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -43,10 +44,12 @@ public:
         }
         char *const lot = buffers_[depth_++].get();
         ssize_t filled = 0;
-        while ((filled = ::getdents64(folder, lot, lotSize)) > 0) {
+        bool isLast = false; // an entry at the greatest position has none after it
+        while (!isLast && (filled = ::getdents64(folder, lot, lotSize)) > 0) {
             for (ssize_t at = 0; at < filled;) {
                 const auto *entry = reinterpret_cast<const dirent64 *>(lot + at);
                 at += entry->d_reclen;
+                isLast = entry->d_off == std::numeric_limits<decltype(entry->d_off)>::max();
                 const char *name = entry->d_name;
                 if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
                     continue;

@@ -18,7 +18,7 @@ struct DirectoryEntry {
 /// Lists open folders in large lots, without an allocation per entry or folder. One reader serves
 /// any number of folders one after another; it owns no descriptor. For one thread at a time.
 ///
-///     while (reader.fill(folder)) {
+///     for (bool isLast = false; !isLast && reader.fill(folder); isLast = reader.isAtEnd()) {
 ///         for (DirectoryEntry entry; reader.next(entry);) { … }
 ///     }
 class DirectoryReader {
@@ -32,6 +32,9 @@ public:
     /// The next entry of the lot; false when it is used up. A lot may hold none.
     bool next(DirectoryEntry &entry);
 
+    /// Whether the lot, once used up, is known to be the last: then `fill` need not be asked again.
+    bool isAtEnd() const { return isAtEnd_; }
+
     /// Why the last `fill` failed (an errno value), 0 when it did not.
     int error() const { return error_; }
 
@@ -39,6 +42,7 @@ private:
     std::unique_ptr<std::byte[]> buffer_;
     std::size_t filled_ = 0;
     std::size_t position_ = 0;
+    bool isAtEnd_ = false;
     int error_ = 0;
 };
 

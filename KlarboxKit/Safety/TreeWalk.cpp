@@ -180,17 +180,25 @@ bool TreeWalker::isAncestor(const Level &level, const FileStatus &status) {
 /// Readies the next lot to be taken one by one, each folder entered where it stands in the listing.
 void TreeWalker::listInOrder(Level &level) {
     level.at.entries.clear();
+    keepLot(level);
+}
+
+/// Adds the next lot of a listing to the entries that are to be visited.
+void TreeWalker::keepLot(Level &level) {
     level.isListed = !reader_.fill(level.at.folder.get());
     for (DirectoryEntry entry; reader_.next(entry);) {
         level.at.entries.append(entry.name, 0, false);
     }
+    level.isListed = level.isListed || reader_.isAtEnd();
 }
 
 /// Visits everything in the folder and keeps the folders in it, to be entered later.
 void TreeWalker::list(Level &level) {
     level.at.entries.clear();
     bool isFirstLot = true;
-    while (!isStopped_ && reader_.fill(level.at.folder.get())) {
+    bool isLast = false;
+    for (; !isStopped_ && !isLast && reader_.fill(level.at.folder.get());
+         isLast = reader_.isAtEnd()) {
         DirectoryEntry entry;
         // A folder that takes several lots is worth more than one walker.
         if (!isFirstLot && pool_->wants(walk_)) {
@@ -287,10 +295,7 @@ void TreeWalker::makeRoom(std::size_t window) {
 void TreeWalker::close(Level &level) {
     // A listing cannot be taken up again where it was left, so its rest is kept.
     while (!level.isListed) {
-        level.isListed = !reader_.fill(level.at.folder.get());
-        for (DirectoryEntry entry; reader_.next(entry);) {
-            level.at.entries.append(entry.name, 0, false);
-        }
+        keepLot(level);
     }
     if (!level.at.entries.empty()) {
         ++closedPending_;

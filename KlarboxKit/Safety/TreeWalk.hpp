@@ -98,6 +98,7 @@ private:
     std::optional<FileStatus> measure(const Level &level, const char *name);
     static bool isAncestor(const Level &level, const FileStatus &status);
     void listInOrder(Level &level);
+    void keepLot(Level &level);
     void list(Level &level);
     void enter(std::uint64_t device, std::uint64_t inode, const char *name);
     void leave();

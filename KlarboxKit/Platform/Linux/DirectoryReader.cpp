@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <limits>
 
 namespace klarbox {
 
@@ -24,6 +25,7 @@ DirectoryReader::DirectoryReader()
 bool DirectoryReader::fill(int fd) {
     position_ = 0;
     filled_ = 0;
+    isAtEnd_ = false;
     error_ = 0;
     ssize_t count = 0;
     do {
@@ -44,6 +46,9 @@ bool DirectoryReader::next(DirectoryEntry &entry) {
         dirent64 head;
         std::memcpy(&head, record, offsetof(dirent64, d_name));
         position_ += head.d_reclen;
+        // No entry can come after the greatest position there is. Several file systems put it at
+        // the end of their listings, which spares asking for a lot that is empty.
+        isAtEnd_ = head.d_off == std::numeric_limits<decltype(head.d_off)>::max();
         const auto *name = reinterpret_cast<const char *>(record + offsetof(dirent64, d_name));
         if (isDotOrDotDot(name)) {
             continue;
