@@ -24,7 +24,7 @@ std::optional<std::string_view> text(const PropertyList &dictionary, std::string
 bool isMissing(const FileURL &url) {
     struct stat st {};
     return ::stat(url.path().c_str(), &st) != 0 &&
-           (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
+           (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG);
 }
 
 } // namespace
