@@ -11,7 +11,9 @@ namespace klarbox {
 
 namespace {
 
-/// More threads only wait for each other: a file system orders the changes to it.
+/// Twice the cores: while one waits for the disk to bring what says which blocks are free, another
+/// goes on. More only wait for each other, because a file system orders the changes to it.
+constexpr unsigned threadsPerCore = 2;
 constexpr unsigned mostThreads = 4;
 
 /// Walks begun and not done, for each thread: a waiting one keeps two folders open.
@@ -22,7 +24,7 @@ constexpr std::size_t walksPerThread = 2;
 TreeRemoval::TreeRemoval(const PinnedEntry &entry)
     : entry_(entry),
       grant_(DescriptorGrant::wait()),
-      threads_(std::clamp(std::thread::hardware_concurrency(), 1U, mostThreads)) {}
+      threads_(std::clamp(threadsPerCore * std::thread::hardware_concurrency(), 1U, mostThreads)) {}
 
 std::size_t TreeRemoval::openFolders() const {
     // Set aside: the first folder, one that is handed over, and two for looking upwards.
