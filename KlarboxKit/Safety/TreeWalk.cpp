@@ -1,5 +1,6 @@
 #include "KlarboxKit/Safety/TreeWalk.hpp"
 
+#include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
 #include "KlarboxKit/Safety/WalkerPool.hpp"
 
@@ -19,10 +20,6 @@ constexpr std::int64_t sharedInterval = 256;
 /// From the kernel's cache an entry takes a microsecond or two. Whoever needs this long waits for
 /// the disk.
 constexpr std::chrono::microseconds slowEntry{20};
-
-/// A folder entered may be replaced by anything between being looked at and being opened: a link is
-/// not followed, and a fifo put in its place does not block.
-constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
 } // namespace
 
@@ -163,7 +160,7 @@ bool TreeWalker::isAncestor(const Level &level, const FileStatus &status) {
     UniqueFD above;
     int folder = level.at.folder.get();
     for (std::size_t left = level.at.depth; left > 0; --left) {
-        UniqueFD next(::openat(folder, "..", folderFlags));
+        UniqueFD next = openFolder(folder, "..");
         const auto ancestor = next ? FileStatus::ofOpen(next.get()) : std::nullopt;
         if (!ancestor) {
             return true; // not entered rather than walked in circles
@@ -230,7 +227,7 @@ void TreeWalker::enter(std::uint64_t device, std::uint64_t inode, const char *na
     makeRoom(window_);
     const auto open = [&] {
         const auto &parent = levels_[depth_ - 1].at.folder;
-        return UniqueFD(::openat(parent ? parent.get() : AT_FDCWD, name, folderFlags));
+        return openFolder(parent ? parent.get() : AT_FDCWD, name);
     };
     UniqueFD folder = open();
     if (!folder && (errno == EMFILE || errno == ENFILE)) {
@@ -313,7 +310,7 @@ UniqueFD TreeWalker::reopen(std::size_t index, const UniqueFD &child) const {
                status->device == levels_[index].at.device;
     };
     if (child) {
-        UniqueFD above(::openat(child.get(), "..", folderFlags));
+        UniqueFD above = openFolder(child.get(), "..");
         if (isIt(above)) {
             return above;
         }
@@ -321,7 +318,7 @@ UniqueFD TreeWalker::reopen(std::size_t index, const UniqueFD &child) const {
     UniqueFD folder;
     int from = levels_[0].at.folder ? levels_[0].at.folder.get() : AT_FDCWD;
     for (std::size_t above = 0; above < index; ++above) {
-        folder = UniqueFD(::openat(from, levels_[above].at.entries.lastTaken(), folderFlags));
+        folder = openFolder(from, levels_[above].at.entries.lastTaken());
         if (!folder) {
             return {};
         }

@@ -438,6 +438,22 @@ TEST(DiskUsage, findsItsWayBackWhenAFolderIsMovedWhileItIsInside) {
     EXPECT_EQ(total, expected);
 }
 
+TEST(DiskUsage, leavesNoTraceOfItsVisit) {
+    const TemporaryTree tree{{"t/a/x", bytes(1)}, {"t/link", link("a")}};
+    const auto accessed = [&](const char *path) {
+        struct stat status {};
+        EXPECT_EQ(::lstat((tree / path).path().c_str(), &status), 0);
+        return status.st_atim.tv_sec;
+    };
+    constexpr timespec longAgo[] = {{1'000'000, 0}, {0, UTIME_OMIT}};
+    for (const auto *path : {"t", "t/a"}) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, (tree / path).path().c_str(), longAgo, 0), 0);
+    }
+    EXPECT_GT(DiskUsage::allocatedSize(tree / "t"), 0);
+    EXPECT_EQ(accessed("t"), 1'000'000);
+    EXPECT_EQ(accessed("t/a"), 1'000'000);
+}
+
 TEST(DiskUsage, manyMeasurementsAtOnceDoNotDisturbEachOther) {
     const TemporaryTree tree(inMemory, {});
     for (int folder = 0; folder < 60; ++folder) {
