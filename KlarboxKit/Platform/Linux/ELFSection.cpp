@@ -55,11 +55,9 @@ bool readExactly(const UniqueFD &file, void *buffer, std::size_t size, std::uint
 
 std::optional<std::string> elfSection(const UniqueFD &file, std::string_view name,
                                       std::size_t limit) {
-    return elfSection(
-        [&](void *buffer, std::size_t size, std::uint64_t offset) {
-            return readExactly(file, buffer, size, offset);
-        },
-        name, limit);
+    return elfSection([&](void *buffer, std::size_t size,
+                          std::uint64_t offset) { return readExactly(file, buffer, size, offset); },
+                      name, limit);
 }
 
 std::optional<std::string> elfSection(const ExecutableReader &read, std::string_view name,

@@ -24,8 +24,7 @@ std::optional<std::string> elfSection(const UniqueFD &file, std::string_view nam
                                       std::size_t limit = std::size_t{64} << 10);
 
 /// Fills a buffer with `size` bytes from `offset` of an executable; false when it ends before.
-using ExecutableReader =
-    std::function<bool(void *buffer, std::size_t size, std::uint64_t offset)>;
+using ExecutableReader = std::function<bool(void *buffer, std::size_t size, std::uint64_t offset)>;
 
 /// The same of an executable that is read through `read`.
 std::optional<std::string> elfSection(const ExecutableReader &read, std::string_view name,
