@@ -1,6 +1,7 @@
 #include "KlarboxKit/Safety/TreeWalk.hpp"
 
 #include "KlarboxKit/Platform/OpenFolder.hpp"
+#include "KlarboxKit/Platform/ThreadWaits.hpp"
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
 #include "KlarboxKit/Safety/WalkerPool.hpp"
 
@@ -17,9 +18,10 @@ namespace {
 /// whether it was stopped: often enough to stop soon, seldom enough not to be felt.
 constexpr std::int64_t sharedInterval = 256;
 
-/// From the kernel's cache an entry takes a microsecond or two. Whoever needs this long waits for
-/// the disk.
+/// From the kernel's cache an entry takes a microsecond or two. Whoever needs this long for each,
+/// and slept so often meanwhile, waits for the disk; who only took long waits for a processor.
 constexpr std::chrono::microseconds slowEntry{20};
+constexpr std::int64_t entriesPerWait = 64;
 
 } // namespace
 
@@ -32,7 +34,7 @@ TreeWalker::TreeWalker(TreeWalk &walk, Role role)
       left_(interval_) {
     if (role == Role::helper) {
         pool_ = &WalkerPool::shared();
-        intervalBegan_ = std::chrono::steady_clock::now();
+        beginInterval();
     }
 }
 
@@ -81,6 +83,11 @@ void TreeWalker::countVisits() {
     left_ = interval_;
 }
 
+void TreeWalker::beginInterval() {
+    intervalBegan_ = std::chrono::steady_clock::now();
+    waitsBefore_ = threadWaits();
+}
+
 bool TreeWalker::endInterval() {
     countVisits();
     const bool isFirst = pool_ == nullptr;
@@ -92,12 +99,13 @@ bool TreeWalker::endInterval() {
         pool_->invite();
         interval_ = sharedInterval;
     } else {
-        const auto now = std::chrono::steady_clock::now();
-        if (now - intervalBegan_ > slowEntry * interval_) {
+        const auto passed = std::chrono::steady_clock::now() - intervalBegan_;
+        const auto waits = threadWaits() - waitsBefore_;
+        if (passed > slowEntry * interval_ && waits * entriesPerWait > interval_) {
             pool_->reportSlowDisk();
         }
     }
-    intervalBegan_ = std::chrono::steady_clock::now();
+    beginInterval();
     left_ = interval_;
     if (role_ == Role::helper && walk_.ownerIsIdle.load(std::memory_order_relaxed) &&
         walk_.isCheckDue()) {

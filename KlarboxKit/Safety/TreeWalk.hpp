@@ -94,6 +94,7 @@ private:
 
     bool visit();
     bool endInterval();
+    void beginInterval();
     void countVisits();
     std::optional<FileStatus> measure(const Level &level, const char *name);
     static bool isAncestor(const Level &level, const FileStatus &status);
@@ -123,6 +124,7 @@ private:
     std::int64_t left_;     ///< of those, still to come
     bool isStopped_ = false;
     std::chrono::steady_clock::time_point intervalBegan_;
+    std::int64_t waitsBefore_ = 0; ///< the interval
 };
 
 } // namespace klarbox
