@@ -598,7 +598,7 @@ TEST(Cleaner, emptiesAFolderWithWhatWasAddedToItSinceTheScan) {
     tree.add({"root/app/new/deep/x", bytes(5000)});
     const auto size =
         DiskUsage::allocatedSize(std::vector{tree / "root/app/old", tree / "root/app/new"});
-    const auto other = manifest(tree.root()).substr(manifest(tree.root()).find("/root/other"));
+    const auto other = manifest(tree.root()).substr(manifest(tree.root()).find("root/other"));
     const auto outcome = Collaborators{}.clean(item);
     EXPECT_EQ(outcome.result, CleanResult::removed());
     EXPECT_EQ(outcome.bytes, size);
