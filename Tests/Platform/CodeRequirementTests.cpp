@@ -1,8 +1,7 @@
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -21,59 +20,53 @@ TEST(CodeRequirement, isSatisfiedWhenEveryClauseHolds) {
     const auto requirement = CodeRequirement::parse(HelperIdentity::appRequirement());
     ASSERT_TRUE(requirement);
     EXPECT_TRUE(requirement->isSatisfiedBy(application));
-    const auto but = [](auto &&change) {
-        auto information = application;
-        change(information);
-        return information;
-    };
-    const std::vector<SigningInformation> others{
-        {},
-        but([](auto &i) { i.endsInAnchor = false; }),
-        but([](auto &i) { i.identifier = "app.klarbox.Klarbox.Helper"; }),
-        but([](auto &i) { i.identifier = "app.klarbox.klarbox"; }),
-        but([](auto &i) { i.teamID = ""; }),
-        but([](auto &i) { i.teamID = "K7L4R9B0X2 "; }),
-    };
-    for (const auto &other : others) {
-        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << other.identifier << other.teamID;
+    EXPECT_FALSE(requirement->isSatisfiedBy({}));
+    auto other = application;
+    other.endsInAnchor = false;
+    EXPECT_FALSE(requirement->isSatisfiedBy(other));
+    for (const auto *identifier : {"app.klarbox.Klarbox.Helper", "app.klarbox.klarbox"}) {
+        other = application;
+        other.identifier = identifier;
+        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << identifier;
+    }
+    for (const auto *teamID : {"", "K7L4R9B0X2 "}) {
+        other = application;
+        other.teamID = teamID;
+        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << teamID;
     }
 }
 
 TEST(CodeRequirement, isNoneWhenAnythingInItIsNotUnderstood) {
-    for (const std::string text : {
-             "identifier \"app.klarbox.Klarbox\"",
+    for (const auto *text : {
              " anchor  apple\tgeneric\nand identifier \"app.klarbox.Klarbox\" ",
              "certificate leaf [ subject.OU ] = \"K7L4R9B0X2\" and anchor apple generic",
          }) {
         const auto requirement = CodeRequirement::parse(text);
-        ASSERT_TRUE(requirement) << text;
-        EXPECT_TRUE(requirement->isSatisfiedBy(application)) << text;
+        EXPECT_TRUE(requirement && requirement->isSatisfiedBy(application)) << text;
     }
-    using namespace std::string_literals;
-    for (const std::string &text : {
-             ""s,
-             "anchor"s,
-             "anchor apple"s,
-             "anchor applegeneric"s,
-             "anchor apple generic and"s,
-             "and anchor apple generic"s,
-             "anchor apple generic identifier \"a\""s,
-             "anchor apple generic or identifier \"a\""s,
-             "not anchor apple generic"s,
-             "identifier a"s,
-             "identifier \"a"s,
-             "identifier \"\""s,
-             "identifier \"a\\\"b\""s,
-             "identifier \"a\0b\""s,
-             "identifier \"a\" \"b\""s,
-             "identifier \"a\" /* comment */"s,
-             "certificate leaf[subject.CN] = \"a\""s,
-             "certificate 1[subject.OU] = \"a\""s,
-             "certificate leaf[subject.OU] \"a\""s,
-             "anchor apple generic and (identifier \"a\")"s,
-         }) {
-        EXPECT_FALSE(CodeRequirement::parse(text)) << text;
+    std::istringstream others(R"(
+        anchor
+        anchor apple
+        anchor applegeneric
+        anchor apple generic and
+        and anchor apple generic
+        anchor apple generic identifier "a"
+        anchor apple generic or identifier "a"
+        anchor apple generic and (identifier "a")
+        not anchor apple generic
+        identifier a
+        identifier "a
+        identifier ""
+        identifier "a\"b"
+        identifier "a" "b"
+        identifier "a" /* comment */
+        certificate leaf[subject.CN] = "a"
+        certificate 1[subject.OU] = "a"
+        certificate leaf[subject.OU] "a")");
+    for (std::string text; std::getline(others, text);) {
+        EXPECT_FALSE(CodeRequirement::parse(text)) << text; // the first one is empty
     }
+    EXPECT_FALSE(CodeRequirement::parse(std::string_view("identifier \"a\0b\"", 16)));
 }
 
 } // namespace

@@ -12,30 +12,27 @@ namespace {
 TEST(FileURL, takesPathsApartWithoutTouchingTheDisk) {
     const struct {
         std::string_view path;
-        std::string_view written; ///< as kept
         std::string_view standardized;
         std::string_view last;
         std::string_view stem;
         std::string_view extension;
         std::string_view parent;
     } cases[] = {
-        {"/", "/", "/", "/", "/", "", "/"},
-        {"///", "/", "/", "/", "/", "", "/"},
-        {"/a", "/a", "/a", "a", "a", "", "/"},
-        {"/a/b.tar.gz//", "/a/b.tar.gz", "/a/b.tar.gz", "b.tar.gz", "b.tar", "gz", "/a"},
-        {"/a//b", "/a//b", "/a/b", "b", "b", "", "/a"},
-        {"//a", "//a", "/a", "a", "a", "", "/"},
-        {"/a/.plist", "/a/.plist", "/a/.plist", ".plist", "", "plist", "/a"},
-        {"/a/b.", "/a/b.", "/a/b.", "b.", "b", "", "/a"},
-        {"/a.b/c", "/a.b/c", "/a.b/c", "c", "c", "", "/a.b"},
-        {"/a/./b/../c/.", "/a/./b/../c/.", "/a/c", ".", "", "", "/a/./b/../c"},
-        {"/../..", "/../..", "/", "..", ".", "", "/.."},
-        {"/a/.../..b", "/a/.../..b", "/a/.../..b", "..b", ".", "b", "/a/..."},
-        {"/\xFF\n/ ", "/\xFF\n/ ", "/\xFF\n/ ", " ", " ", "", "/\xFF\n"},
+        {"/", "/", "/", "/", "", "/"},
+        {"///", "/", "/", "/", "", "/"},
+        {"/a/b.tar.gz//", "/a/b.tar.gz", "b.tar.gz", "b.tar", "gz", "/a"},
+        {"/a//b", "/a/b", "b", "b", "", "/a"},
+        {"//a", "/a", "a", "a", "", "/"},
+        {"/a/.plist", "/a/.plist", ".plist", "", "plist", "/a"},
+        {"/a/b.", "/a/b.", "b.", "b", "", "/a"},
+        {"/a.b/c", "/a.b/c", "c", "c", "", "/a.b"},
+        {"/a/./b/../c/.", "/a/c", ".", "", "", "/a/./b/../c"},
+        {"/../..", "/", "..", ".", "", "/.."},
+        {"/a/.../..b", "/a/.../..b", "..b", ".", "b", "/a/..."},
+        {"/\xFF\n/ ", "/\xFF\n/ ", " ", " ", "", "/\xFF\n"},
     };
-    for (const auto &[path, written, standardized, last, stem, extension, parent] : cases) {
+    for (const auto &[path, standardized, last, stem, extension, parent] : cases) {
         const FileURL url(path);
-        EXPECT_EQ(url.path(), written);
         EXPECT_EQ(url.standardized().path(), standardized) << path;
         EXPECT_EQ(url.lastComponent(), last) << path;
         EXPECT_EQ(url.stem(), stem) << path;
@@ -57,6 +54,8 @@ TEST(FileURL, marksDirectoriesAndComparesPathsAlone) {
     EXPECT_NE(FileURL("/a"), FileURL("/A"));
     EXPECT_NE(FileURL("/a/."), FileURL("/a"));
 
+    EXPECT_EQ(FileURL("///").path(), "/");
+    EXPECT_EQ(FileURL("//a//b///").path(), "//a//b");
     EXPECT_EQ(FileURL("/").appending("a/../b").path(), "/a/../b");
     EXPECT_EQ(FileURL("/a").appending("/b//").path(), "/a//b");
     EXPECT_EQ(FileURL("a/b").path(), currentDirectory() + "/a/b");

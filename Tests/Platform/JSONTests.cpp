@@ -50,7 +50,7 @@ TEST(JSON, namesTheKeyThatIsMissingOrOfTheWrongType) {
     for (const auto *key : {"text", "f", "big", "null", "gone", "N"}) {
         EXPECT_THAT(problem([&] { requiredInteger(record, key); }), HasSubstr(key));
     }
-    for (const auto *key : {"n", "null", "gone"}) {
+    for (const auto *key : {"n", "gone"}) {
         EXPECT_THAT(problem([&] { requiredString(record, key); }), HasSubstr(key));
     }
     EXPECT_THAT(problem([] { requiredMember(parseJSON("[1]"), "a"); }), HasSubstr("\"a\""));
@@ -67,14 +67,10 @@ TEST(JSON, readsObjectsInTimeByTheirLength) {
     for (int i = 1; i < 300'000; ++i) {
         bytes += ",\"" + std::to_string(i) + "\":0";
     }
-    const auto seconds = [] {
-        timespec time{};
-        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-        return time.tv_sec;
-    };
-    const auto begin = seconds();
+    const auto begin = std::clock();
     EXPECT_EQ(parseJSON(bytes + "}").size(), 300'000U);
-    EXPECT_LT(seconds() - begin, 20); // a tenth of what comparing every key with every other takes
+    // A tenth of what comparing every key with every other takes.
+    EXPECT_LT(std::clock() - begin, 20 * CLOCKS_PER_SEC);
 }
 
 } // namespace

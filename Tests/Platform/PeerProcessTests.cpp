@@ -5,12 +5,12 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <sys/stat.h>
+#include <filesystem>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
@@ -22,16 +22,17 @@ class Peer {
 public:
     explicit Peer(uid_t user = ::geteuid()) {
         const UniqueFD listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, (folder_ / "socket").path().c_str());
-        const auto *at = reinterpret_cast<const sockaddr *>(&address);
-        EXPECT_EQ(::bind(listener.get(), at, sizeof address), 0);
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        socklen_t size = sizeof address.sun_family;
+        auto *const at = reinterpret_cast<sockaddr *>(&address);
+        EXPECT_EQ(::bind(listener.get(), at, size), 0); // the system chooses a name
+        size = sizeof address;
+        EXPECT_EQ(::getsockname(listener.get(), at, &size), 0);
         EXPECT_EQ(::listen(listener.get(), 1), 0);
         pid_ = ::fork();
         if (pid_ == 0) {
             const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-            if (::connect(fd, at, sizeof address) == 0 && ::seteuid(user) == 0 &&
+            if (::connect(fd, at, size) == 0 && ::seteuid(user) == 0 &&
                 ::send(fd, "x", 1, 0) == 1) {
                 ::pause();
             }
@@ -56,7 +57,6 @@ public:
     const UniqueFD &socket() const { return socket_; }
 
 private:
-    TemporaryTree folder_;
     pid_t pid_ = -1;
     UniqueFD socket_;
 };
@@ -81,11 +81,9 @@ TEST(PeerProcess, isTheOneThatConnectedAndNoneOnceThatEnded) {
         EXPECT_EQ(process.user(), ::geteuid());
         EXPECT_EQ(process.group(), ::getegid());
         EXPECT_TRUE(process.isAlive());
-        struct stat ours {};
-        struct stat theirs {};
-        ASSERT_EQ(::stat("/proc/self/exe", &ours), 0);
-        ASSERT_EQ(::fstat(process.openExecutable().get(), &theirs), 0);
-        EXPECT_EQ(theirs.st_ino, ours.st_ino);
+        const auto executable = process.openExecutable();
+        EXPECT_TRUE(std::filesystem::equivalent("/proc/self/exe",
+                                                fmt::format("/proc/self/fd/{}", executable.get())));
 
         peer.end();
         EXPECT_FALSE(process.isAlive());

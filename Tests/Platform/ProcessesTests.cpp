@@ -10,12 +10,14 @@
 #include <ranges>
 #include <thread>
 
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_view_literals;
 
 std::optional<RunningProcess> find(const std::string &executable) {
     const auto all = runningProcesses();
@@ -59,15 +61,12 @@ TEST(Processes, areToldWithTheirExecutableAndEveryArgument) {
 
 TEST(Processes, areNotThisOneNorPartsOfTheKernel) {
     // Tests of this program run side by side, each in a process with arguments of its own.
-    const auto own = FileManager::contents(FileURL("/proc/self/cmdline"));
+    auto own = FileManager::contents(FileURL("/proc/self/cmdline"));
+    own.pop_back();
     const auto running = runningProcesses();
     ASSERT_FALSE(running.empty());
     for (const auto &process : running) {
-        std::string arguments;
-        for (const auto &argument : process.arguments) {
-            arguments.append(argument).append(1, '\0');
-        }
-        EXPECT_NE(arguments, own);
+        EXPECT_NE(fmt::format("{}", fmt::join(process.arguments, "\0"sv)), own);
         EXPECT_FALSE(process.executable.empty() && process.arguments.empty());
     }
 }
@@ -79,33 +78,15 @@ TEST(Processes, inAFlatpakSandboxBelongToItsApplication) {
         {"runtime-info", text("[Runtime]\nname=org.example.Platform\n")},
     };
     std::filesystem::copy_file("/usr/bin/sleep", (tree / "viewer").path());
-    const struct {
-        const char *info;
-        std::optional<std::string> expected;
-    } cases[] = {{"app-info", "org.example.Viewer"}, {"runtime-info", std::nullopt}};
+    const std::pair<const char *, std::optional<std::string>> cases[] = {
+        {"app-info", "org.example.Viewer"}, {"runtime-info", std::nullopt}};
     for (const auto &[info, expected] : cases) {
-        ChildProcess sandbox(FileURL("/usr/bin/bwrap"),
-                             {"--die-with-parent",
-                              "--tmpfs",
-                              "/",
-                              "--ro-bind",
-                              "/usr",
-                              "/usr",
-                              "--symlink",
-                              "usr/lib",
-                              "/lib",
-                              "--symlink",
-                              "usr/lib64",
-                              "/lib64",
-                              "--ro-bind",
-                              (tree / info).path(),
-                              "/.flatpak-info",
-                              "--ro-bind",
-                              (tree / "viewer").path(),
-                              "/" + std::string(info),
-                              "/" + std::string(info),
-                              "30"},
-                             {});
+        const auto command =
+            fmt::format("exec /usr/bin/bwrap --die-with-parent --tmpfs / --ro-bind /usr /usr "
+                        "--symlink usr/lib /lib --symlink usr/lib64 /lib64 "
+                        "--ro-bind {0}/{1} /.flatpak-info --ro-bind {0}/viewer /{1} /{1} 30",
+                        tree.root().path(), info);
+        ChildProcess sandbox(FileURL("/bin/sh"), {"-c", command}, {});
         const auto viewer = waitFor("/" + std::string(info), sandbox);
         if (!viewer) {
             GTEST_SKIP() << "bwrap cannot make a sandbox here: " << sandbox.output();

@@ -1,41 +1,30 @@
 #include "Tests/Platform/PropertyListSamples.hpp"
 
-#include <utility>
+#include <algorithm>
+#include <filesystem>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <utf8proc.h>
 
 namespace klarbox::test {
 
-namespace {
-
-using Kind = PropertyList::Kind;
-
-std::string quoted(std::string_view text) {
-    return fmt::format("\"{}\"", text);
-}
-
-} // namespace
-
 std::string describe(const PropertyList &list) {
-    switch (list.kind()) {
-    case Kind::dictionary: {
-        std::vector<std::string> pairs;
-        for (std::size_t i = 0; i < list.count(); ++i) {
-            pairs.push_back(quoted(list.key(i)) + ": " + describe(list.at(i)));
-        }
-        return fmt::format("{{{}}}", fmt::join(pairs, ", "));
-    }
+    using Kind = PropertyList::Kind;
+    const auto kind = list.kind();
+    switch (kind) {
+    case Kind::dictionary:
     case Kind::array: {
-        std::vector<std::string> elements;
+        const bool isArray = kind == Kind::array;
+        std::vector<std::string> parts;
         for (std::size_t i = 0; i < list.count(); ++i) {
-            elements.push_back(describe(list.at(i)));
+            const auto label = isArray ? "" : fmt::format("\"{}\": ", list.key(i));
+            parts.push_back(label + describe(list.at(i)));
         }
-        return fmt::format("[{}]", fmt::join(elements, ", "));
+        const auto all = fmt::format("{}", fmt::join(parts, ", "));
+        return isArray ? "[" + all + "]" : "{" + all + "}";
     }
     case Kind::string:
-        return quoted(list.asString().value());
+        return fmt::format("\"{}\"", list.asString().value());
     case Kind::integer:
         return list.asInteger() ? std::to_string(*list.asInteger()) : "?";
     case Kind::real:
@@ -47,12 +36,9 @@ std::string describe(const PropertyList &list) {
         return "@" + (date ? std::to_string(date->time_since_epoch().count()) : "?");
     }
     case Kind::data: {
-        std::string digits = "<";
         const auto bytes = list.asData().value();
-        for (const char byte : bytes) {
-            digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-        }
-        return digits + ">";
+        const std::vector<unsigned char> numbers(bytes.begin(), bytes.end());
+        return fmt::format("<{:02x}>", fmt::join(numbers, ""));
     }
     case Kind::uid:
         return fmt::format("uid {}", list.asUID().value());
@@ -78,25 +64,17 @@ std::string bigEndian(std::uint64_t number, std::size_t size) {
     return bytes;
 }
 
-std::string wide(std::string_view utf8, std::size_t unitSize, bool isBigEndian) {
+std::string wide(const std::string &utf8, std::size_t unitSize, bool isBigEndian) {
     std::string bytes;
     const auto add = [&](std::uint32_t unit) {
         const auto whole = bigEndian(unit, unitSize);
         bytes += isBigEndian ? whole : std::string(whole.rbegin(), whole.rend());
     };
-    while (!utf8.empty()) {
-        utf8proc_int32_t scalar = 0;
-        const auto length =
-            utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t *>(utf8.data()),
-                             static_cast<utf8proc_ssize_t>(utf8.size()), &scalar);
-        utf8.remove_prefix(static_cast<std::size_t>(length));
-        const auto character = static_cast<std::uint32_t>(scalar);
-        if (unitSize == 2 && character > 0xFFFF) {
-            add(0xD800U + ((character - 0x10000U) >> 10U));
-            add(0xDC00U + (character & 0x3FFU));
-        } else {
-            add(character);
-        }
+    const std::filesystem::path text(utf8);
+    if (unitSize == 2) {
+        std::ranges::for_each(text.u16string(), add);
+    } else {
+        std::ranges::for_each(text.u32string(), add);
     }
     return bytes;
 }

@@ -19,7 +19,7 @@ std::string describe(const PropertyList &list);
 std::string xmlList(std::string_view body, std::string_view encoding = "UTF-8");
 
 /// UTF-8 text in code units of 2 or 4 bytes.
-std::string wide(std::string_view utf8, std::size_t unitSize, bool bigEndian);
+std::string wide(const std::string &utf8, std::size_t unitSize, bool isBigEndian);
 
 /// The number in `size` bytes, most significant first.
 std::string bigEndian(std::uint64_t number, std::size_t size);
