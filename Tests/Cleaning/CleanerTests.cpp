@@ -1,7 +1,7 @@
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
-#include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
-#include <map>
+#include <sstream>
 #include <stdexcept>
 #include <variant>
 
@@ -23,38 +23,34 @@
 namespace klarbox::test {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using enum RemovalMode;
 using enum SafetyViolation;
 
-const auto busy = PlatformError::posix(EBUSY);
-const auto readOnly = PlatformError::posix(EROFS);
-
-/// Keeps what it is asked and touches nothing; throws for entries of the names it is told.
+/// Keeps what it is asked and touches nothing. Entries named "busy" and "readOnly" fail with their
+/// name as the message; one named "vanishing" is refused.
 class RecordingRemover final : public ItemRemover {
 public:
-    explicit RecordingRemover(std::map<std::string, std::exception_ptr> failing = {})
-        : failing_(std::move(failing)) {}
-
     void moveToTrash(const FileURL &url) const override { record("trash", url); }
     void deletePermanently(const FileURL &url) const override { record("delete", url); }
 
-    /// What succeeded, in order: "trash NAME" or "delete NAME".
-    const std::vector<std::string> &calls() const { return calls_; }
+    /// What succeeded since the last question, in order: "trash NAME " or "delete NAME ".
+    std::string takeCalls() const { return std::exchange(calls_, ""); }
 
 private:
     void record(std::string_view what, const FileURL &url) const {
-        if (const auto failure = failing_.find(std::string(url.lastComponent()));
-            failure != failing_.end()) {
-            std::rethrow_exception(failure->second);
+        const std::string name(url.lastComponent());
+        if (name == "busy" || name == "readOnly") {
+            throw std::runtime_error(name);
         }
-        calls_.push_back(fmt::format("{} {}", what, url.lastComponent()));
+        if (name == "vanishing") {
+            throw SafetyRefusal(notFound);
+        }
+        calls_ += fmt::format("{} {} ", what, name);
     }
 
-    std::map<std::string, std::exception_ptr> failing_;
-    mutable std::vector<std::string> calls_;
+    mutable std::string calls_;
 };
 
 /// Deletes for real, after doing something else.
@@ -72,32 +68,27 @@ private:
     std::function<void()> before_;
 };
 
-/// Gives recorded answers, or throws recorded errors, in order.
+/// Gives recorded answers in order; a text is thrown.
 class RecordedHelper final : public PrivilegedRemoving {
 public:
-    using Answer = std::variant<PrivilegedRemovalResult, std::exception_ptr>;
+    using Answers = std::vector<std::variant<PrivilegedRemovalResult, const char *>>;
 
-    explicit RecordedHelper(std::vector<Answer> answers) : answers_(std::move(answers)) {}
+    explicit RecordedHelper(Answers answers = {}) : answers_(std::move(answers)) {}
 
     PrivilegedRemovalResult perform(const PrivilegedRequest &request) const override {
         requests_.push_back(request);
         const auto &answer = answers_.at(requests_.size() - 1);
-        if (const auto *error = std::get_if<std::exception_ptr>(&answer)) {
-            std::rethrow_exception(*error);
+        if (const auto *message = std::get_if<const char *>(&answer)) {
+            throw std::runtime_error(*message);
         }
         return std::get<PrivilegedRemovalResult>(answer);
     }
     const std::vector<PrivilegedRequest> &requests() const { return requests_; }
 
 private:
-    std::vector<Answer> answers_;
+    Answers answers_;
     mutable std::vector<PrivilegedRequest> requests_;
 };
-
-template <typename Error>
-std::exception_ptr thrown(const Error &error) {
-    return std::make_exception_ptr(error);
-}
 
 KlarboxItem fileItem(KlarboxTarget target, std::optional<FileURL> root) {
     return {.id = "logs:x",
@@ -115,6 +106,38 @@ KlarboxItem systemItem(KlarboxTarget target, FileURL root) {
     return item;
 }
 
+/// A file target in words: "item PATH", "contents PATH" or "items PATH…", the paths below `folder`.
+KlarboxTarget target(const FileURL &folder, const std::string &text) {
+    std::istringstream words(text);
+    std::string kind;
+    std::vector<FileURL> urls;
+    words >> kind;
+    for (std::string path; words >> path;) {
+        urls.emplace_back(folder.path() + "/" + path);
+    }
+    return kind == "items"      ? KlarboxTarget::items(urls)
+           : kind == "contents" ? KlarboxTarget::contents(urls.at(0))
+                                : KlarboxTarget::item(urls.at(0));
+}
+
+/// What came of an item, in words: its result, the bytes if there are any, and where they went.
+std::string text(const CleanOutcome &outcome) {
+    const auto result = std::visit(
+        overloaded{
+            [](const CleanResult::Partial &partial) { return "partial: " + partial.message; },
+            [](const CleanResult::Failed &failed) { return "failed: " + failed.message; },
+            [](const CleanResult::Refused &refused) {
+                return fmt::format("refused: {}", rawValue(refused.violation));
+            },
+            [](const CleanResult::Removed &) { return std::string("removed"); },
+            [](const CleanResult::MovedToTrash &) { return std::string("moved"); },
+            [](const CleanResult::RanCommand &) { return std::string("ran"); },
+        },
+        outcome.result.value());
+    return result + (outcome.bytes == 0 ? "" : fmt::format(" [{}]", outcome.bytes)) +
+           (outcome.wentToTrash ? " (Trash)" : "");
+}
+
 const auto ignoreProgress = [](std::int64_t, std::int64_t, const std::string &) {};
 
 /// Collaborators of a cleaner, the ones that a test does not care about left as they are.
@@ -128,63 +151,48 @@ struct Collaborators {
     Cleaner cleaner() const {
         return {std::make_shared<SafetyGuard>(home), remover, runner, helper, excluded};
     }
-    CleanOutcome clean(const KlarboxItem &item, RemovalMode mode = deletePermanently) const {
-        const auto report = cleaner().clean({&item, 1}, mode, ignoreProgress);
-        EXPECT_EQ(report.outcomes.size(), 1U);
-        EXPECT_EQ(report.outcomes.at(0).id, item.id);
-        EXPECT_EQ(report.outcomes.at(0).title, item.title);
-        return report.outcomes.at(0);
+    std::string clean(const KlarboxItem &item, RemovalMode mode = deletePermanently) const {
+        const auto outcomes = cleaner().clean({&item, 1}, mode, ignoreProgress).outcomes;
+        EXPECT_EQ(outcomes.size(), 1U);
+        EXPECT_EQ(outcomes.at(0).id, item.id);
+        EXPECT_EQ(outcomes.at(0).title, item.title);
+        return text(outcomes.at(0));
     }
 };
 
-TEST(Cleaner, reportsProgressBeforeEachItemAndAtTheEnd) {
-    std::vector<std::string> calls;
-    const auto progress = [&](std::int64_t index, std::int64_t total, const std::string &title) {
-        calls.push_back(fmt::format("{}/{} {}", index, total, title));
-    };
-    std::vector<KlarboxItem> items(3, fileItem(KlarboxTarget::items({}), FileURL("/")));
-    items[0].title = "a";
-    items[1].title = "b";
-    items[2].title = "c";
-    const auto cleaner = Collaborators{}.cleaner();
-    EXPECT_EQ(cleaner.clean(items, moveToTrash, progress).outcomes.size(), 3U);
-    EXPECT_THAT(calls, ElementsAre("0/3 a", "1/3 b", "2/3 c", "3/3 "));
-
-    calls.clear();
-    EXPECT_THAT(cleaner.clean({}, moveToTrash, progress).outcomes, IsEmpty());
-    EXPECT_THAT(calls, ElementsAre("0/0 "));
-}
-
-TEST(Cleaner, finishesTheItemInHandWhenStopped) {
+TEST(Cleaner, reportsProgressAndFinishesTheItemInHandWhenStopped) {
     const TemporaryTree tree{{"root/a", bytes(1)}, {"root/b", bytes(1)}, {"root/c", bytes(1)}};
     std::vector<KlarboxItem> items;
-    for (const auto *name : {"root/a", "root/b", "root/c"}) {
-        items.push_back(fileItem(KlarboxTarget::item(tree / name), tree / "root"));
+    for (const auto *name : {"a", "b", "c"}) {
+        items.push_back(
+            fileItem(KlarboxTarget::item(tree / fmt::format("root/{}", name)), tree / "root"));
         items.back().title = name;
     }
+    const auto remover = std::make_shared<RecordingRemover>();
+    const auto cleaner = Collaborators{.remover = remover}.cleaner();
     std::stop_source stop;
-    std::vector<std::string> calls;
-    const auto report = Collaborators{}.cleaner().clean(
-        items, deletePermanently,
-        [&](std::int64_t index, std::int64_t total, const std::string &title) {
-            calls.push_back(fmt::format("{}/{} {}", index, total, title));
-            if (index == 1) {
-                stop.request_stop();
-            }
-        },
-        stop.get_token());
-    ASSERT_EQ(report.outcomes.size(), 2U);
-    EXPECT_EQ(report.outcomes[1].result, CleanResult::removed());
-    EXPECT_THAT(calls, ElementsAre("0/3 root/a", "1/3 root/b", "2/3 "));
-    EXPECT_FALSE(FileManager::exists(tree / "root/b"));
-    EXPECT_TRUE(FileManager::exists(tree / "root/c"));
+    std::string calls;
+    const auto progress = [&](std::int64_t index, std::int64_t total, const std::string &title) {
+        calls += fmt::format("{}/{} {};", index, total, title);
+        if (title == "b") {
+            stop.request_stop();
+        }
+    };
+    EXPECT_EQ(cleaner.clean(items, moveToTrash, progress).outcomes.size(), 3U);
+    EXPECT_EQ(std::exchange(calls, ""), "0/3 a;1/3 b;2/3 c;3/3 ;");
+    EXPECT_EQ(remover->takeCalls(), "trash a trash b trash c ");
+    EXPECT_THAT(cleaner.clean({}, moveToTrash, progress).outcomes, IsEmpty());
+    EXPECT_EQ(std::exchange(calls, ""), "0/0 ;");
+    stop = {};
+    EXPECT_EQ(cleaner.clean(items, moveToTrash, progress, stop.get_token()).outcomes.size(), 2U);
+    EXPECT_EQ(calls, "0/3 a;1/3 b;2/3 ;");
+    EXPECT_EQ(remover->takeCalls(), "trash a trash b ");
 }
 
 TEST(Cleaner, removesFilesAsTheUserAndTellsWhatCameOfIt) {
     const TemporaryTree tree{
         {"root/a", bytes(5000)},        {"root/b", bytes(9000)},
-        {"root/c/x", bytes(5000)},      {"root/full/.hidden", bytes(1)},
-        {"root/full/busy", bytes(1)},   {"root/full/y", bytes(5000)},
+        {"root/c/x", bytes(5000)},      {"root/full/busy", bytes(1)},
         {"root/empty", directory()},    {"root/out", link("../outside")},
         {"root/repo/.git/x", bytes(1)}, {"home/.ssh/key", bytes(1)},
         {"home/Documents/x", bytes(1)}, {"home/other", bytes(5000)},
@@ -192,162 +200,85 @@ TEST(Cleaner, removesFilesAsTheUserAndTellsWhatCameOfIt) {
         {"whole/busy", bytes(1)},       {"whole/z", bytes(5000)},
         {"root/readOnly", bytes(1)},
     };
-    const auto untouched = manifest(tree.root());
-    const auto in = [&](const char *path) { return KlarboxTarget::item(tree / path); };
-    const auto all = [&](std::initializer_list<const char *> paths) {
-        std::vector<FileURL> urls;
-        for (const auto *path : paths) {
-            urls.push_back(tree / path);
-        }
-        return KlarboxTarget::items(urls);
-    };
-    const auto of = [&](const char *path) { return KlarboxTarget::contents(tree / path); };
-
     const struct {
-        const char *name;
-        KlarboxTarget target;
+        std::string target;
         const char *root;
-        CleanResult permanently;
-        std::vector<const char *> removed; ///< relative to the tree, in order
+        std::string result;
+        std::string removed = ""; ///< relative to the tree, in order
     } cases[] = {
-        {"a file", in("root/a"), "root", CleanResult::removed(), {"root/a"}},
-        {"a folder", in("root/c"), "root", CleanResult::removed(), {"root/c"}},
-        {"a link itself", in("root/out"), "root", CleanResult::removed(), {"root/out"}},
-        {"no paths", all({}), "root", CleanResult::removed(), {}},
-        {"an empty folder's contents", of("root/empty"), "root", CleanResult::removed(), {}},
-        {"the contents of the root itself, written differently",
-         of("root/../whole"),
-         "whole",
-         CleanResult::partial("1 of 2 could not be removed (" + busy.message() + ")"),
-         {"whole/z"}},
-        {"nothing there", in("root/gone"), "root", CleanResult::refused(notFound), {}},
-        {"the contents of nothing", of("root/gone"), "root", CleanResult::refused(notFound), {}},
-        {"a root that is gone", in("root/a"), "gone", CleanResult::refused(notFound), {}},
-        {"outside the root", in("outside/x"), "root", CleanResult::refused(notInsideRoot), {}},
-        {"the root", in("root"), "root", CleanResult::refused(isRoot), {}},
-        {"through a link", in("root/out/x"), "root", CleanResult::refused(symlinkEscape), {}},
-        {"the contents of a link out",
-         of("root/out"),
-         "root",
-         CleanResult::refused(symlinkEscape),
-         {}},
-        {"the contents of a repository's insides",
-         of("root/repo/.git"),
-         "root",
-         CleanResult::refused(insideGitDirectory),
-         {}},
-        {"a failing removal",
-         in("root/full/busy"),
-         "root",
-         CleanResult::failed(busy.message()),
-         {}},
-        {"two failing removals",
-         all({"root/readOnly", "root/full/busy"}),
-         "root",
-         CleanResult::failed(readOnly.message()),
-         {}},
-        {"a removal that the remover refuses",
-         in("root/vanishing"),
-         "root",
-         CleanResult::refused(notFound),
-         {}},
-        {"a violation outweighs a message when nothing went",
-         all({"root/full/busy", "root/gone"}),
-         "root",
-         CleanResult::refused(notFound),
-         {}},
-        {"a message outweighs a violation when something went",
-         all({"root/gone", "root/a", "root/full/busy", "root/readOnly"}),
-         "root",
-         CleanResult::partial("3 of 4 could not be removed (" + busy.message() + ")"),
-         {"root/a"}},
-        {"two of five protected",
-         all({"home/.ssh", "root/a", "home/Documents", "root/b", "home/other"}),
-         "",
-         CleanResult::partial("2 of 5 could not be removed (refused: protectedLocation)"),
-         {"root/a", "root/b", "home/other"}},
-        {"the same path twice is two removals",
-         all({"root/a", "root/a"}),
-         "root",
-         CleanResult::removed(),
-         {"root/a", "root/a"}},
+        {"item root/a", "root", "removed", "root/a"},
+        {"item root/c", "root", "removed", "root/c"},
+        {"item root/out", "root", "removed", "root/out"}, // the link itself
+        {"items", "root", "removed"},
+        {"items root/a root/a", "root", "removed", "root/a root/a"},
+        {"contents root/empty", "root", "removed"},
+        // A root may be emptied, however it is written.
+        {"contents root/../whole", "whole", "partial: 1 of 2 could not be removed (busy)",
+         "whole/z"},
+        {"item root/gone", "root", "refused: notFound"},
+        {"contents root/gone", "root", "refused: notFound"},
+        {"item root/a", "gone", "refused: notFound"},
+        {"item outside/x", "root", "refused: notInsideRoot"},
+        {"item root", "root", "refused: isRoot"},
+        {"item root/out/x", "root", "refused: symlinkEscape"},
+        {"contents root/out", "root", "refused: symlinkEscape"},
+        {"contents root/repo/.git", "root", "refused: insideGitDirectory"},
+        {"item root/vanishing", "root", "refused: notFound"},
+        {"item root/full/busy", "root", "failed: busy"},
+        {"contents root/a", "root", "failed: The folder “a” couldn’t be opened. Not a directory"},
+        {"items root/readOnly root/full/busy", "root", "failed: readOnly"},
+        // A violation outweighs a message when nothing went, and the other way round.
+        {"items root/full/busy root/gone", "root", "refused: notFound"},
+        {"items root/gone root/a root/full/busy root/readOnly", "root",
+         "partial: 3 of 4 could not be removed (busy)", "root/a"},
+        {"items home/.ssh root/a home/Documents root/b home/other", "",
+         "partial: 2 of 5 could not be removed (refused: protectedLocation)",
+         "root/a root/b home/other"},
     };
-    for (const auto &[name, target, root, permanently, removed] : cases) {
+    const auto untouched = manifest(tree.root());
+    const auto remover = std::make_shared<RecordingRemover>();
+    const Collaborators with{.home = tree / "home", .remover = remover};
+    for (const auto &[targetText, root, result, removed] : cases) {
         for (const bool usesTrash : {false, true}) {
-            SCOPED_TRACE(fmt::format("{}, {}", name, usesTrash ? "to the Trash" : "permanently"));
-            const auto remover =
-                std::make_shared<RecordingRemover>(std::map<std::string, std::exception_ptr>{
-                    {"busy", thrown(busy)},
-                    {"readOnly", thrown(readOnly)},
-                    {"vanishing", thrown(SafetyRefusal(notFound))}});
+            SCOPED_TRACE(targetText);
             std::int64_t bytes = 0;
-            std::vector<std::string> calls;
-            for (const auto *path : removed) {
-                bytes += DiskUsage::allocatedSize(tree / path);
-                calls.push_back(fmt::format("{} {}", usesTrash ? "trash" : "delete",
-                                            FileURL(path).lastComponent()));
+            std::string calls;
+            for (const auto &url : target(tree.root(), "items " + removed).paths()) {
+                bytes += DiskUsage::allocatedSize(url);
+                calls += fmt::format("{} {} ", usesTrash ? "trash" : "delete", url.lastComponent());
             }
-            const auto item = fileItem(target, FileURL((tree / root).path()));
-            EXPECT_EQ((Collaborators{.home = tree / "home", .remover = remover}.clean(
-                          item, usesTrash ? moveToTrash : deletePermanently)),
-                      (CleanOutcome{.id = item.id,
-                                    .title = item.title,
-                                    .result = usesTrash && permanently == CleanResult::removed()
-                                                  ? CleanResult::movedToTrash()
-                                                  : permanently,
-                                    .bytes = bytes,
-                                    .wentToTrash = usesTrash}));
-            EXPECT_EQ(remover->calls(), calls);
+            const auto expected = (usesTrash && result == "removed" ? "moved" : result) +
+                                  (bytes == 0 ? "" : fmt::format(" [{}]", bytes)) +
+                                  (usesTrash ? " (Trash)" : "");
+            const FileURL allowed(tree.root().path() + "/" + root);
+            EXPECT_EQ(with.clean(fileItem(target(tree.root(), targetText), allowed),
+                                 usesTrash ? moveToTrash : deletePermanently),
+                      expected);
+            EXPECT_EQ(remover->takeCalls(), calls);
         }
     }
     EXPECT_EQ(manifest(tree.root()), untouched);
-}
-
-TEST(Cleaner, emptiesAFolderEntryByEntryHiddenOnesIncluded) {
-    const TemporaryTree tree{{"root/full/.hidden", bytes(1)},
-                             {"root/full/.DS_Store", bytes(1)},
-                             {"root/full/x", bytes(1)}};
-    const auto remover = std::make_shared<RecordingRemover>();
-    EXPECT_EQ(Collaborators{.remover = remover}
-                  .clean(fileItem(KlarboxTarget::contents(tree / "root/full"), tree / "root"))
-                  .result,
-              CleanResult::removed());
-    EXPECT_THAT(remover->calls(),
-                testing::UnorderedElementsAre("delete .hidden", "delete .DS_Store", "delete x"));
-}
-
-TEST(Cleaner, reportsAFolderThatCannotBeListed) {
-    const TemporaryTree tree{{"root/file", bytes(1)}};
-    const auto outcome = Collaborators{}.clean(
-        fileItem(KlarboxTarget::contents(tree / "root/file"), tree / "root"), moveToTrash);
-    const auto *failed = std::get_if<CleanResult::Failed>(&outcome.result.value());
-    ASSERT_NE(failed, nullptr);
-    EXPECT_THAT(failed->message, HasSubstr("“file” couldn’t be opened"));
-    EXPECT_TRUE(outcome.wentToTrash);
-    EXPECT_TRUE(FileManager::exists(tree / "root/file"));
 }
 
 TEST(Cleaner, refusesFilesWithoutARootAndLetsThePolicyOutweighTheMode) {
     const TemporaryTree tree{{"root/a", bytes(1)}};
     const auto remover = std::make_shared<RecordingRemover>();
     const Collaborators with{.remover = remover};
-    const auto target = KlarboxTarget::item(tree / "root/a");
+    const auto a = KlarboxTarget::item(tree / "root/a");
+    auto item = fileItem(a, std::nullopt);
+    EXPECT_EQ(with.clean(item, moveToTrash), "refused: notInsideRoot");
+    item.requiresPrivileges = true;
+    EXPECT_EQ(with.clean(item, moveToTrash), "refused: notInsideRoot");
+    EXPECT_EQ(with.clean(systemItem(a, tree / "root")),
+              "failed: System files need the Klarbox helper. Turn it on, then clean again.");
+    EXPECT_EQ(remover->takeCalls(), "");
 
-    for (const bool privileged : {false, true}) {
-        auto rootless = fileItem(target, std::nullopt);
-        rootless.requiresPrivileges = privileged;
-        const auto outcome = with.clean(rootless, moveToTrash);
-        EXPECT_EQ(outcome.result, CleanResult::refused(notInsideRoot));
-        EXPECT_FALSE(outcome.wentToTrash);
-    }
-    auto item = fileItem(target, tree / "root");
+    item = fileItem(a, tree / "root");
     item.removalPolicy = RemovalPolicy::permanentOnly;
-    for (const auto mode : allCases<RemovalMode>()) {
-        const auto outcome = with.clean(item, mode);
-        EXPECT_EQ(outcome.result, CleanResult::removed());
-        EXPECT_FALSE(outcome.wentToTrash);
-    }
-    EXPECT_THAT(remover->calls(), ElementsAre("delete a", "delete a"));
+    const auto size = DiskUsage::allocatedSize(tree / "root/a");
+    EXPECT_EQ(with.clean(item, moveToTrash), fmt::format("removed [{}]", size));
+    EXPECT_EQ(with.clean(item, deletePermanently), fmt::format("removed [{}]", size));
+    EXPECT_EQ(remover->takeCalls(), "delete a delete a ");
 }
 
 TEST(Cleaner, sendsSystemItemsToTheHelperAndSumsItsAnswers) {
@@ -357,167 +288,102 @@ TEST(Cleaner, sendsSystemItemsToTheHelperAndSumsItsAnswers) {
         {"outside/x", bytes(1)},     {"root/.git/x", bytes(1)},
     };
     using Result = PrivilegedRemovalResult;
-    const TimeLimitedPrivilegedRemover::TimedOut timedOut(std::chrono::seconds(30));
-    const auto removeA = PrivilegedRequest::removeItem((tree / "root/a").path());
-    const auto removeB = PrivilegedRequest::removeItem((tree / "root/b").path());
-    const auto item = [&](const char *path) { return KlarboxTarget::item(tree / path); };
-    const auto both = KlarboxTarget::items({tree / "root/a", tree / "root/b"});
+    const auto a = PrivilegedRequest::removeItem((tree / "root/a").path());
+    const auto b = PrivilegedRequest::removeItem((tree / "root/b").path());
+    const auto folder = PrivilegedRequest::removeContents((tree / "root/folder").path());
     const struct {
-        const char *name;
-        KlarboxTarget target;
-        std::vector<RecordedHelper::Answer> answers;
+        std::string target;
+        RecordedHelper::Answers answers;
         std::vector<PrivilegedRequest> requests;
-        CleanResult result;
-        std::int64_t bytes = 0;
+        std::string result;
     } cases[] = {
-        {"an item", item("root/./a"), {Result{1, 0, 10}}, {removeA}, CleanResult::removed(), 10},
-        {"a folder's contents",
-         KlarboxTarget::contents(tree / "root/folder"),
-         {Result{0, 0, 0}},
-         {PrivilegedRequest::removeContents((tree / "root/folder").path())},
-         CleanResult::removed()},
-        {"nothing to do", KlarboxTarget::items({}), {}, {}, CleanResult::removed()},
-        {"the root itself",
-         KlarboxTarget::contents(tree / "root"),
-         {},
-         {},
-         CleanResult::refused(isRoot)},
-        {"only refused paths",
-         KlarboxTarget::items({tree / "root/out/x", tree / "root/gone"}),
-         {},
-         {},
-         CleanResult::refused(symlinkEscape)},
-        {"a refused path among others",
-         KlarboxTarget::items({tree / "root/.git/x", tree / "root/b"}),
+        {"item ./a", {Result{1, 0, 10}}, {a}, "removed [10]"},
+        {"contents folder", {Result{0, 0, 0}}, {folder}, "removed"},
+        {"items", {}, {}, "removed"},
+        {"contents ../root", {}, {}, "refused: isRoot"},
+        {"items out/x gone", {}, {}, "refused: symlinkEscape"},
+        {"items .git/x b",
          {Result{1, 0, 10}},
-         {removeB},
-         CleanResult::partial("1 of 2 could not be removed (refused: insideGitDirectory)"),
-         10},
-        {"a refusal by the helper",
-         item("root/a"),
-         {Result::refused(protectedLocation)},
-         {removeA},
-         CleanResult::refused(protectedLocation)},
-        {"a failure of the helper",
-         item("root/a"),
-         {Result::failed("x")},
-         {removeA},
-         CleanResult::failed("x")},
-        {"a failure without a reason",
-         item("root/a"),
-         {Result{0, 1, 0}},
-         {removeA},
-         CleanResult::failed("Nothing could be removed")},
-        {"a partial failure without a reason",
-         item("root/a"),
+         {b},
+         "partial: 1 of 2 could not be removed (refused: insideGitDirectory) [10]"},
+        {"item a", {Result::refused(protectedLocation)}, {a}, "refused: protectedLocation"},
+        {"item a", {Result::failed("x")}, {a}, "failed: x"},
+        {"item a", {Result{0, 1, 50}}, {a}, "failed: Nothing could be removed"},
+        {"item a",
          {Result{3, 1, 70}},
-         {removeA},
-         CleanResult::partial("1 of 4 could not be removed (unknown error)"),
-         70},
-        {"the first reasons are kept",
-         both,
+         {a},
+         "partial: 1 of 4 could not be removed (unknown error) [70]"},
+        // The first reasons are kept.
+        {"items a b",
          {Result{2, 1, 10, isRoot}, Result{0, 2, 0, notFound, "first"}},
-         {removeA, removeB},
-         CleanResult::partial("3 of 5 could not be removed (first)"),
-         10},
-        {"a helper that stops answering",
-         both,
-         {Result{3, 0, 100}, thrown(timedOut)},
-         {removeA, removeB},
-         CleanResult::partial("1 of 4 could not be removed (The Klarbox helper didn't answer "
-                              "within 30 seconds. Turn it off and on again in Settings, then try "
-                              "again.)"),
-         100},
-        {"a helper that comes back",
-         both,
-         {thrown(busy), Result{1, 0, 10}},
-         {removeA, removeB},
-         CleanResult::partial("1 of 2 could not be removed (" + busy.message() + ")"),
-         10},
-        {"a helper that never answers",
-         both,
-         {thrown(busy), thrown(timedOut)},
-         {removeA, removeB},
-         CleanResult::failed(busy.message())},
-        {"absurd answers",
-         both,
+         {a, b},
+         "partial: 3 of 5 could not be removed (first) [10]"},
+        {"items a b",
+         {Result::refused(isRoot), Result::refused(notFound)},
+         {a, b},
+         "refused: isRoot"},
+        // A helper that stops answering, one that comes back, and one that never answers.
+        {"items a b",
+         {Result{3, 0, 100}, "timed out"},
+         {a, b},
+         "partial: 1 of 4 could not be removed (timed out) [100]"},
+        {"items a b",
+         {"busy", Result{1, 0, 10}},
+         {a, b},
+         "partial: 1 of 2 could not be removed (busy) [10]"},
+        {"items a b", {"busy", "timed out"}, {a, b}, "failed: busy"},
+        // Absurd answers.
+        {"items a b",
          {Result{INT64_MAX, 1, INT64_MAX}, Result{INT64_MAX, INT64_MAX, INT64_MAX}},
-         {removeA, removeB},
-         CleanResult::partial("9223372036854775807 of 9223372036854775807 could not be removed "
-                              "(unknown error)"),
-         INT64_MAX},
+         {a, b},
+         "partial: 9223372036854775807 of 9223372036854775807 could not be removed (unknown "
+         "error) [9223372036854775807]"},
     };
-    for (const auto &[name, target, answers, requests, result, bytes] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto &[targetText, answers, requests, result] : cases) {
+        SCOPED_TRACE(targetText);
         const auto helper = std::make_shared<RecordedHelper>(answers);
-        const auto outcome = Collaborators{.home = tree / "home", .helper = helper}.clean(
-            systemItem(target, tree / "root"), moveToTrash);
-        EXPECT_EQ(outcome.result, result);
-        EXPECT_EQ(outcome.bytes, bytes);
-        EXPECT_FALSE(outcome.wentToTrash);
+        const auto item = systemItem(target(tree / "root", targetText), tree / "root");
+        EXPECT_EQ((Collaborators{.home = tree / "home", .helper = helper}.clean(item, moveToTrash)),
+                  result);
         EXPECT_EQ(helper->requests(), requests);
     }
 }
 
-TEST(Cleaner, saysWhenTheHelperIsNeededButTurnedOff) {
-    const TemporaryTree tree{{"root/a", bytes(1)}};
-    const auto remover = std::make_shared<RecordingRemover>();
-    const auto outcome = Collaborators{.remover = remover}.clean(
-        systemItem(KlarboxTarget::item(tree / "root/a"), tree / "root"));
-    EXPECT_EQ(
-        outcome.result,
-        CleanResult::failed("System files need the Klarbox helper. Turn it on, then clean again."));
-    EXPECT_THAT(remover->calls(), IsEmpty());
-}
-
 TEST(Cleaner, runsCommandsOnceAndReadsWhyTheyFailed) {
-    const TemporaryTree cellar{{"wget/1.24.5/bin/wget", bytes(20'000)},
-                               {"jq/1.7/bin/jq", bytes(20'000)}};
-    const auto wget = cellar / "wget/1.24.5";
-    const auto jq = cellar / "jq/1.7";
-    const auto kegs = fmt::format("Warning: Could not cleanup old kegs! Fix your permissions on:\n"
-                                  "  {}\n  {}\nError: 2 problems\n",
-                                  wget.path(), jq.path());
-    const auto stuck = DiskUsage::allocatedSize(wget) + DiskUsage::allocatedSize(jq);
-    const std::string stuckMessage =
-        "Homebrew couldn't remove wget 1.24.5, jq 1.7: you don't have permission to delete some of "
-        "its files (often left by running brew with sudo). Fix their ownership, then clean again.";
-    const std::string freedOneMegabyte =
-        "==> This operation has freed approximately 1MB of disk space.\n";
-    const struct {
-        CommandResult ran;
-        CleanResult result;
-        std::int64_t bytes = 0;
-    } cases[] = {
-        {{0, "whatever"}, CleanResult::ranCommand(), 777},
-        {{0, kegs}, CleanResult::ranCommand(), 777},
-        {{1, "a\n\nb\nc\nd\n"}, CleanResult::failed("b\nc\nd")},
-        {{1, "one\r\ntwo"}, CleanResult::failed("one\ntwo")},
-        {{1, "\n\n"}, CleanResult::failed("Command failed")},
-        {{CommandResult::timedOut, "Timed out"}, CleanResult::failed("Timed out")},
-        {{CommandResult::notStarted, "No such file or directory"},
-         CleanResult::failed("No such file or directory")},
-        {{1, kegs}, CleanResult::failed(stuckMessage)},
-        {{1, freedOneMegabyte + kegs}, CleanResult::partial(stuckMessage), 1048576 - stuck},
-        {{1, fmt::format("freed approximately {}B\n{}", stuck, kegs)},
-         CleanResult::failed(stuckMessage)},
-        {{1, fmt::format("freed approximately {}B\n{}", stuck + 1, kegs)},
-         CleanResult::partial(stuckMessage),
-         1},
+    const TemporaryTree cellar{{"wget/1.24.5/wget", bytes(20'000)}, {"jq/1.7/jq", bytes(20'000)}};
+    const std::vector kegs{cellar / "wget/1.24.5", cellar / "jq/1.7"};
+    const auto stuck = fmt::format("Warning: Could not cleanup old kegs! Fix your permissions on:\n"
+                                   "  {}\n  {}\nError: 2 problems\n",
+                                   kegs[0].path(), kegs[1].path());
+    const auto size = DiskUsage::allocatedSize(kegs);
+    const std::string message =
+        ": Homebrew couldn't remove wget 1.24.5, jq 1.7: you don't have permission to delete some "
+        "of its files (often left by running brew with sudo). Fix their ownership, then clean "
+        "again.";
+    const auto freeing = [&](std::int64_t bytes) {
+        return fmt::format("freed approximately {}B\n{}", bytes, stuck);
+    };
+    const std::pair<CommandResult, std::string> cases[] = {
+        {{0, "whatever"}, "ran [777]"},
+        {{0, stuck}, "ran [777]"},
+        {{1, "a\n\nb\nc\nd\n"}, "failed: b\nc\nd"},
+        {{1, "one\r\ntwo"}, "failed: one\ntwo"},
+        {{1, "\n\n"}, "failed: Command failed"},
+        {{CommandResult::timedOut, "Timed out"}, "failed: Timed out"},
+        {{1, stuck}, "failed" + message},
+        {{1, freeing(size)}, "failed" + message},
+        {{1, freeing(size + 1)}, "partial" + message + " [1]"},
     };
     const CommandAction action{.executable = FileURL("/opt/homebrew/bin/brew"),
                                .arguments = {"cleanup", "--prune=all"}};
-    for (const auto &[ran, result, bytes] : cases) {
+    // Neither a missing root nor the wish for privileges matters to a command.
+    auto item = fileItem(KlarboxTarget::command(action), std::nullopt);
+    item.requiresPrivileges = true;
+    for (const auto &[ran, result] : cases) {
         SCOPED_TRACE(ran.output);
         const auto runner = std::make_shared<RecordedRunner>(
             std::map<std::string, CommandResult>{{action.displayString(), ran}});
-        // Neither a missing root nor the wish for privileges matters to a command.
-        auto item = fileItem(KlarboxTarget::command(action), std::nullopt);
-        item.requiresPrivileges = true;
-        const auto outcome = Collaborators{.runner = runner}.clean(item, moveToTrash);
-        EXPECT_EQ(outcome.result, result);
-        EXPECT_EQ(outcome.bytes, bytes);
-        EXPECT_FALSE(outcome.wentToTrash);
+        EXPECT_EQ(Collaborators{.runner = runner}.clean(item, moveToTrash), result);
         ASSERT_EQ(runner->calls().size(), 1U);
         EXPECT_EQ(runner->calls()[0].action, action);
         EXPECT_EQ(runner->calls()[0].timeout, std::chrono::seconds(900));
@@ -531,9 +397,9 @@ TEST(Cleaner, turnsWhateverIsThrownIntoAnOutcome) {
             throw std::runtime_error("out of processes");
         }
     };
-    const auto outcome = Collaborators{.runner = std::make_shared<ThrowingRunner>()}.clean(
-        fileItem(KlarboxTarget::command({.executable = FileURL("/brew"), .arguments = {}}), {}));
-    EXPECT_EQ(outcome.result, CleanResult::failed("out of processes"));
+    EXPECT_EQ(Collaborators{.runner = std::make_shared<ThrowingRunner>()}.clean(
+                  fileItem(KlarboxTarget::command({FileURL("/brew"), {}}), {})),
+              "failed: out of processes");
 }
 
 TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
@@ -542,76 +408,73 @@ TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
         {"root/b2", bytes(5000)},       {"volume/c/x", bytes(5000)}, {"linked", link("volume")},
         {"root/L", link("b")},
     };
-    const auto message = [&](const char *path) {
+    const struct {
+        const char *excluded;
+        std::string target;
+        std::string kept; ///< what the message names
+        std::string calls = "";
+    } cases[] = {
+        {"root/b", "item root/b", "root/b"},
+        {"ROOT/B", "item root/b", "root/b"},
+        {"root/b", "item root/b2", "", "delete b2 "},
+        {"root/a/keep", "item root/a", "root/a"},
+        {"root/a/missing", "item root/a", "root/a"},
+        {"root/a", "item root/a/keep", "root/a/keep"},
+        {"root/a/keep", "contents root/a", "root/a/keep", "delete y "},
+        // Two spellings of one place, on either side.
+        {"linked/c", "item volume/c", "volume/c"},
+        {"volume/c", "item linked/c", "linked/c"},
+        {"linked/c/new", "item volume/c", "volume/c"},
+        // Whoever excludes a link means what it leads to, and the link.
+        {"root/L", "item root/b", "root/b"},
+        {"root/L", "item root/L", "root/L"},
+        {"root/b", "item root/L", "", "delete L "},
+    };
+    const auto message = [&](const std::string &path) {
         return fmt::format("The settings exclude “{}” or something inside it",
                            (tree / path).path());
     };
-    const auto item = [&](const char *path) { return KlarboxTarget::item(tree / path); };
-    const struct {
-        const char *excluded;
-        KlarboxTarget target;
-        CleanResult result;
-        std::vector<std::string> calls;
-    } cases[] = {
-        {"root/b", item("root/b"), CleanResult::failed(message("root/b")), {}},
-        {"ROOT/B", item("root/b"), CleanResult::failed(message("root/b")), {}},
-        {"root/b", item("root/b2"), CleanResult::removed(), {"delete b2"}},
-        {"root/a/keep", item("root/a"), CleanResult::failed(message("root/a")), {}},
-        {"root/a/missing", item("root/a"), CleanResult::failed(message("root/a")), {}},
-        {"root/a", item("root/a/keep"), CleanResult::failed(message("root/a/keep")), {}},
-        {"root/a/keep",
-         KlarboxTarget::contents(tree / "root/a"),
-         CleanResult::partial("1 of 2 could not be removed (" + message("root/a/keep") + ")"),
-         {"delete y"}},
-        // Two spellings of one place, on either side.
-        {"linked/c", item("volume/c"), CleanResult::failed(message("volume/c")), {}},
-        {"volume/c", item("linked/c"), CleanResult::failed(message("linked/c")), {}},
-        {"linked/c/new", item("volume/c"), CleanResult::failed(message("volume/c")), {}},
-        // Whoever excludes a link means what it leads to, and the link.
-        {"root/L", item("root/b"), CleanResult::failed(message("root/b")), {}},
-        {"root/L", item("root/L"), CleanResult::failed(message("root/L")), {}},
-        {"root/b", item("root/L"), CleanResult::removed(), {"delete L"}},
-    };
-    for (const auto &[excluded, target, result, calls] : cases) {
-        SCOPED_TRACE(fmt::format("{} against {}", excluded, target.paths().at(0).path()));
-        const auto remover = std::make_shared<RecordingRemover>();
+    const auto remover = std::make_shared<RecordingRemover>();
+    for (const auto &[excluded, targetText, kept, calls] : cases) {
+        SCOPED_TRACE(fmt::format("{} against {}", excluded, targetText));
         const Collaborators with{.home = tree / "home",
                                  .remover = remover,
                                  .excluded = {FileURL(tree.root().path() + "/" + excluded)}};
-        EXPECT_EQ(with.clean(fileItem(target, tree.root())).result, result);
-        EXPECT_EQ(remover->calls(), calls);
+        EXPECT_THAT(with.clean(fileItem(target(tree.root(), targetText), tree.root())),
+                    testing::StartsWith(kept.empty()    ? "removed"
+                                        : calls.empty() ? "failed: " + message(kept)
+                                                        : "partial: 1 of 2 could not be removed (" +
+                                                              message(kept) + ")"));
+        EXPECT_EQ(remover->takeCalls(), calls);
     }
     // The helper knows no exclusions, so a folder that holds one is not sent to it at all.
-    const auto helper = std::make_shared<RecordedHelper>(std::vector<RecordedHelper::Answer>{});
+    const auto helper = std::make_shared<RecordedHelper>();
     const Collaborators with{
         .home = tree / "home", .helper = helper, .excluded = {tree / "root/a/keep"}};
-    EXPECT_EQ(with.clean(systemItem(KlarboxTarget::contents(tree / "root/a"), tree.root())).result,
-              CleanResult::failed(message("root/a")));
+    EXPECT_EQ(with.clean(systemItem(KlarboxTarget::contents(tree / "root/a"), tree.root())),
+              "failed: " + message("root/a"));
     EXPECT_THAT(helper->requests(), IsEmpty());
 }
 
 // What follows removes for real and compares every entry of the world before and after.
 
 TEST(Cleaner, emptiesAFolderWithWhatWasAddedToItSinceTheScan) {
-    const TemporaryTree tree{{"root/app/old", bytes(5000)}, {"root/other", bytes(10)}};
+    const TemporaryTree tree{{"root/app/.DS_Store", bytes(5000)}, {"root/other", bytes(10)}};
     const auto item = fileItem(KlarboxTarget::contents(tree / "root/app"), tree / "root");
-    tree.add({"root/app/new/deep/x", bytes(5000)});
+    tree.add({"root/app/.new/deep/x", bytes(5000)});
     const auto size =
-        DiskUsage::allocatedSize(std::vector{tree / "root/app/old", tree / "root/app/new"});
+        DiskUsage::allocatedSize(std::vector{tree / "root/app/.DS_Store", tree / "root/app/.new"});
     const auto other = manifest(tree.root()).substr(manifest(tree.root()).find("root/other"));
-    const auto outcome = Collaborators{}.clean(item);
-    EXPECT_EQ(outcome.result, CleanResult::removed());
-    EXPECT_EQ(outcome.bytes, size);
+    EXPECT_EQ(Collaborators{}.clean(item), fmt::format("removed [{}]", size));
     EXPECT_THAT(manifest(tree / "root/app"), IsEmpty());
     EXPECT_THAT(manifest(tree.root()), HasSubstr(other));
 }
 
-TEST(Cleaner, emptiesARootThroughALinkOrInAnyLetterCaseButKeepsTheFolder) {
-    const TemporaryTree tree{{"real/a", bytes(1)}, {"link", link("real")}, {"other", bytes(1)}};
-    EXPECT_EQ(Collaborators{}
-                  .clean(fileItem(KlarboxTarget::contents(tree / "link"), tree / "real"))
-                  .result,
-              CleanResult::removed());
+TEST(Cleaner, emptiesARootThroughALinkButKeepsTheFolder) {
+    const TemporaryTree tree{{"real/a", bytes(0)}, {"link", link("real")}, {"other", bytes(1)}};
+    EXPECT_EQ(
+        Collaborators{}.clean(fileItem(KlarboxTarget::contents(tree / "link"), tree / "real")),
+        "removed");
     EXPECT_THAT(manifest(tree / "real"), IsEmpty());
     EXPECT_EQ(FileManager::type(tree / "link"), FileManager::FileType::symbolicLink);
     EXPECT_TRUE(FileManager::exists(tree / "other"));
@@ -629,33 +492,29 @@ TEST(Cleaner, touchesNothingOutsideWhenAFolderBecomesALinkAfterItsValidation) {
             std::filesystem::create_directory_symlink(
                 (isParent ? tree / "outside" : tree / "outside/cache").path(), swapped.path());
         };
-        const auto outcome =
-            Collaborators{.remover = std::make_shared<InterruptedRemover>(swap)}.clean(
-                fileItem(KlarboxTarget::item(tree / "root/app/cache"), tree / "root"));
         // A link in place of the folder itself is all that goes; one above it ends the walk.
-        EXPECT_EQ(outcome.result.isFailure(), isParent);
-        EXPECT_EQ(outcome.bytes == 0, isParent);
+        EXPECT_THAT(Collaborators{.remover = std::make_shared<InterruptedRemover>(swap)}.clean(
+                        fileItem(KlarboxTarget::item(tree / "root/app/cache"), tree / "root")),
+                    testing::MatchesRegex(isParent ? "(failed|refused): [^[]*" : "removed \\[.*"));
         EXPECT_EQ(manifest(tree / "outside"), outside);
         EXPECT_TRUE(FileManager::exists(tree / (isParent ? "moved/cache/x" : "moved/x")));
     }
 }
 
 TEST(Cleaner, removesSystemItemsThroughTheHandlerItself) {
-    const TemporaryTree disk{{"Library/Caches/app/x", bytes(5000)},
-                             {"Library/Caches/app/.git/config", bytes(10)},
-                             {"Library/Caches/other", bytes(10)}};
-    const auto root = disk / "Library/Caches";
-    const auto size = DiskUsage::allocatedSize(disk / "Library/Caches/app/x");
+    const TemporaryTree disk{{"Caches/app/x", bytes(5000)},
+                             {"Caches/app/.git/config", bytes(10)},
+                             {"Caches/other", bytes(10)}};
+    const auto root = disk / "Caches";
+    const auto size = DiskUsage::allocatedSize(disk / "Caches/app/x");
     const Collaborators with{.helper = std::make_shared<PrivilegedRequestHandler>(
                                  std::vector{root}, std::make_shared<SafetyGuard>(disk / "home"),
                                  std::make_shared<SecureDeleter>())};
-    const auto outcome =
-        with.clean(systemItem(KlarboxTarget::contents(disk / "Library/Caches/app"), root));
-    EXPECT_EQ(outcome.result, CleanResult::partial("1 of 2 could not be removed (refused: "
-                                                   "insideGitDirectory)"));
-    EXPECT_EQ(outcome.bytes, size);
-    EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/app/.git/config"));
-    EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/other"));
+    EXPECT_EQ(with.clean(systemItem(KlarboxTarget::contents(disk / "Caches/app"), root)),
+              fmt::format("partial: 1 of 2 could not be removed (refused: insideGitDirectory) [{}]",
+                          size));
+    EXPECT_TRUE(FileManager::exists(disk / "Caches/app/.git/config"));
+    EXPECT_TRUE(FileManager::exists(disk / "Caches/other"));
 }
 
 } // namespace
