@@ -1,123 +1,81 @@
 #include "KlarboxKit/Scanners/ArtifactRule.hpp"
 
-#include "Tests/Support/TemporaryTree.hpp"
+#include "Tests/Scanners/ScanResults.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {
-
-using enum SafetyTier;
 
 std::optional<ArtifactRule> matched(const TemporaryTree &tree, const std::string &path) {
     const auto folder = tree / path;
     return ArtifactRule::match(folder.lastComponent(), folder, folder.parent());
 }
 
-struct Row {
-    std::string folder;
-    std::vector<std::string> markers; ///< each alone makes the rule hold
-    SafetyTier tier;
-    std::string_view note;
-};
+/// Folders, the markers of which each alone makes the rule hold, s(afe) or r(eview), the note.
+constexpr auto rules = R"(Pods|Podfile|s|Run pod install to restore.
+build|build.gradle build.gradle.kts|s|Gradle build output, rebuilt on the next build.
+build|pubspec.yaml|s|Flutter build output, rebuilt on the next build.
+ios/build|ios/Podfile ios/A.xcodeproj|s|iOS build output, rebuilt on the next build.
+ios/build|ios/A.xcworkspace|s|iOS build output, rebuilt on the next build.
+.gradle|settings.gradle settings.gradle.kts|s|Gradle's per-project cache, rebuilt on the next build.
+.gradle|gradlew|s|Gradle's per-project cache, rebuilt on the next build.
+.cxx|build.gradle build.gradle.kts|s|Native C/C++ build output, rebuilt on the next build.
+.cxx|CMakeLists.txt|s|Native C/C++ build output, rebuilt on the next build.
+.next .nuxt .svelte-kit|package.json|s|Framework build cache, rebuilt on the next build.
+.turbo .parcel-cache .angular|package.json|s|Framework build cache, rebuilt on the next build.
+coverage|package.json|s|Test coverage report, recreated when tests run.
+.dart_tool|pubspec.yaml|s|Dart tool cache, rebuilt by flutter pub get.
+target|Cargo.toml|s|Rust build output, rebuilt by cargo build.
+target|pom.xml|s|Maven build output, rebuilt by mvn package.
+.venv|.venv/pyvenv.cfg|r|Python virtual environment. Recreate it and pip install to use it again.
+venv|venv/pyvenv.cfg|r|Python virtual environment. Recreate it and pip install to use it again.
+Library|ProjectSettings/|r|Unity regenerates it, but the reimport can take 30 minutes or more.
+Temp Obj obj Logs|ProjectSettings/|s|Unity working files, recreated when the project opens.
+)";
 
-constexpr std::string_view framework = "Framework build cache, rebuilt on the next build.";
-constexpr std::string_view python =
-    "Python virtual environment. Recreate it and pip install to use it again.";
-constexpr std::string_view unity = "Unity working files, recreated when the project opens.";
+/// What becomes of a folder beside which, or in which, something stands at `path`.
+std::optional<ArtifactRule> matchedWith(const std::string &folder, const std::string &path,
+                                        decltype(Entry::what) what) {
+    return matched({{folder, directory()}, {path, std::move(what)}}, folder);
+}
 
-const Row rows[] = {
-    {"Pods", {"Podfile"}, safe, "Run pod install to restore."},
-    {"build",
-     {"build.gradle", "build.gradle.kts"},
-     safe,
-     "Gradle build output, rebuilt on the next build."},
-    {"build", {"pubspec.yaml"}, safe, "Flutter build output, rebuilt on the next build."},
-    {"ios/build",
-     {"ios/Podfile", "ios/App.xcodeproj", "ios/App.xcworkspace"},
-     safe,
-     "iOS build output, rebuilt on the next build."},
-    {".gradle",
-     {"settings.gradle", "settings.gradle.kts", "gradlew"},
-     safe,
-     "Gradle's per-project cache, rebuilt on the next build."},
-    {".cxx",
-     {"build.gradle", "build.gradle.kts", "CMakeLists.txt"},
-     safe,
-     "Native C/C++ build output, rebuilt on the next build."},
-    {".next", {"package.json"}, safe, framework},
-    {".nuxt", {"package.json"}, safe, framework},
-    {".svelte-kit", {"package.json"}, safe, framework},
-    {".turbo", {"package.json"}, safe, framework},
-    {".parcel-cache", {"package.json"}, safe, framework},
-    {".angular", {"package.json"}, safe, framework},
-    {"coverage", {"package.json"}, safe, "Test coverage report, recreated when tests run."},
-    {".dart_tool", {"pubspec.yaml"}, safe, "Dart tool cache, rebuilt by flutter pub get."},
-    {"target", {"Cargo.toml"}, safe, "Rust build output, rebuilt by cargo build."},
-    {"target", {"pom.xml"}, safe, "Maven build output, rebuilt by mvn package."},
-    {".venv", {".venv/pyvenv.cfg"}, review, python},
-    {"venv", {"venv/pyvenv.cfg"}, review, python},
-};
-
-/// Those whose marker is a folder.
-const Row unityRows[] = {
-    {"Library",
-     {"ProjectSettings"},
-     review,
-     "Unity regenerates it, but the reimport can take 30 minutes or more."},
-    {"Temp", {"ProjectSettings"}, safe, unity},
-    {"Obj", {"ProjectSettings"}, safe, unity},
-    {"obj", {"ProjectSettings"}, safe, unity},
-    {"Logs", {"ProjectSettings"}, safe, unity},
-};
+void expectRule(const std::string &folder, std::string marker, const ArtifactRule &rule) {
+    SCOPED_TRACE(folder + " with " + marker);
+    const bool isFolder = marker.ends_with('/');
+    marker = marker.substr(0, marker.find_last_not_of('/') + 1);
+    EXPECT_EQ(matchedWith(folder, marker + (isFolder ? "/x" : ""), text("x")), rule);
+    // What stands elsewhere, or nearly has the name, is no marker.
+    EXPECT_EQ(matchedWith(folder, "sub/" + marker, text("x")), std::nullopt);
+    EXPECT_EQ(matchedWith(folder, marker + "x", text("x")), std::nullopt);
+    // A file may be a link, but one that leads somewhere. Xcode's are told by name.
+    EXPECT_EQ(matchedWith(folder, marker, link(".")).has_value(), !isFolder);
+    EXPECT_EQ(matchedWith(folder, marker, link("nowhere")).has_value(),
+              marker.find(".xc") != std::string::npos);
+    EXPECT_EQ(matchedWith(folder, marker, text("x")).has_value(), !isFolder);
+}
 
 TEST(ArtifactRule, needsTheMarkerOfTheToolThatMadeTheFolder) {
-    for (const auto &row : rows) {
-        for (const auto &marker : row.markers) {
-            SCOPED_TRACE(row.folder + " with " + marker);
-            const TemporaryTree tree{{row.folder, directory()}};
-            EXPECT_EQ(matched(tree, row.folder), std::nullopt);
-            tree.add({marker, text("x")});
-            EXPECT_EQ(matched(tree, row.folder), (ArtifactRule{row.tier, row.note}));
-
-            // What stands elsewhere, or nearly has the name, is no marker.
-            const TemporaryTree other{
-                {row.folder, directory()}, {"sub/" + marker, text("x")}, {marker + "x", text("x")}};
-            EXPECT_EQ(matched(other, row.folder), std::nullopt);
-
-            // A marker may be a link, but one that leads somewhere. Xcode's are told by name.
-            const bool isByName = marker.find(".xc") != std::string::npos;
-            const TemporaryTree dangling{{row.folder, directory()}, {marker, link("nowhere")}};
-            EXPECT_EQ(matched(dangling, row.folder).has_value(), isByName);
-            const TemporaryTree linked{{row.folder, directory()}, {marker, link(".")}};
-            EXPECT_TRUE(matched(linked, row.folder));
+    std::istringstream lines(rules);
+    for (std::string folders, markers, tier, note;
+         std::getline(lines, folders, '|') && std::getline(lines, markers, '|') &&
+         std::getline(lines, tier, '|') && std::getline(lines, note);) {
+        for (const auto &folder : words(folders)) {
+            for (const auto &marker : words(markers)) {
+                expectRule(folder, marker,
+                           {tier == "s" ? SafetyTier::safe : SafetyTier::review, note});
+            }
         }
-    }
-    for (const auto &row : unityRows) {
-        SCOPED_TRACE(row.folder);
-        const TemporaryTree tree{{row.folder, directory()}, {"ProjectSettings/x", text("x")}};
-        EXPECT_EQ(matched(tree, row.folder), (ArtifactRule{row.tier, row.note}));
-        const TemporaryTree linked{
-            {row.folder, directory()}, {"p", directory()}, {"ProjectSettings", link("p")}};
-        EXPECT_EQ(matched(linked, row.folder), std::nullopt);
-        const TemporaryTree file{{row.folder, directory()}, {"ProjectSettings", text("x")}};
-        EXPECT_EQ(matched(file, row.folder), std::nullopt);
     }
 }
 
 TEST(ArtifactRule, isDecidedByTheFirstToolAndByExactNames) {
-    const TemporaryTree tree{
-        {"DerivedData", directory()},   {"build", directory()},
-        {"target", directory()},        {"build.gradle", text("x")},
-        {"pubspec.yaml", text("x")},    {"Cargo.toml", text("x")},
-        {"pom.xml", text("x")},         {"package.json", text("x")},
-        {"Podfile", text("x")},         {"ProjectSettings", directory()},
-        {"App.xcodeproj", directory()}, {"iOS/build", directory()},
-        {"iOS/Podfile", text("x")},
-    };
+    const TemporaryTree tree{{"ProjectSettings", directory()}};
+    addFiles(tree, "",
+             "build.gradle pubspec.yaml Cargo.toml pom.xml package.json Podfile App.xcodeproj "
+             "iOS/Podfile");
     EXPECT_EQ(matched(tree, "DerivedData"),
-              (ArtifactRule{safe, "Xcode build output, rebuilt on the next build."}));
+              (ArtifactRule{SafetyTier::safe, "Xcode build output, rebuilt on the next build."}));
     EXPECT_EQ(matched(tree, "build")->note, "Gradle build output, rebuilt on the next build.");
     EXPECT_EQ(matched(tree, "target")->note, "Rust build output, rebuilt by cargo build.");
     for (const char *name : {"Build", "pods", "OBJ", "temp", "logs", "library", "deriveddata",

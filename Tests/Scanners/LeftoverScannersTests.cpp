@@ -3,87 +3,52 @@
 #include "KlarboxKit/Scanners/OrphanedContainersScanner.hpp"
 
 #include "Tests/Scanners/ScanResults.hpp"
-#include "Tests/Support/ScanFixture.hpp"
-#include "Tests/Support/TemporaryTree.hpp"
 
 #include <sys/stat.h>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 std::string xml(const std::string &value) {
     return "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">" + value + "</plist>\n";
 }
 
-std::string xmlDictionary(std::initializer_list<std::pair<std::string, std::string>> values) {
-    std::string text;
-    for (const auto &[key, value] : values) {
-        text += "<key>" + key + "</key>" + value;
-    }
-    return xml("<dict>" + text + "</dict>");
-}
-
-std::string xmlString(const std::string &value) {
-    return "<string>" + value + "</string>";
-}
-
 TEST(BrokenPreferencesScanner, offersWhatCannotBePreferences) {
-    const struct {
-        std::string name;
-        std::string content;
-        bool isOffered;
-    } files[] = {
-        {"a empty.plist", "", true},
-        {"b text.plist", "hello", true},
-        {"c array.plist", xml("<array/>"), true},
-        {"d string.plist", xml("<string>x</string>"), true},
-        {"e cut.plist", xmlDictionary({{"k", xmlString("v")}}).substr(0, 70), true},
-        {"f binary.plist", std::string("bplist00\x01\x02", 10), true},
-        {"g old list.plist", "(a, b)", true},
-        {"h dictionary.plist", xmlDictionary({{"k", xmlString("v")}}), false},
-        {"i no keys.plist", xml("<dict/>"), false},
-        {"j old.plist", "{ k = v; }", false},
-        {"k strings.plist", "k = v;", false},
-        {"l.PLIST", "hello", false},
-        {"m.plist.bak", "hello", false},
-        {".plist", "hello", true},
-    };
+    const auto sound = xml("<dict><key>k</key><string>v</string></dict>");
+    const std::string contents[] = {"", "hello", xml("<array/>"), xml("<string>x</string>"),
+                                    sound.substr(0, 70), std::string("bplist00\x01\x02", 10),
+                                    "(a, b)",
+                                    // The others are preferences.
+                                    sound, xml("<dict/>"), "{ k = v; }", "k = v;"};
     const TemporaryTree home{
         {"Library/Preferences/folder.plist/x", text("hello")},
-        {"Library/Preferences/link.plist", link("b text.plist")},
+        {"Library/Preferences/link.plist", link("1.plist")},
         {"Library/Preferences/Sub/deep.plist", text("hello")},
         {"Library/Preferences/ByHost/0.plist", text("hello")},
-        {"Library/Preferences/ByHost/1.plist", text("{}")},
+        {"Library/Preferences/l.PLIST", text("hello")},
+        {"Library/Preferences/m.plist.bak", text("hello")},
     };
     ASSERT_EQ(::mkfifo((home / "Library/Preferences/pipe.plist").path().c_str(), 0600), 0);
-    std::vector<std::string> expected;
-    for (const auto &[name, content, isOffered] : files) {
-        home.add({"Library/Preferences/" + name, text(content)});
-        if (isOffered) {
-            expected.push_back(name);
-        }
-    }
-    std::ranges::sort(expected);
-    expected.emplace_back("ByHost/0.plist");
-    for (auto &name : expected) {
-        name = fmt::format("broken-preferences:$/Library/Preferences/{0} | {1} | "
-                           "~/Library/Preferences/{0} | item $/Library/Preferences/{0} | "
-                           "$/Library/Preferences | leftover |  | Damaged, so the app uses its "
-                           "default settings instead.",
-                           name, name.substr(name.find('/') + 1));
+    for (char name = '0'; const auto &content : contents) {
+        home.add({fmt::format("Library/Preferences/{}.plist", name++), text(content)});
     }
     auto context = scanContext(home.root());
     context.minimumSize = 1'000'000; // does not hide them
-    const auto scan = BrokenPreferencesScanner().scan(context, {});
-    EXPECT_THAT(lines(scan, home), ElementsAreArray(expected));
-    EXPECT_THAT(scan.issues, IsEmpty());
+    auto scan = BrokenPreferencesScanner().scan(context, {});
+    EXPECT_THAT(titles(scan), ElementsAre("0.plist", "1.plist", "2.plist", "3.plist", "4.plist",
+                                          "5.plist", "6.plist", "0.plist"));
+    EXPECT_EQ(offer(scan.items.at(1), context.home, home.root()) +
+                  offer(scan.items.at(7), context.home, home / "Library/Preferences"),
+              R"(
+broken-preferences:@ | * | ~ | item $/Library/Preferences/1.plist | .. | [ ] leftover
+    Damaged, so the app uses its default settings instead.
+broken-preferences:@ | * | ~ | item $/ByHost/0.plist | $ | [ ] leftover
+    Damaged, so the app uses its default settings instead.)");
     EXPECT_THAT(BrokenPreferencesScanner().scan(context, stopped()).items, IsEmpty());
 }
 
@@ -106,81 +71,73 @@ TEST(BrokenLaunchAgentsScanner, offersAgentsWhoseProgramIsGone) {
         {"bin/dangling", link("nowhere")},
         {"bin/loop", link("loop")},
     };
-    const auto bin = (home / "bin").path();
-    const auto program = [](const std::string &path) {
-        return std::pair<std::string, std::string>("Program", xmlString(path));
-    };
-    const auto arguments = [](const std::string &elements) {
-        return std::pair<std::string, std::string>("ProgramArguments",
-                                                   "<array>" + elements + "</array>");
-    };
-    const struct {
-        std::string content;
-        std::string missing; ///< empty: the agent is not offered
-    } agents[] = {
-        {xmlDictionary({program(bin + "/gone")}), bin + "/gone"},
-        {xmlDictionary({program(bin + "/there")}), ""},
-        {xmlDictionary({program(bin + "/linked")}), ""},
-        {xmlDictionary({program(bin + "/dangling")}), bin + "/dangling"},
-        {xmlDictionary({program(bin + "/loop")}), bin + "/loop"},
-        {xmlDictionary({program(bin + "/there/x")}), bin + "/there/x"},
-        {xmlDictionary({program(bin + "/" + std::string(300, 'n'))}),
-         bin + "/" + std::string(300, 'n')},
-        {xmlDictionary({program("node")}), ""},
-        {xmlDictionary({program("~/gone")}), ""},
-        {xmlDictionary({program("/Volumes/Gone/x")}), ""},
-        {xmlDictionary({program("/Volumes2/x")}), "/Volumes2/x"},
+    const auto longName = "/" + std::string(300, 'n');
+    const std::string integer = "<integer>1</integer>";
+    const std::string arguments = "<key>ProgramArguments</key><array><string>/gone</string>";
+    const std::pair<std::string, std::string> agents[] = {
+        // with the program that is missing
+        {R"(Program = "$/gone";)", "$/gone"},
+        {R"(Program = "$/there";)", ""},
+        {R"(Program = "$/linked";)", ""},
+        {R"(Program = "$/dangling";)", "$/dangling"},
+        {R"(Program = "$/loop";)", "$/loop"},
+        {R"(Program = "$/there/x";)", "$/there/x"},
+        {"Program = \"" + longName + "\";", longName},
+        {R"(Program = "node";)", ""},
+        {R"(Program = "~/gone";)", ""},
+        {R"(Program = "/Volumes/Gone/x";)", ""},
+        {R"(Program = "/Volumes2/x";)", "/Volumes2/x"},
         // The program decides, whatever the arguments are.
-        {xmlDictionary({program(bin + "/there"), arguments(xmlString("/gone"))}), ""},
-        {xmlDictionary({program("node"), arguments(xmlString("/gone"))}), ""},
-        {xmlDictionary({{"Program", "<integer>1</integer>"}, arguments(xmlString("/gone"))}),
-         "/gone"},
-        {xmlDictionary({arguments(xmlString("/gone") + xmlString("-x"))}), "/gone"},
-        {xmlDictionary({arguments(xmlString("/gone") + "<integer>1</integer>")}), ""},
-        {xmlDictionary({arguments("")}), ""},
-        {xmlDictionary({{"ProgramArguments", xmlString("/gone")}}), ""},
-        {xmlDictionary({{"program", xmlString("/gone")}}), ""},
-        {"{ Program = \"/gone\"; }", "/gone"},
-        {xml("<array>" + xmlString("/gone") + "</array>"), ""},
+        {R"(Program = "$/there"; ProgramArguments = ("/gone");)", ""},
+        {R"(Program = "node"; ProgramArguments = ("/gone");)", ""},
+        {xml("<dict><key>Program</key>" + integer + arguments + "</array></dict>"), "/gone"},
+        {xml("<dict>" + arguments + integer + "</array></dict>"), ""},
+        {R"(ProgramArguments = ("/gone", "-x");)", "/gone"},
+        {R"(ProgramArguments = ();)", ""},
+        {R"(ProgramArguments = "/gone";)", ""},
+        {R"(program = "/gone";)", ""},
+        {R"(("/gone"))", ""},
         {"hello", ""},
-        {"", ""},
     };
+    const auto bin = (home / "bin").path();
     std::vector<std::string> expected;
     for (char letter = 'a'; const auto &[content, missing] : agents) {
-        const auto name = std::string("agent.") + letter++;
-        home.add({"Library/LaunchAgents/" + name + ".plist", text(content)});
+        home.add({fmt::format("Library/LaunchAgents/{}.plist", letter++),
+                  text(replaced(content, "$", bin))});
         if (!missing.empty()) {
-            expected.push_back(fmt::format(
-                "broken-launch-agents:$/Library/LaunchAgents/{0}.plist | {0} | "
-                "~/Library/LaunchAgents/{0}.plist | item $/Library/LaunchAgents/{0}.plist | "
-                "$/Library/LaunchAgents | leftover |  | Starts {1}, which no longer exists. "
-                "Fully stops after you log out.",
-                name, missing.starts_with(bin) ? "$/bin" + missing.substr(bin.size()) : missing));
+            expected.push_back("Starts " + replaced(missing, "$", bin) +
+                               ", which no longer exists. Fully stops after you log out.");
         }
     }
     auto context = scanContext(home.root());
     context.minimumSize = 1'000'000; // does not hide them
-    const auto scan = BrokenLaunchAgentsScanner().scan(context, {});
-    EXPECT_THAT(lines(scan, home), ElementsAreArray(expected));
-    EXPECT_THAT(scan.issues, IsEmpty());
+    std::vector<std::string> notes;
+    for (const auto &item : BrokenLaunchAgentsScanner().scan(context, {}).items) {
+        notes.push_back(item.note.value_or(""));
+    }
+    EXPECT_EQ(notes, expected);
 }
 
 TEST(BrokenLaunchAgentsScanner, namesAgentsAsTheyNameThemselves) {
     const auto agent = [](const std::string &label) {
-        return text(xmlDictionary({{"Program", xmlString("/gone")}, {"Label", label}}));
+        return text("Program = \"/gone\"; Label = \"" + label + "\";");
     };
     const TemporaryTree home{
-        {"Library/LaunchAgents/a.plist", agent(xmlString("org.example.agent"))},
-        {"Library/LaunchAgents/b.plist", agent(xmlString(""))},
-        {"Library/LaunchAgents/c.x.plist", agent("<integer>1</integer>")},
-        {"Library/LaunchAgents/d.PLIST", agent(xmlString("d"))},
-        {"elsewhere", agent(xmlString("linked"))},
+        {"Library/LaunchAgents/a.plist", agent("org.example.agent")},
+        {"Library/LaunchAgents/b.plist", agent("")},
+        {"Library/LaunchAgents/c.x.plist", text("Program = \"/gone\"; Label = (c);")},
+        {"Library/LaunchAgents/d.PLIST", agent("d")},
+        {"elsewhere", agent("linked")},
         {"Library/LaunchAgents/e.plist", link("../../elsewhere")},
         {"Library/LaunchAgents/f.plist", link("/dev/zero")},
-        {"Library/LaunchAgents/g.plist/x", agent(xmlString("g"))},
+        {"Library/LaunchAgents/g.plist/x", agent("g")},
     };
-    EXPECT_THAT(titles(BrokenLaunchAgentsScanner().scan(scanContext(home.root()), {})),
-                ElementsAre("org.example.agent", "", "c.x", "linked"));
+    const auto scan = BrokenLaunchAgentsScanner().scan(scanContext(home.root()), {});
+    EXPECT_THAT(titles(scan), ElementsAre("org.example.agent", "", "c.x", "linked"));
+    EXPECT_EQ(offer(scan.items.at(0), home.root(), home / "Library"), R"(
+broken-launch-agents:@ | org.example.agent | ~ | item $/LaunchAgents/a.plist | .. | [ ] leftover
+    Starts /gone, which no longer exists.
+    Fully stops after you log out.)");
 }
 
 TEST(BrokenLaunchAgentsScanner, leavesProgramsThatItMayNotSee) {
@@ -189,57 +146,45 @@ TEST(BrokenLaunchAgentsScanner, leavesProgramsThatItMayNotSee) {
     }
     const TemporaryTree home{{"private/program", bytes(1)}};
     home.add({"Library/LaunchAgents/a.plist",
-              text(xmlDictionary({{"Program", xmlString((home / "private/program").path())}}))});
+              text("Program = \"" + (home / "private/program").path() + "\";")});
     ASSERT_EQ(::chmod((home / "private").path().c_str(), 0), 0);
-    EXPECT_THAT(BrokenLaunchAgentsScanner().scan(scanContext(home.root()), {}).items, IsEmpty());
+    EXPECT_EQ(offers(BrokenLaunchAgentsScanner(), scanContext(home.root()), home.root()), "");
 }
 
 TEST(OrphanedContainersScanner, offersContainersOfAppsThatAreGone) {
-    const std::string metadata = "/.com.apple.containermanagerd.metadata.plist";
-    const auto owner = [](const std::string &identifier) {
-        return text(xmlDictionary({{"MCMMetadataIdentifier", xmlString(identifier)}}));
-    };
     const std::string root = "Library/Containers/";
+    const std::string metadata = "/.com.apple.containermanagerd.metadata.plist";
     const TemporaryTree home{
-        {root + "1A2B" + metadata, owner("org.example.gone")},
+        {root + "1A2B" + metadata, text("MCMMetadataIdentifier = \"org.example.gone\";")},
         {root + "1A2B/Data/x", bytes(100'000)},
-        {root + "com.apple.Notes/x", bytes(9000)},
-        {root + "3C4D" + metadata, owner("com.apple.mail")},
-        {root + "5E6F" + metadata, owner("org.example.own")},
-        {root + "org.example.App/x", bytes(9000)},
-        {root + "org.example.App.Widget.Extra/x", bytes(9000)},
-        {root + "org..example.App./x", bytes(9000)},
-        {root + "org.example.Apple/x", bytes(20'000)},
+        {root + "3C4D" + metadata, text("MCMMetadataIdentifier = \"com.apple.mail\";")},
+        {root + "5E6F" + metadata, text("MCMMetadataIdentifier = \"org.example.own\";")},
         // Nothing names an owner, so the folder's own name does.
         {root + "alone/x", bytes(40'000)},
         {root + "org.example.damaged" + metadata, text("hello")},
         {root + "org.example.damaged/x", bytes(60'000)},
         {root + "org.example.App.list" + metadata, text(xml("<array/>"))},
         {root + "linked", link("alone")},
-        {root + "file", bytes(9000)},
     };
+    addFiles(home, root,
+             "com.apple.Notes/x org.example.App/x org.example.App.Widget.Extra/x "
+             "org..example.App./x org.example.Apple/x file");
     auto context = scanContext(home.root());
     context.environment.installedAppName = [](std::string_view id) {
         return id == "org.example.App" || id == "alone" ? std::optional<std::string>("App")
                                                         : std::nullopt;
     };
-    const auto expected = [](const std::string &folder, const std::string &title) {
-        return fmt::format("orphaned-containers:$/Library/Containers/{0} | {1} | "
-                           "~/Library/Containers/{0} | item $/Library/Containers/{0} | "
-                           "$/Library/Containers | leftover |  | No installed app uses this. "
-                           "Removing it deletes that app's saved data.",
-                           folder, title);
-    };
     const OrphanedContainersScanner scanner("org.example.own");
-    const auto scan = scanner.scan(context, {});
-    EXPECT_THAT(lines(scan, home),
-                ElementsAre(expected("1A2B", "org.example.gone"),
-                            expected("org.example.damaged", "org.example.damaged"),
-                            expected("alone", "alone"),
-                            expected("org.example.Apple", "org.example.Apple")));
-    EXPECT_THAT(scan.issues, IsEmpty());
+    const std::string note = R"(
+    No installed app uses this.
+    Removing it deletes that app's saved data.)";
+    EXPECT_EQ(replaced(offers(scanner, context, home / root), note, " WHY"), R"(
+orphaned-containers:@ | org.example.gone | ~ | item $/1A2B | .. | [ ] leftover WHY
+orphaned-containers:@ | * | ~ | item $/org.example.damaged | .. | [ ] leftover WHY
+orphaned-containers:@ | * | ~ | item $/alone | .. | [ ] leftover WHY
+orphaned-containers:@ | * | ~ | item $/org.example.Apple | .. | [ ] leftover WHY)");
     EXPECT_THAT(scanner.scan(context, stopped()).items, IsEmpty());
-    context.minimumSize = scan.items.at(1).size;
+    context.minimumSize = DiskUsage::allocatedSize(home / (root + "org.example.damaged"));
     EXPECT_THAT(titles(scanner.scan(context, {})),
                 ElementsAre("org.example.gone", "org.example.damaged"));
 
@@ -247,8 +192,7 @@ TEST(OrphanedContainersScanner, offersContainersOfAppsThatAreGone) {
     const auto blind = scanner.scan(context, {});
     EXPECT_THAT(blind.items, IsEmpty());
     EXPECT_THAT(blind.issues, ElementsAre(ScanIssue::needsFullDiskAccess("~/Library/Containers")));
-    const TemporaryTree empty;
-    context.home = empty.root();
+    context.home = home / "empty";
     EXPECT_THAT(scanner.scan(context, {}).issues, IsEmpty());
 }
 

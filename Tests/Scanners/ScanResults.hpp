@@ -1,59 +1,138 @@
 #pragma once
 
-#include "KlarboxKit/Model/CategoryScan.hpp"
-#include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Safety/FS.hpp"
+#include "KlarboxKit/Scanning/CategoryScanner.hpp"
 
+#include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
+#include <algorithm>
+#include <iterator>
+#include <sstream>
 #include <stop_token>
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
 namespace klarbox::test {
 
-/// An item in one line: identifier | title | detail | target | allowed root | tier and what else is
-/// set | group | note; the tree's folder is written "$". Its size must be what its target occupies.
-inline std::string line(const KlarboxItem &item, const TemporaryTree &tree) {
-    EXPECT_EQ(item.size, DiskUsage::allocatedSize(item.target.paths())) << item.id;
-    EXPECT_FALSE(item.isSizeEstimate);
-    std::string text = item.id + " | " + item.title + " | " + item.detail.value_or("") + " |";
-    std::visit(overloaded{[&](const KlarboxTarget::Item &) { text += " item"; },
-                          [&](const KlarboxTarget::Contents &) { text += " contents"; },
-                          [&](const KlarboxTarget::Items &) { text += " items"; },
-                          [&](const KlarboxTarget::Command &) { text += " command"; }},
-               item.target.value());
-    for (const auto &path : item.target.paths()) {
-        text += " " + path.path();
-    }
-    text += " | " + item.allowedRoot.value().path();
-    constexpr std::array tiers{" | safe", " | leftover", " | review"};
-    text += tiers[static_cast<std::size_t>(item.tier)];
-    text += item.isSelectedByDefault ? " selected" : "";
-    text += item.removalPolicy == RemovalPolicy::permanentOnly ? " permanent" : "";
-    text += item.requiresPrivileges ? " privileged" : "";
-    text += " | " + item.group.value_or("") + " | " + item.note.value_or("");
-    const auto &root = tree.root().path();
-    for (auto at = text.find(root); at != std::string::npos; at = text.find(root, at)) {
-        text.replace(at, root.size(), "$");
+inline std::string replaced(std::string text, std::string_view from, std::string_view to) {
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
     }
     return text;
 }
 
-inline std::vector<std::string> lines(const CategoryScan &scan, const TemporaryTree &tree) {
-    std::vector<std::string> found;
-    for (const auto &item : scan.items) {
-        found.push_back(line(item, tree));
+/// An item as text:
+///     identifier | title | detail | target | allowed root | whether selected, tier and policy
+/// and below it, a line each, the paths of a list, what a command runs and frees, and the note,
+/// sentence by sentence, after its group. `folder` is written "$". What repeats where the target
+/// lies (a list: its allowed root; a command: as it is typed) is short: "@" is its path, "*" its
+/// name, "~" its path as seen from home, "." that path without the "~/", ".." the folder that holds
+/// it. The size must be what a file target occupies.
+inline std::string offer(const KlarboxItem &item, const FileURL &home, const FileURL &folder) {
+    const auto &target = item.target.value();
+    const auto *command = std::get_if<KlarboxTarget::Command>(&target);
+    const bool isList = std::holds_alternative<KlarboxTarget::Items>(target);
+    const auto paths = item.target.paths();
+    const auto root = item.allowedRoot ? item.allowedRoot->path() : "none";
+    const auto place = command  ? command->action.displayString()
+                       : isList ? root
+                                : paths.at(0).path();
+    const FileURL url(place);
+    const auto fromHome = FS::tildePath(url, home);
+    const auto brief = [&](const std::string &text) {
+        return text == place                 ? "@"
+               : text == url.lastComponent() ? "*"
+               : text == fromHome            ? "~"
+               : "~/" + text == fromHome     ? "."
+               : text == url.parent().path() ? ".."
+                                             : text;
+    };
+    constexpr std::array kinds{"item ", "contents ", "items", "command"};
+    constexpr std::array tiers{"safe", "leftover", "review"};
+    const auto colon = item.id.find(':') + 1;
+    auto text = fmt::format(
+        "\n{}{} | {} | {} | {}{} | {} | {} {}{}{}", item.id.substr(0, colon),
+        brief(item.id.substr(colon)), brief(item.title), brief(item.detail.value_or("")),
+        kinds.at(target.index()), command || isList ? "" : place, brief(root),
+        item.isSelectedByDefault ? "[x]" : "[ ]", tiers.at(static_cast<std::size_t>(item.tier)),
+        item.removalPolicy == RemovalPolicy::permanentOnly ? " permanent" : "",
+        item.requiresPrivileges ? " root" : "");
+    if (command) {
+        text +=
+            fmt::format("\n    {} {} frees{} {} bytes", command->action.executable.path(),
+                        command->action.arguments, item.isSizeEstimate ? " about" : "", item.size);
+    } else {
+        EXPECT_EQ(item.size, DiskUsage::allocatedSize(paths)) << item.id;
+        EXPECT_FALSE(item.isSizeEstimate) << item.id;
     }
-    return found;
+    for (std::size_t i = 0; isList && i < paths.size(); ++i) {
+        text += "\n    + " + replaced(paths[i].path(), root + "/", "");
+    }
+    if (item.group || item.note) {
+        text += "\n    " + (item.group ? *item.group + ": " : "") +
+                replaced(item.note.value_or(""), ". ", ".\n    ");
+    }
+    return replaced(text, folder.path(), "$");
+}
+
+/// What the scanner offers, item by item as text; it must have nothing to complain about.
+inline std::string offers(const CategoryScanner &scanner, const ScanContext &context,
+                          const FileURL &folder, std::stop_token stop = {}) {
+    const auto scan = scanner.scan(context, std::move(stop));
+    EXPECT_THAT(scan.issues, testing::IsEmpty());
+    std::string text;
+    for (const auto &item : scan.items) {
+        text += offer(item, context.home, folder);
+    }
+    return text;
 }
 
 inline std::vector<std::string> titles(const CategoryScan &scan) {
     std::vector<std::string> found;
-    for (const auto &item : scan.items) {
-        found.push_back(item.title);
+    std::ranges::transform(scan.items, std::back_inserter(found), &KlarboxItem::title);
+    return found;
+}
+
+/// The pieces between blanks.
+inline std::vector<std::string> words(const std::string &text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/// Adds a file of some blocks at each path, below a folder that ends in a slash.
+inline void addFiles(const TemporaryTree &tree, const std::string &folder,
+                     const std::string &paths) {
+    for (const auto &path : words(paths)) {
+        tree.add({folder + path, bytes(9000)});
+    }
+}
+
+/// A context in which one tool is installed and answers as recorded.
+inline ScanContext contextWith(std::string name, const FileURL &tool,
+                               std::map<std::string, CommandResult> answers,
+                               const FileURL &home = FileURL("/nowhere")) {
+    auto context = scanContext(home);
+    context.environment.locateTool = [=](std::string_view wanted) {
+        return wanted == name ? std::optional(tool) : std::nullopt;
+    };
+    context.environment.runner = std::make_shared<RecordedRunner>(std::move(answers));
+    return context;
+}
+
+/// What the context's tools were asked so far: the seconds each was given and its command.
+inline std::vector<std::string> asked(const ScanContext &context) {
+    std::vector<std::string> found;
+    for (const auto &[action, timeout] :
+         dynamic_cast<const RecordedRunner &>(*context.environment.runner).calls()) {
+        found.push_back(fmt::format("{} s: {}",
+                                    std::chrono::floor<std::chrono::seconds>(timeout).count(),
+                                    action.displayString()));
     }
     return found;
 }

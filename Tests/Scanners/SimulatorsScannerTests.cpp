@@ -1,11 +1,9 @@
-#include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Scanners/SimulatorsScanner.hpp"
 
-#include "Tests/Support/ScanFixture.hpp"
-#include "Tests/Support/TemporaryTree.hpp"
+#include "Tests/Scanners/ScanResults.hpp"
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
@@ -14,130 +12,93 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const FileURL xcrun("/usr/bin/xcrun");
-
-std::string device(std::string_view name, std::string_view dataPath) {
-    return fmt::format(R"({{"name": "{}", "udid": "U-{}", "dataPath": "{}", "dataPathSize": 5,
-                           "isAvailable": false, "state": "Shutdown"}})",
-                       name, name, dataPath);
+std::string device(std::string_view name, std::string_view dataPath = "/nowhere/data") {
+    return fmt::format(R"({{"name": "{}", "udid": "U", "dataPath": "{}", "dataPathSize": 5}})",
+                       name, dataPath);
 }
 
-struct Simulators {
-    explicit Simulators(CommandResult listing) {
-        runner = std::make_shared<RecordedRunner>(std::map<std::string, CommandResult>{
-            {"xcrun simctl list devices unavailable -j", std::move(listing)}});
-        context.environment.runner = runner;
-        context.environment.locateTool = [](std::string_view name) {
-            return name == "xcrun" ? std::optional(xcrun) : std::nullopt;
-        };
-    }
-    CategoryScan scan() const { return SimulatorsScanner().scan(context, {}); }
-
-    ScanContext context = scanContext(FileURL("/nowhere"));
-    std::shared_ptr<RecordedRunner> runner;
-};
+ScanContext simulators(CommandResult listing) {
+    return contextWith("xcrun", FileURL("/usr/bin/xcrun"),
+                       {{"xcrun simctl list devices unavailable -j", std::move(listing)}});
+}
 
 TEST(SimulatorsScanner, offersTheDevicesTogetherWithTheirFolders) {
     const TemporaryTree home{
-        {"Devices/A/data/Library/db", bytes(100'000)},
-        {"Devices/A/device.plist", bytes(5000)},
-        {"Devices/B/data/file", bytes(30'000)},
-        {"Devices/C/data/available", bytes(70'000)},
+        {"A/data/Library/db", bytes(100'000)},
+        {"A/device.plist", bytes(5000)},
+        {"B/data/file", bytes(30'000)},
+        {"C/data/available", bytes(70'000)},
     };
-    Simulators simulators({0, fmt::format(R"({{"devices": {{"b-runtime": [{}], "empty": [],
-                                             "a-runtime": [{}, {}]}}, "pairs": {{}}}})",
-                                          device("iPhone 8", (home / "Devices/A/data").path()),
-                                          device("iPad", (home / "Devices/B/data/").path()),
-                                          device("gone", "/no/such/device/data"))});
-    const std::vector<FileURL> folders{home / "Devices/A", home / "Devices/B"};
-    const KlarboxItem expected{
-        .id = "simulators:unavailable",
-        .title = "3 unavailable simulators",
-        .detail = "iPad, gone, iPhone 8",
-        .target = KlarboxTarget::command({xcrun, {"simctl", "delete", "unavailable"}}),
-        .size = DiskUsage::allocatedSize(folders),
-        .isSizeEstimate = false,
-        .tier = SafetyTier::safe,
-        .isSelectedByDefault = true,
-    };
-    EXPECT_THAT(simulators.scan().items, ElementsAre(expected));
-    ASSERT_EQ(simulators.runner->calls().size(), 1U);
-    EXPECT_EQ(simulators.runner->calls()[0].timeout, std::chrono::seconds(60));
+    // A relative path leads wherever this process happens to be, so nothing is measured for it.
+    const auto relative = std::filesystem::relative((home / "C/data").path()).string();
+    auto context = simulators(
+        {0,
+         fmt::format(R"({{"devices": {{"b": [{}], "empty": [], "a": [{}, {}]}}, "pairs": {{}}}})",
+                     device("iPhone 8", (home / "A/data").path()),
+                     device("iPad", (home / "B/data/").path()), device("iPod", relative))});
+    const auto size = DiskUsage::allocatedSize(std::vector{home / "A", home / "B"});
+    EXPECT_EQ(offers(SimulatorsScanner(), context, context.home), fmt::format(R"(
+simulators:unavailable | 3 unavailable simulators | iPad, iPod, iPhone 8 | command | none | [x] safe
+    /usr/bin/xcrun ["simctl", "delete", "unavailable"] frees {} bytes)",
+                                                                              size));
+    EXPECT_THAT(asked(context), ElementsAre("60 s: xcrun simctl list devices unavailable -j"));
 
-    simulators.context.minimumSize = expected.size;
-    EXPECT_EQ(simulators.scan().items.size(), 1U);
-    simulators.context.minimumSize += 1;
-    EXPECT_THAT(simulators.scan().items, IsEmpty());
+    context.minimumSize = size;
+    EXPECT_EQ(SimulatorsScanner().scan(context, {}).items.size(), 1U);
+    context.minimumSize += 1;
+    EXPECT_EQ(offers(SimulatorsScanner(), context, context.home), "");
 }
 
 TEST(SimulatorsScanner, namesTheFirstFew) {
-    const struct {
-        std::vector<std::string> names;
-        const char *title;
-        const char *detail;
-    } cases[] = {
-        {{"A"}, "1 unavailable simulator", "A"},
-        {{"A", "B", "C", "D"}, "4 unavailable simulators", "A, B, C, D"},
-        {{"A", "B", "C", "D", "E"}, "5 unavailable simulators", "A, B, C, D, ..."},
+    const std::pair<const char *, const char *> cases[] = {
+        {"A", "1 unavailable simulator: A"},
+        {"A B C D", "4 unavailable simulators: A, B, C, D"},
+        {"A B C D E", "5 unavailable simulators: A, B, C, D, ..."},
     };
-    for (const auto &[names, title, detail] : cases) {
+    for (const auto &[names, expected] : cases) {
         std::vector<std::string> devices;
-        for (const auto &name : names) {
-            devices.push_back(device(name, "/nowhere/data"));
+        for (const auto &name : words(names)) {
+            devices.push_back(device(name));
         }
         // Nothing to measure is still worth offering when every size is wanted.
-        const Simulators simulators(
+        const auto context = simulators(
             {0, fmt::format(R"({{"devices": {{"r": [{}]}}}})", fmt::join(devices, ","))});
-        const auto scan = simulators.scan();
-        ASSERT_EQ(scan.items.size(), 1U);
-        EXPECT_EQ(scan.items[0].title, title);
-        EXPECT_EQ(scan.items[0].detail, detail);
-        EXPECT_EQ(scan.items[0].size, 0);
+        const auto item = SimulatorsScanner().scan(context, {}).items.at(0);
+        EXPECT_EQ(item.title + ": " + item.detail.value_or(""), expected);
+        EXPECT_EQ(item.size, 0);
     }
 }
 
-TEST(SimulatorsScanner, measuresNothingForAPathThatIsNotAbsolute) {
-    const Simulators simulators({0, R"({"devices": {"r": [{"name": "A", "udid": "U",
-                                        "dataPath": "Devices/A/data"}]}})"});
-    const auto scan = simulators.scan();
-    ASSERT_EQ(scan.items.size(), 1U);
-    EXPECT_EQ(scan.items[0].size, 0);
-}
-
 TEST(SimulatorsScanner, offersNothingUnlessTheListingIsWhole) {
-    const auto good = R"({"devices": {"r": [)" + device("A", "/nowhere/data") + "]}}";
+    const auto good = R"({"devices": {"r": [)" + device("A") + "]}}";
     const CommandResult cases[] = {
         {1, good},
-        {-1, "xcrun could not be started"},
-        {-2, "Timed out"},
+        {-2, good},
         {0, ""},
         {0, "xcrun: warning\n" + good},
         {0, good.substr(0, good.size() - 1)},
         {0, R"({"devices": {}})"},
-        {0, R"({"devices": [])" + device("A", "/nowhere/data") + "]}"},
+        {0, R"({"devices": [)" + device("A") + "]}"},
         {0, R"({"devices": {"r": {}}})"},
         {0, R"({"devices": {"r": ["A"]}})"},
         {0, R"({"devices": {"r": [{"name": "A", "udid": "U"}]}})"},
         {0, R"({"devices": {"r": [{"name": 1, "udid": "U", "dataPath": "/x/y"}]}})"},
         {0, R"([])"},
-        {0, R"("devices")"},
         {0, std::string(100'000, '[')},
         {0, good + std::string(std::size_t{5} << 20, ' ')},
     };
     for (const auto &listing : cases) {
-        const auto scan = Simulators(listing).scan();
-        EXPECT_THAT(scan.items, IsEmpty()) << listing.output.substr(0, 100);
-        EXPECT_THAT(scan.issues, IsEmpty());
+        const auto context = simulators(listing);
+        EXPECT_EQ(offers(SimulatorsScanner(), context, context.home), "")
+            << listing.output.substr(0, 100);
     }
-    EXPECT_EQ(Simulators({0, good}).scan().items.size(), 1U); // what the cases above vary
+    // What the cases above vary.
+    EXPECT_EQ(SimulatorsScanner().scan(simulators({0, good}), {}).items.size(), 1U);
 }
 
 TEST(SimulatorsScanner, isRelevantWithDevicesAndDeveloperTools) {
-    const TemporaryTree tree{
-        {"with/Library/Developer/CoreSimulator/Devices", directory()},
-        {"without", directory()},
-        {"Xcode.app", directory()},
-    };
+    const TemporaryTree tree{{"with/Library/Developer/CoreSimulator/Devices", directory()},
+                             {"Xcode.app", directory()}};
     const SimulatorsScanner installed({tree / "missing", tree / "Xcode.app"});
     const SimulatorsScanner missing({tree / "missing"});
     EXPECT_TRUE(installed.isRelevant(scanContext(tree / "with")));

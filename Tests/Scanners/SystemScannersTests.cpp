@@ -3,8 +3,6 @@
 #include "KlarboxKit/Scanners/SystemLogsScanner.hpp"
 
 #include "Tests/Scanners/ScanResults.hpp"
-#include "Tests/Support/ScanFixture.hpp"
-#include "Tests/Support/TemporaryTree.hpp"
 
 #include <gtest/gtest.h>
 
@@ -14,45 +12,15 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::string logLine(const std::string &root, const std::string &name, const std::string &kind,
-                    bool isBusy) {
-    const auto path = root + "/" + name;
-    return "system-logs:" + path + " | " + name + " | " + path + " | " + kind + " " + path + " | " +
-           root +
-           (isBusy ? " | review permanent privileged |  | A system service may still be writing "
-                     "here. Removing it is harmless, but the space may only come back after the "
-                     "service restarts."
-                   : " | safe selected permanent privileged |  | ");
-}
-
 TEST(SystemLogsScanner, tellsRotatedLogsFromLiveOnes) {
     const TemporaryTree disk;
-    std::vector<std::string> expected;
-    for (const auto &[name, isRotated] : std::initializer_list<std::pair<std::string, bool>>{
-             {".12", true},
-             {"a.", false},
-             {"a.1b", false},
-             {"a.bz2", true},
-             {"a.gz\n", false},
-             {"a.xz", true},
-             {"backup.GZ", false},
-             {"gz", false},
-             {"install.log.1", true},
-             {"system.log", false},
-             {"s.log.0.gz", true},
-             {"wifi.log.old", true},
-             {"x.log.zip", true},
-             {"y.\xd9\xa3", false},
-             {"z.log.007", true},
-         }) {
-        disk.add({"log/" + name, bytes(9000)});
-        expected.push_back(logLine("$/log", name, "item", !isRotated));
-    }
-    const SystemLogsScanner scanner(disk / "none", disk / "log");
-    const auto context = scanContext(disk / "home");
-    EXPECT_THAT(lines(scanner.scan(context, {}), disk),
-                testing::UnorderedElementsAreArray(expected));
-    EXPECT_THAT(scanner.scan(context, stopped()).items, IsEmpty());
+    const auto rotated = words(".12 a.bz2 a.xz b.log.1 s.log.0.gz wifi.log.old x.zip z.log.007");
+    const auto live = words("a. a.1b backup.GZ gz system.log y.\xd9\xa3");
+    addFiles(disk, "log/", fmt::format("{} {}", fmt::join(rotated, " "), fmt::join(live, " ")));
+    auto scan = SystemLogsScanner(disk / "none", disk / "log").scan(scanContext(disk.root()), {});
+    EXPECT_EQ(scan.items.size(), rotated.size() + live.size());
+    std::erase_if(scan.items, [](const auto &item) { return !item.isSelectedByDefault; });
+    EXPECT_THAT(titles(scan), testing::UnorderedElementsAreArray(rotated));
 }
 
 TEST(SystemLogsScanner, offersBothFoldersButNoCrashReports) {
@@ -62,32 +30,39 @@ TEST(SystemLogsScanner, offersBothFoldersButNoCrashReports) {
         {"Library/same.log", bytes(9000)},
         {"system/same.log", bytes(9000)},
         {"system/DiagnosticReports.1/a", bytes(100'000)},
+        {"system/same.log.1", bytes(9000)},
         {"system/empty.log", bytes(0)},
     };
     const SystemLogsScanner scanner(disk / "Library", disk / "system");
-    EXPECT_THAT(lines(scanner.scan(scanContext(disk / "home"), {}), disk),
-                ElementsAre(logLine("$/Library", "diagnosticreports", "contents", false),
-                            logLine("$/system", "DiagnosticReports.1", "contents", true),
-                            logLine("$/Library", "same.log", "item", false),
-                            logLine("$/system", "same.log", "item", true)));
+    const auto context = scanContext(disk / "home");
+    const std::string note = R"(
+    A system service may still be writing here.
+    Removing it is harmless, but the space may only come back after the service restarts.)";
+    EXPECT_EQ(replaced(offers(scanner, context, disk.root()), note, " LIVE"), R"(
+system-logs:@ | * | @ | contents $/Library/diagnosticreports | .. | [x] safe permanent root
+system-logs:@ | * | @ | contents $/system/DiagnosticReports.1 | .. | [ ] review permanent root LIVE
+system-logs:@ | * | @ | item $/Library/same.log | .. | [x] safe permanent root
+system-logs:@ | * | @ | item $/system/same.log | .. | [ ] review permanent root LIVE
+system-logs:@ | * | @ | item $/system/same.log.1 | .. | [x] safe permanent root)");
+    EXPECT_THAT(scanner.scan(context, stopped()).items, IsEmpty());
 }
 
 TEST(SystemCrashReportsScanner, offersAllVisibleReportsTogether) {
-    const TemporaryTree disk{{"r/.DS_Store", bytes(9000)}, {"r/.hidden.ips", bytes(9000)}};
+    const TemporaryTree disk;
+    addFiles(disk, "r/", ".DS_Store .hidden.ips");
     const SystemCrashReportsScanner scanner(disk / "r");
     auto context = scanContext(disk / "home");
-    EXPECT_THAT(scanner.scan(context, {}).items, IsEmpty());
+    EXPECT_EQ(offers(scanner, context, disk.root()), "");
 
-    disk.add({"r/a.ips", bytes(8192)});
+    addFiles(disk, "r/", "a.ips Retired/old.ips");
     disk.add({"r/b.ips", hardLink("r/a.ips")});
-    disk.add({"r/Retired/old.ips", bytes(9000)});
-    const auto scan = scanner.scan(context, stopped());
-    EXPECT_THAT(lines(scan, disk),
-                ElementsAre("system-crash-reports | System crash and diagnostic reports | $/r | "
-                            "items $/r/Retired $/r/a.ips $/r/b.ips | $/r | safe selected permanent "
-                            "privileged |  | "))
-        << "the reports are measured whole, however soon the scan is stopped";
-    context.minimumSize = scan.items.at(0).size;
+    // The reports are measured whole, however soon the scan is stopped.
+    EXPECT_EQ(offers(scanner, context, disk.root(), stopped()), R"(
+system-crash-reports | System crash and diagnostic reports | @ | items | @ | [x] safe permanent root
+    + Retired
+    + a.ips
+    + b.ips)");
+    context.minimumSize = scanner.scan(context, {}).items.at(0).size;
     EXPECT_EQ(scanner.scan(context, {}).items.size(), 1U);
     context.minimumSize += 1;
     EXPECT_THAT(scanner.scan(context, {}).items, IsEmpty());
@@ -95,30 +70,24 @@ TEST(SystemCrashReportsScanner, offersAllVisibleReportsTogether) {
 
 TEST(SimulatorDyldCacheScanner, offersEachRuntimesFolder) {
     const TemporaryTree disk{
-        {"dyld/21A328/data", bytes(30'000)},
         {"dyld/22A3354/data", bytes(50'000)},
-        {"dyld/file", bytes(90'000)},
         {"dyld/linked", link("22A3354")},
     };
+    addFiles(disk, "dyld/", "21A328/data file");
     const SimulatorDyldCacheScanner scanner(disk / "dyld");
     auto context = scanContext(disk / "home");
     EXPECT_TRUE(scanner.isRelevant(context));
     EXPECT_FALSE(SimulatorDyldCacheScanner(disk / "none").isRelevant(context));
-    for (const bool isRunning : {false, true}) {
-        if (isRunning) {
-            context.environment.runningBundleIDs = {"com.apple.iphonesimulator"};
-        }
-        const auto expected = [&](const std::string &name) {
-            return "simulator-dyld-caches:" + name + " | Runtime build " + name + " | $/dyld/" +
-                   name + " | item $/dyld/" + name + " | $/dyld | " +
-                   (isRunning ? "safe permanent privileged |  | The Simulator is running. Quit it "
-                                "first."
-                              : "safe selected permanent privileged |  | ");
-        };
-        EXPECT_THAT(lines(scanner.scan(context, {}), disk),
-                    ElementsAre(expected("22A3354"), expected("21A328")));
-    }
+    const std::string expected = R"(
+simulator-dyld-caches:* | Runtime build 22A3354 | @ | item $/22A3354 | .. | [x] safe permanent root
+simulator-dyld-caches:* | Runtime build 21A328 | @ | item $/21A328 | .. | [x] safe permanent root)";
+    EXPECT_EQ(offers(scanner, context, disk / "dyld"), expected);
     EXPECT_THAT(scanner.scan(context, stopped()).items, IsEmpty());
+    context.environment.runningBundleIDs = {"com.apple.iphonesimulator"};
+    for (const auto &item : scanner.scan(context, {}).items) {
+        EXPECT_FALSE(item.isSelectedByDefault);
+        EXPECT_EQ(item.note, "The Simulator is running. Quit it first.");
+    }
 }
 
 } // namespace
