@@ -13,17 +13,12 @@ using namespace std::chrono_literals;
 TEST(ScanContext, expandsPathsAsTyped) {
     const auto context = scanContext(FileURL("/Users/ann", true));
     const auto here = currentDirectory();
-    const struct {
-        const char *typed;
-        std::string path;
-    } cases[] = {
+    const std::pair<const char *, std::string> cases[] = {
         {"~", "/Users/ann"},
         {"~/", "/Users/ann"},
-        {"~/Documents/GitHub", "/Users/ann/Documents/GitHub"},
         {"~/a/../b", "/Users/ann/a/../b"},
         {"~other/x", here + "/~other/x"},
         {"relative", here + "/relative"},
-        {"/Volumes/Work", "/Volumes/Work"},
         {"/a/~", "/a/~"},
     };
     for (const auto &[typed, path] : cases) {
@@ -33,23 +28,18 @@ TEST(ScanContext, expandsPathsAsTyped) {
 
 TEST(ScanContext, countsWholeDaysBeforeNow) {
     const auto context = scanContext(FileURL("/Users/ann"));
-    const struct {
-        FileManager::Date date;
-        std::int64_t days;
-    } cases[] = {
+    const std::pair<FileManager::Date, std::int64_t> cases[] = {
         {scanTime, 0},
         {scanTime - 86399s, 0},
         {scanTime - 86400s, 1},
         {scanTime - 86400s * 365 + 1us, 364},
         {scanTime + std::chrono::days(10), 0},
-        {scanTime + 1us, 0},
-        {FileManager::Date(0us), 20779},
+        // A date that no calendar holds.
+        {FileManager::date(INT64_MAX, 0), 0},
     };
     for (const auto &[date, days] : cases) {
         EXPECT_EQ(context.daysSince(date), days);
     }
-    // Dates that no calendar holds.
-    EXPECT_EQ(context.daysSince(FileManager::date(INT64_MAX, 0)), 0);
     EXPECT_GT(context.daysSince(FileManager::date(INT64_MIN, 0)), 50'000'000);
 }
 

@@ -7,47 +7,30 @@
 namespace klarbox::test {
 namespace {
 
-using testing::HasSubstr;
+const ScanSettings sound{.projectRoots = {"~/p", "/a \"b\"\n"},
+                         .includeNodeModules = true,
+                         .staleProjectDays = -5,
+                         .excludedPaths = {"~/e"}};
 
-TEST(ScanSettings, readsWhatItWrites) {
-    const ScanSettings settings{.projectRoots = {"~/Code", "~/code", "~/Code", "/a \"b\"\n"},
-                                .includeNodeModules = true,
-                                .staleProjectDays = -5,
-                                .excludedPaths = {}};
-    EXPECT_EQ(settings.encoded(), R"({
+TEST(ScanSettings, readsWhatItWritesAndIgnoresUnknownKeys) {
+    auto json = sound.encoded();
+    EXPECT_EQ(json, R"({
   "projectRoots": [
-    "~/Code",
-    "~/code",
-    "~/Code",
+    "~/p",
     "/a \"b\"\n"
   ],
   "includeNodeModules": true,
   "staleProjectDays": -5,
-  "excludedPaths": []
+  "excludedPaths": [
+    "~/e"
+  ]
 }
 )");
-    EXPECT_EQ(ScanSettings::decode(settings.encoded()), settings);
-    auto reordered = settings;
-    std::swap(reordered.projectRoots[0], reordered.projectRoots[1]);
-    EXPECT_NE(reordered, settings);
-}
-
-TEST(ScanSettings, ignoresUnknownKeys) {
-    EXPECT_EQ(ScanSettings::decode(R"({"more": null, "excludedPaths": ["~/x"],
-                                       "staleProjectDays": 30, "includeNodeModules": false,
-                                       "projectRoots": []})"),
-              (ScanSettings{.projectRoots = {},
-                            .includeNodeModules = false,
-                            .staleProjectDays = 30,
-                            .excludedPaths = {"~/x"}}));
+    EXPECT_EQ(ScanSettings::decode(json), sound);
+    EXPECT_EQ(ScanSettings::decode(json.insert(1, "\"more\": null,")), sound);
 }
 
 TEST(ScanSettings, namesTheKeyThatIsMissingOrWrong) {
-    const std::string sound = ScanSettings{
-        .projectRoots = {"~/p"},
-        .includeNodeModules = true,
-        .staleProjectDays = 30,
-        .excludedPaths = {"~/e"}}.encoded();
     const struct {
         std::string from;
         std::string to;
@@ -60,23 +43,21 @@ TEST(ScanSettings, namesTheKeyThatIsMissingOrWrong) {
         {"\"~/p\"", "3", "\"projectRoots\" must be"},
         {"\"~/e\"", "null", "\"excludedPaths\" must be"},
         {"true", "1", "\"includeNodeModules\" must be"},
-        {"true", "\"true\"", "\"includeNodeModules\" must be"},
-        {"30", "\"30\"", "\"staleProjectDays\" must be"},
-        {"30", "30.5", "\"staleProjectDays\" must be"},
-        {"30", "9223372036854775808", "\"staleProjectDays\" must be"},
-        {"30", "null", "\"staleProjectDays\" must be"},
-        {sound, "[]", "must be a JSON object"},
-        {sound, "", "not valid JSON"},
-        {sound, sound + "{}", "not valid JSON"},
+        {"-5", "\"30\"", "\"staleProjectDays\" must be"},
+        {"-5", "30.5", "\"staleProjectDays\" must be"},
+        {"-5", "9223372036854775808", "\"staleProjectDays\" must be"},
+        {sound.encoded(), "[]", "must be a JSON object"},
+        {sound.encoded(), "", "not valid JSON"},
+        {sound.encoded(), sound.encoded() + "{}", "not valid JSON"},
     };
     for (const auto &[from, to, named] : cases) {
-        auto json = sound;
+        auto json = sound.encoded();
         json.replace(json.find(from), from.size(), to);
         try {
             ScanSettings::decode(json);
             ADD_FAILURE() << "accepted " << json;
         } catch (const PlatformError &error) {
-            EXPECT_THAT(error.message(), HasSubstr(named)) << json;
+            EXPECT_THAT(error.message(), testing::HasSubstr(named)) << json;
         }
     }
 }
