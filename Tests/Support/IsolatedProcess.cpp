@@ -1,5 +1,7 @@
 #include "Tests/Support/IsolatedProcess.hpp"
 
+#include "Tests/Support/TemporaryTree.hpp"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -13,7 +15,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -51,12 +52,6 @@ void waitForOtherThreads() {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (threads() > ownThreads && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-}
-
-void require(int result, const char *what) {
-    if (result != 0) {
-        throw std::system_error(errno, std::generic_category(), what);
     }
 }
 
@@ -99,15 +94,15 @@ bool enterMountNamespace() {
 void becomeOrdinaryUser() {
     constexpr unsigned nobody = 65534;
     if (::geteuid() == 0) {
-        require(::setgroups(0, nullptr), "setgroups");
-        require(::setresgid(nobody, nobody, nobody), "setresgid");
-        require(::setresuid(nobody, nobody, nobody), "setresuid");
+        check(::setgroups(0, nullptr) == 0, "setgroups");
+        check(::setresgid(nobody, nobody, nobody) == 0, "setresgid");
+        check(::setresuid(nobody, nobody, nobody) == 0, "setresuid");
     }
 }
 
 void limitDescriptors(unsigned count) {
     const rlimit limit{count, count};
-    require(::setrlimit(RLIMIT_NOFILE, &limit), "setrlimit");
+    check(::setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
 }
 
 } // namespace klarbox::test

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <numeric>
 #include <set>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -33,46 +34,63 @@ FileURL makeRoot(TemporaryTree::Medium medium) {
     const bool isInMemory = medium == TemporaryTree::Medium::memoryIfPossible && isUsable(memory);
     const auto folder = isInMemory ? fs::path(memory) : fs::temp_directory_path();
     auto pattern = (fs::canonical(folder) / "klarbox-test.XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), pattern);
-    }
+    check(::mkdtemp(pattern.data()) != nullptr, pattern);
     return FileURL(pattern, true);
 }
 
 void writeFile(const std::string &path, std::string_view content) {
     std::ofstream file(path, std::ios::binary);
-    file.write(content.data(), static_cast<std::streamsize>(content.size()));
-    if (!file.flush()) {
-        throw std::runtime_error("cannot write " + path);
+    check(bool(file << content << std::flush), path);
+}
+
+void setModeAndDate(const FileURL &root, const Entry &entry) {
+    const auto url = root.appending(entry.path);
+    if (entry.modified) {
+        setModified(url, *entry.modified);
     }
+    check(!entry.mode || ::chmod(url.path().c_str(), *entry.mode) == 0, url.path());
+}
+
+void makeContent(const FileURL &root, const Entry &entry) {
+    const auto path = root.appending(entry.path).path();
+    fs::create_directories(fs::path(path).parent_path());
+    std::visit(
+        overloaded{
+            [&](const Entry::Bytes &content) { writeFile(path, std::string(content.count, 'x')); },
+            [&](const Entry::Text &content) { writeFile(path, content.text); },
+            [&](const Entry::Directory &) { fs::create_directories(path); },
+            [&](const Entry::SymbolicLink &link) { fs::create_symlink(link.target, path); },
+            [&](const Entry::HardLink &link) {
+                fs::create_hard_link(root.appending(link.target).path(), path);
+            },
+        },
+        entry.what);
 }
 
 } // namespace
+
+void check(bool holds, const std::string &what) {
+    if (!holds) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
 
 void setModified(const FileURL &url, FileManager::Date date) {
     const auto since = date.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
     const timespec time{seconds.count(), std::chrono::nanoseconds(since - seconds).count()};
     const timespec times[2] = {time, time};
-    if (::utimensat(AT_FDCWD, url.path().c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw std::system_error(errno, std::generic_category(), url.path());
-    }
+    check(::utimensat(AT_FDCWD, url.path().c_str(), times, AT_SYMLINK_NOFOLLOW) == 0, url.path());
 }
 
 TemporaryTree::TemporaryTree(Medium medium, std::initializer_list<Entry> entries)
     : root_(makeRoot(medium)) {
     for (const auto &entry : entries) {
-        add(entry);
+        makeContent(root_, entry);
     }
     // Making an entry touches its folder, so dates and modes are set once everything stands.
     for (const auto &entry : entries) {
-        const auto path = (root_.appending(entry.path)).path();
-        if (entry.modified) {
-            setModified(FileURL(path), *entry.modified);
-        }
-        if (entry.mode && ::chmod(path.c_str(), *entry.mode) != 0) {
-            throw std::system_error(errno, std::generic_category(), path);
-        }
+        setModeAndDate(root_, entry);
     }
 }
 
@@ -89,31 +107,15 @@ TemporaryTree::~TemporaryTree() {
 }
 
 void makeEntry(const FileURL &root, const Entry &entry) {
-    const auto path = root.appending(entry.path).path();
-    fs::create_directories(fs::path(path).parent_path());
-    std::visit(
-        overloaded{
-            [&](const Entry::Bytes &content) { writeFile(path, std::string(content.count, 'x')); },
-            [&](const Entry::Text &content) { writeFile(path, content.text); },
-            [&](const Entry::Directory &) { fs::create_directories(path); },
-            [&](const Entry::SymbolicLink &link) { fs::create_symlink(link.target, path); },
-            [&](const Entry::HardLink &link) {
-                fs::create_hard_link(root.appending(link.target).path(), path);
-            },
-        },
-        entry.what);
-    if (entry.modified) {
-        setModified(FileURL(path), *entry.modified);
-    }
+    makeContent(root, entry);
+    setModeAndDate(root, entry);
 }
 
 std::string manifest(const FileURL &folder) {
     std::set<std::string> lines;
     for (const auto &entry : fs::recursive_directory_iterator(folder.path())) {
         struct stat st {};
-        if (::lstat(entry.path().c_str(), &st) != 0) {
-            throw std::system_error(errno, std::generic_category(), entry.path());
-        }
+        check(::lstat(entry.path().c_str(), &st) == 0, entry.path());
         std::string content;
         if (S_ISDIR(st.st_mode)) {
             content = "directory";
@@ -127,11 +129,7 @@ std::string manifest(const FileURL &folder) {
         lines.insert(fmt::format("{} {:o} {} {}.{} {}\n", entry.path().string(), st.st_mode,
                                  st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec, content));
     }
-    std::string all;
-    for (const auto &line : lines) {
-        all += line;
-    }
-    return all;
+    return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 bool isRoot() {

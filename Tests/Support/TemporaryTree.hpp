@@ -52,6 +52,9 @@ inline Entry::HardLink hardLink(std::string target) {
     return {std::move(target)};
 }
 
+/// Throws the `std::system_error` of errno about `what` unless something holds.
+void check(bool holds, const std::string &what);
+
 /// Puts an entry at its place below `root`. Throws when that fails.
 void makeEntry(const FileURL &root, const Entry &entry);
 
