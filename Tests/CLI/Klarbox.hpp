@@ -1,45 +1,50 @@
 #pragma once
 
 #include "Tests/Support/DemoWorld.hpp"
+#include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
-#include <functional>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
 namespace klarbox::test {
 
-/// What one run of the built application came to.
-struct KlarboxRun {
-    int exitCode; ///< or 128 and the signal that ended it
-    std::string output;
-    std::string error;
+/// How the built application is started in a folder that is its home folder too. Arguments and
+/// redirections are written as for a shell.
+Launch klarboxIn(const FileURL &home, const std::string &arguments);
 
-    nlohmann::json json() const { return nlohmann::json::parse(output); }
-};
+/// Runs klarbox without a terminal and with nothing on standard input.
+Outcome runKlarbox(const FileURL &home, const std::string &arguments);
 
-/// Runs klarbox with nothing on standard input, a home and a configuration folder of their own, and
-/// no terminal. `whileRunning` is called with its process identifier once it has started.
-KlarboxRun runKlarbox(const std::vector<std::string> &arguments,
-                      const std::function<void(int)> &whileRunning = {});
-
-/// Runs klarbox on a terminal of its own, typing `input` into it; `output` is what the terminal
+/// Runs klarbox on a terminal of its own, typing `input` into it; `out` is what the terminal
 /// showed.
-KlarboxRun runKlarboxOnTerminal(const std::vector<std::string> &arguments, const std::string &input,
-                                unsigned short columns = 80);
+Outcome runKlarboxOnTerminal(const FileURL &home, const std::string &arguments,
+                             const std::string &input, int columns = 80);
 
 /// A demo world of its own.
 struct TemporaryDemoWorld {
     TemporaryTree folder{TemporaryTree::Medium::memoryIfPossible, {}};
     DemoWorld world = makeDemoWorld(folder / "world");
+    /// What makes klarbox look at this world.
+    std::string options = " --home world/disk/Users/ann --disk world/disk --settings "
+                          "world/settings.json --environment world/environment.json ";
 
-    /// `arguments` and the options that make klarbox look at this world.
-    std::vector<std::string> arguments(std::vector<std::string> arguments) const;
+    Outcome run(const std::string &command) const {
+        return runKlarbox(folder.root(), command + options);
+    }
 };
 
-/// The identifiers of all items in a scan's document, in order, with `prefix` taken out of paths.
-std::vector<std::string> itemIDs(const nlohmann::json &document, const std::string &prefix = "");
+/// Adds a brew that does what the cases of a shell say about its arguments, and "environment.json",
+/// in which it is the only tool.
+void addBrew(const TemporaryTree &tree, const std::string &cases);
+
+inline nlohmann::json document(const Outcome &run) {
+    return nlohmann::json::parse(run.out);
+}
+
+/// The identifiers of all items in a scan's document, in order, a line each, with `prefix` taken
+/// out of paths.
+std::string itemIDs(const nlohmann::json &document, const std::string &prefix = "");
 
 } // namespace klarbox::test

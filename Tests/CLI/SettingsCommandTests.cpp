@@ -17,72 +17,62 @@ using testing::MatchesRegex;
 TEST(SettingsCommand, keepsWhatIsSetAndShowsIt) {
     const TemporaryTree tree;
     const auto file = tree / "deep/er/settings.json";
-    const auto settings = [&](std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "settings");
-        arguments.insert(arguments.end(), {"--settings", file.path()});
-        return runKlarbox(arguments);
+    const auto settings = [&](const std::string &action) {
+        return runKlarbox(tree.root(), "settings --settings deep/er/settings.json " + action);
     };
-    EXPECT_THAT(settings({}).output,
+    EXPECT_THAT(settings("").out,
                 AllOf(HasSubstr("~/Developer"), HasSubstr("staleProjectDays: 30")));
     EXPECT_FALSE(FileManager::exists(file)); // looking writes nothing
-
-    EXPECT_EQ(settings({"set", "staleProjectDays", "45"}).exitCode, 0);
-    EXPECT_EQ(settings({"set", "includeNodeModules", "false"}).exitCode, 0);
-    EXPECT_EQ(settings({"set", "projectRoots", "~/a", "/b"}).exitCode, 0);
-    EXPECT_EQ(settings({"add", "excludedPaths", "~/Library/Caches/x y", "~/keep"}).exitCode, 0);
-    EXPECT_EQ(settings({"add", "excludedPaths", "~/keep"}).exitCode, 0);
-    EXPECT_EQ(settings({"remove", "projectRoots", "~/a"}).exitCode, 0);
-    EXPECT_EQ(settings({"get", "excludedPaths"}).output, "~/Library/Caches/x y\n~/keep\n");
-    EXPECT_THAT(settings({"path"}).output, file.path() + "\n");
-    EXPECT_THAT(settings({"check"}).output, HasSubstr("sound"));
-
-    const auto saved = ScanSettings::decode(FileManager::contents(file));
-    EXPECT_EQ(saved, (ScanSettings{.projectRoots = {"/b"},
-                                   .includeNodeModules = false,
-                                   .staleProjectDays = 45,
-                                   .excludedPaths = {"~/Library/Caches/x y", "~/keep"}}));
+    for (const auto *action :
+         {"set staleProjectDays 45", "set includeNodeModules false", "set projectRoots '~/a' /b",
+          "add excludedPaths '~/Library/Caches/x y' '~/keep'", "add excludedPaths '~/keep'",
+          "remove projectRoots '~/a'"}) {
+        EXPECT_EQ(settings(action).exitCode, 0) << action;
+    }
+    EXPECT_EQ(settings("get excludedPaths").out, "~/Library/Caches/x y\n~/keep\n");
+    EXPECT_EQ(settings("path").out, file.path() + "\n");
+    EXPECT_THAT(settings("check").out, HasSubstr("sound"));
+    EXPECT_EQ(ScanSettings::decode(FileManager::contents(file)),
+              (ScanSettings{.projectRoots = {"/b"},
+                            .includeNodeModules = false,
+                            .staleProjectDays = 45,
+                            .excludedPaths = {"~/Library/Caches/x y", "~/keep"}}));
     // Written aside and renamed: nothing is left beside it.
     EXPECT_THAT(FileManager::contentsOfDirectory(file.parent()), ElementsAre("settings.json"));
 }
 
 TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
     const TemporaryTree tree{
-        {"sound.json", text(ScanSettings{.projectRoots = {"~/a"},
-                                         .includeNodeModules = true,
-                                         .staleProjectDays = 30,
-                                         .excludedPaths = {}}
-                                .encoded())},
+        {"sound.json", text(ScanSettings{}.encoded())},
         {"damaged.json", text("{\"projectRoots\": [\"~/precious\"")},
         {"dangling.json", link("nowhere/settings.json")},
     };
     const auto before = manifest(tree.root());
-    struct Case {
+    const struct {
         const char *file;
-        std::vector<std::string> arguments;
+        const char *action;
         const char *named;
+    } cases[] = {
+        {"damaged.json", "show", "damaged.json"},
+        {"damaged.json", "check", "damaged.json"},
+        {"damaged.json", "set staleProjectDays 1", "damaged.json"},
+        {"dangling.json", "set staleProjectDays 1", "dangling.json"},
+        {"sound.json", "set staleProjectDays soon", "soon"},
+        {"sound.json", "set staleProjectDays -5", "-5"},
+        {"sound.json", "set staleProjectDays 99999999999999999999", "staleProjectDays"},
+        {"sound.json", "set includeNodeModules maybe", "maybe"},
+        {"sound.json", "set colour red", "colour"},
+        {"sound.json", "get colour", "excludedPaths"},
+        {"sound.json", "add staleProjectDays 1", "staleProjectDays"},
+        {"sound.json", "add excludedPaths relative/path", "relative/path"},
+        {"sound.json", "remove projectRoots /b", "/b"},
+        {"sound.json", "frobnicate", "frobnicate"},
     };
-    const std::vector<Case> cases{
-        {"damaged.json", {"show"}, "damaged.json"},
-        {"damaged.json", {"check"}, "damaged.json"},
-        {"damaged.json", {"set", "staleProjectDays", "1"}, "damaged.json"},
-        {"dangling.json", {"set", "staleProjectDays", "1"}, "dangling.json"},
-        {"sound.json", {"set", "staleProjectDays", "soon"}, "soon"},
-        {"sound.json", {"set", "staleProjectDays", "-5"}, "-5"},
-        {"sound.json", {"set", "staleProjectDays", "99999999999999999999"}, "staleProjectDays"},
-        {"sound.json", {"set", "includeNodeModules", "maybe"}, "maybe"},
-        {"sound.json", {"set", "colour", "red"}, "colour"},
-        {"sound.json", {"get", "colour"}, "excludedPaths"},
-        {"sound.json", {"add", "staleProjectDays", "1"}, "staleProjectDays"},
-        {"sound.json", {"add", "excludedPaths", "relative/path"}, "relative/path"},
-        {"sound.json", {"remove", "projectRoots", "~/b"}, "~/b"},
-        {"sound.json", {"frobnicate"}, "frobnicate"},
-    };
-    for (const auto &[file, arguments, named] : cases) {
-        std::vector<std::string> all{"settings", "--settings", (tree / file).path()};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        const auto run = runKlarbox(all);
-        EXPECT_EQ(run.exitCode, 2) << arguments.back();
-        EXPECT_THAT(run.error, AllOf(MatchesRegex("klarbox: [^\n]+\n"), HasSubstr(named)));
+    for (const auto &[file, action, named] : cases) {
+        const auto run =
+            runKlarbox(tree.root(), std::string("settings --settings ") + file + " " + action);
+        EXPECT_EQ(run.exitCode, 2) << action;
+        EXPECT_THAT(run.err, AllOf(MatchesRegex("klarbox: [^\n]+\n"), HasSubstr(named)));
     }
     EXPECT_EQ(manifest(tree.root()), before);
 }
