@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -22,37 +21,41 @@ namespace {
 using Result = PrivilegedRemovalResult;
 using enum SafetyViolation;
 
-/// Deletes for real, but fails for entries of these names; may do something before each deletion.
+/// Deletes for real, but fails for entries named "busy"; may do something before each deletion.
 class SelectiveRemover final : public ItemRemover {
 public:
-    explicit SelectiveRemover(std::set<std::string> failing = {},
-                              std::function<void(const FileURL &)> before = {})
-        : failing_(std::move(failing)),
-          before_(std::move(before)) {}
+    explicit SelectiveRemover(std::function<void(const FileURL &)> before = [](const FileURL &) {})
+        : before_(std::move(before)) {}
 
     void moveToTrash(const FileURL &) const override { throw PlatformError::posix(ENOTSUP); }
     void deletePermanently(const FileURL &url) const override {
-        if (before_) {
-            before_(url);
-        }
-        if (failing_.contains(std::string(url.lastComponent()))) {
+        before_(url);
+        if (url.lastComponent() == "busy") {
             throw PlatformError::posix(EBUSY);
         }
         SecureDeleter().deletePermanently(url);
     }
 
 private:
-    std::set<std::string> failing_;
     std::function<void(const FileURL &)> before_;
 };
 
-PrivilegedRequestHandler
-handlerOver(const TemporaryTree &disk,
-            std::shared_ptr<const ItemRemover> remover = std::make_shared<SecureDeleter>()) {
+PrivilegedRequestHandler handlerOver(const TemporaryTree &disk,
+                                     SelectiveRemover remover = SelectiveRemover()) {
     const auto roots = PrivilegedRoots::below(disk.root()).all();
     return {{roots.begin(), roots.end()},
             std::make_shared<SafetyGuard>(disk / "Users/ann"),
-            std::move(remover)};
+            std::make_shared<SelectiveRemover>(std::move(remover))};
+}
+
+Result removeItem(const TemporaryTree &disk, const std::string &path) {
+    return handlerOver(disk).handle(PrivilegedRequest::removeItem(path));
+}
+
+Result removeContents(const TemporaryTree &disk, const std::string &path,
+                      SelectiveRemover remover = SelectiveRemover()) {
+    return handlerOver(disk, std::move(remover))
+        .handle(PrivilegedRequest::removeContents((disk / path).path()));
 }
 
 Result removed(std::int64_t count, std::int64_t bytes) {
@@ -74,11 +77,8 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
     };
     const auto before = manifest(disk.root());
     const auto handler = handlerOver(disk);
-    const auto at = [&](const char *path) { return (disk / path).path(); };
-    const struct {
-        std::string path;
-        SafetyViolation violation;
-    } cases[] = {
+    const auto at = [&](const char *path) { return disk.root().path() + "/" + path; };
+    const std::pair<std::string, SafetyViolation> cases[] = {
         {"Library/Caches/app", notInsideRoot},
         {"", notInsideRoot},
         {"/", notInsideRoot},
@@ -90,7 +90,7 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
         {at("Users/ann/x"), notInsideRoot},
         {at("Library"), notInsideRoot},
         {at("Library/Caches"), isRoot},
-        {at("Library/Caches") + "/", isRoot},
+        {at("Library/Caches/"), isRoot},
         {at("Library/Caches/app/.."), isRoot},
         // In any letter case, as on a volume that does not tell the cases apart.
         {at("library/CACHES"), isRoot},
@@ -127,28 +127,23 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
         {"Library/Developer/CoreSimulator/Caches/dyld/23A/x", bytes(5000)},
         {"Users/ann/x", bytes(10)},
     };
-    const auto handler = handlerOver(disk);
     const auto outside = manifest(disk / "Users");
-    // Requested as written, found at its real place.
-    const struct {
-        const char *written;
-        const char *real;
-    } cases[] = {
+    // Requested as written; found at its real place where that is another.
+    const std::pair<const char *, const char *> cases[] = {
         {"Library/Caches/folder/", "Library/Caches/folder"},
-        {"Library/Caches/link", "Library/Caches/link"},
-        {"Library/Caches/\xff name", "Library/Caches/\xff name"},
-        {"Library/Logs/DiagnosticReports/a.ips", "Library/Logs/DiagnosticReports/a.ips"},
+        {"Library/Caches/link", ""},
+        {"Library/Caches/\xff name", ""},
+        {"Library/Logs/DiagnosticReports/a.ips", ""},
         {"Library//Logs/./install.log", "Library/Logs/install.log"},
         {"var/log/system.log.0.gz", "private/var/log/system.log.0.gz"},
-        {"Library/Developer/CoreSimulator/Caches/dyld/23A",
-         "Library/Developer/CoreSimulator/Caches/dyld/23A"},
+        {"Library/Developer/CoreSimulator/Caches/dyld/23A", ""},
     };
     for (const auto &[written, real] : cases) {
         SCOPED_TRACE(written);
-        const auto size = DiskUsage::allocatedSize(disk / real);
-        const auto path = disk.root().path() + "/" + written;
-        EXPECT_EQ(handler.handle(PrivilegedRequest::removeItem(path)), removed(1, size));
-        EXPECT_FALSE(FileManager::type(disk / real));
+        const auto place = disk / (*real == '\0' ? written : real);
+        const auto size = DiskUsage::allocatedSize(place);
+        EXPECT_EQ(removeItem(disk, disk.root().path() + "/" + written), removed(1, size));
+        EXPECT_FALSE(FileManager::type(place));
     }
     EXPECT_EQ(manifest(disk / "Users"), outside);
 }
@@ -156,54 +151,44 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
 TEST(PrivilegedRequestHandler, takesPathsUpToTheSystemsLimit) {
     for (const std::size_t length : {1023U, 1024U}) {
         const TemporaryTree disk;
-        std::string path = (disk / "Library/Caches").path();
-        while (path.size() < length - 200) {
+        std::string path = "Library/Caches";
+        const auto total = [&] { return disk.root().path().size() + 1 + path.size(); };
+        while (total() < length - 200) {
             path += "/" + std::string(100, 'd');
         }
-        path += "/" + std::string(length - path.size() - 1, 'f');
-        ASSERT_EQ(path.size(), length);
-        disk.add({path.substr(disk.root().path().size() + 1), bytes(100)});
-
-        const bool fits = length == 1023;
-        const auto size = DiskUsage::allocatedSize(FileURL(path));
-        EXPECT_EQ(handlerOver(disk).handle(PrivilegedRequest::removeItem(path)),
-                  fits ? removed(1, size) : Result::refused(notInsideRoot));
-        EXPECT_EQ(FileManager::exists(FileURL(path)), !fits);
+        path += "/" + std::string(length - total() - 1, 'f');
+        disk.add({path, bytes(100)});
+        const auto size = DiskUsage::allocatedSize(disk / path);
+        EXPECT_EQ(removeItem(disk, (disk / path).path()),
+                  length == 1023 ? removed(1, size) : Result::refused(notInsideRoot));
+        EXPECT_EQ(FileManager::exists(disk / path), length != 1023);
     }
 }
 
-TEST(PrivilegedRequestHandler, emptiesAFolderAndKeepsIt) {
+TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
     const TemporaryTree disk{
         {"Library/Caches/app/.hidden", bytes(5000)},
         {"Library/Caches/app/folder/x", bytes(5000)},
         {"Library/Caches/app/link", link("../../../Users/ann")},
         {"Library/Caches/other", bytes(10)},
+        {"Library/Caches/link", link("app")},
         {"Users/ann/x", bytes(10)},
     };
-    const auto request = PrivilegedRequest::removeContents((disk / "Library/Caches/app").path());
-    const auto size = DiskUsage::allocatedSize(disk / "Library/Caches/app/.hidden") +
-                      DiskUsage::allocatedSize(disk / "Library/Caches/app/folder") +
-                      DiskUsage::allocatedSize(disk / "Library/Caches/app/link");
-    const auto handler = handlerOver(disk);
-    EXPECT_EQ(handler.handle(request), removed(3, size));
-    EXPECT_EQ(handler.handle(request), Result{});
+    const auto before = manifest(disk.root());
+    for (const auto *path : {"Library/Caches/other", "Library/Caches/link"}) {
+        EXPECT_EQ(removeContents(disk, path), Result::failed("Not a folder"));
+    }
+    EXPECT_EQ(manifest(disk.root()), before);
+
+    const FileURL entries[] = {disk / "Library/Caches/app/.hidden",
+                               disk / "Library/Caches/app/folder",
+                               disk / "Library/Caches/app/link"};
+    const auto size = DiskUsage::allocatedSize(entries);
+    EXPECT_EQ(removeContents(disk, "Library/Caches/app"), removed(3, size));
+    EXPECT_EQ(removeContents(disk, "Library/Caches/app"), Result{});
     EXPECT_TRUE(FileManager::isDirectory(disk / "Library/Caches/app"));
     EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/other"));
     EXPECT_TRUE(FileManager::exists(disk / "Users/ann/x"));
-}
-
-TEST(PrivilegedRequestHandler, emptiesOnlyRealFolders) {
-    const TemporaryTree disk{
-        {"Library/Caches/file", bytes(10)},
-        {"Library/Caches/app/x", bytes(10)},
-        {"Library/Caches/link", link("app")},
-    };
-    const auto before = manifest(disk.root());
-    for (const auto *path : {"Library/Caches/file", "Library/Caches/link"}) {
-        EXPECT_EQ(handlerOver(disk).handle(PrivilegedRequest::removeContents((disk / path).path())),
-                  Result::failed("Not a folder"));
-    }
-    EXPECT_EQ(manifest(disk.root()), before);
 }
 
 TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
@@ -213,23 +198,11 @@ TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
         {"Library/Caches/app/.git/config", bytes(10)},
         {"Library/Caches/app/z", bytes(5000)},
     };
-    const auto size = DiskUsage::allocatedSize(disk / "Library/Caches/app/a") +
-                      DiskUsage::allocatedSize(disk / "Library/Caches/app/z");
-    const auto result =
-        handlerOver(disk, std::make_shared<SelectiveRemover>(std::set<std::string>{"busy"}))
-            .handle(PrivilegedRequest::removeContents((disk / "Library/Caches/app").path()));
-    EXPECT_EQ(result, (Result{.removedCount = 2,
-                              .failedCount = 2,
-                              .bytes = size,
-                              .refusal = insideGitDirectory,
-                              .error = PlatformError::posix(EBUSY).message()}));
-}
-
-TEST(PrivilegedRequestHandler, reportsAFailedRemoval) {
-    const TemporaryTree disk{{"Library/Caches/busy", bytes(10)}};
-    EXPECT_EQ(handlerOver(disk, std::make_shared<SelectiveRemover>(std::set<std::string>{"busy"}))
-                  .handle(PrivilegedRequest::removeItem((disk / "Library/Caches/busy").path())),
-              Result::failed(PlatformError::posix(EBUSY).message()));
+    const auto size = 2 * DiskUsage::allocatedSize(disk / "Library/Caches/app/a");
+    const auto busy = PlatformError::posix(EBUSY).message();
+    EXPECT_EQ(removeContents(disk, "Library/Caches/app"),
+              (Result{2, 2, size, insideGitDirectory, busy}));
+    EXPECT_EQ(removeItem(disk, (disk / "Library/Caches/app/busy").path()), Result::failed(busy));
 }
 
 TEST(PrivilegedRequestHandler, reportsAnUnreadableFolder) {
@@ -240,8 +213,7 @@ TEST(PrivilegedRequestHandler, reportsAnUnreadableFolder) {
         {"Library/Caches/app", directory(), {}, 0300},
         {"Library/Caches/app/x", bytes(10)},
     };
-    const auto result = handlerOver(disk).handle(
-        PrivilegedRequest::removeContents((disk / "Library/Caches/app").path()));
+    const auto result = removeContents(disk, "Library/Caches/app");
     EXPECT_EQ(result.failedCount, 1);
     EXPECT_NE(result.error.value_or("").find("permission"), std::string::npos);
     EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/app/x"));
@@ -254,17 +226,13 @@ TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwa
         {"Library/Caches/link", link("other")},
     };
     const auto other = manifest(disk / "Library/Caches/other");
-    std::atomic<int> deletions = 0;
-    const auto swap = [&](const FileURL &url) {
-        if (deletions++ == 0) {
-            std::filesystem::rename((disk / "Library/Caches/app").path(),
-                                    (disk / "Library/Caches/moved").path());
-            std::filesystem::rename((disk / "Library/Caches/link").path(), url.parent().path());
+    const auto swap = [caches = disk.root().path() + "/Library/Caches/"](const FileURL &) {
+        if (std::filesystem::exists(caches + "link")) {
+            std::filesystem::rename(caches + "app", caches + "moved");
+            std::filesystem::rename(caches + "link", caches + "app");
         }
     };
-    const auto result =
-        handlerOver(disk, std::make_shared<SelectiveRemover>(std::set<std::string>{}, swap))
-            .handle(PrivilegedRequest::removeContents((disk / "Library/Caches/app").path()));
+    const auto result = removeContents(disk, "Library/Caches/app", SelectiveRemover(swap));
     EXPECT_EQ(result.removedCount, 0);
     EXPECT_EQ(result.failedCount, 2);
     EXPECT_EQ(result.refusal, symlinkEscape);
@@ -277,19 +245,15 @@ TEST(PrivilegedRequestHandler, countsEveryEntryOnceWhenRequestsOverlap) {
         disk.add({"Library/Caches/app/" + std::to_string(i), bytes(1)});
     }
     const auto handler = handlerOver(disk);
-    std::atomic<std::int64_t> removedCount = 0;
+    const auto request = PrivilegedRequest::removeContents((disk / "Library/Caches/app").path());
+    std::atomic<std::int64_t> count = 0;
     {
-        std::vector<std::jthread> clients;
-        for (int client = 0; client < 4; ++client) {
-            clients.emplace_back([&] {
-                removedCount += handler
-                                    .perform(PrivilegedRequest::removeContents(
-                                        (disk / "Library/Caches/app").path()))
-                                    .removedCount;
-            });
+        std::vector<std::jthread> clients(4);
+        for (auto &client : clients) {
+            client = std::jthread([&] { count += handler.perform(request).removedCount; });
         }
     }
-    EXPECT_EQ(removedCount, 300);
+    EXPECT_EQ(count, 300);
     EXPECT_TRUE(std::filesystem::is_empty((disk / "Library/Caches/app").path()));
 }
 
