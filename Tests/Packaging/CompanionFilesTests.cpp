@@ -1,15 +1,11 @@
+#include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 #include "KlarboxKit/Scanning/ScanSettings.hpp"
 
-#include <array>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <memory>
+#include "Tests/Support/Programs.hpp"
+
 #include <regex>
 #include <set>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -25,29 +21,12 @@ using testing::IsSupersetOf;
 const std::string folder = KLARBOX_PACKAGING;
 const std::string klarbox = KLARBOX_PROGRAM;
 
-struct Said {
-    std::string text; ///< on standard output and standard error
-    int status;
-};
-
-Said shell(const std::string &command) {
-    std::FILE *pipe = ::popen((command + " 2>&1 </dev/null").c_str(), "r");
-    Said said{};
-    std::array<char, 4096> buffer{};
-    while (const auto got = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-        said.text.append(buffer.data(), got);
-    }
-    said.status = ::pclose(pipe);
-    return said;
-}
-
 bool hasTool(const std::string &name) {
-    return shell("command -v " + name).status == 0;
+    return shell("command -v " + name).exitCode == 0;
 }
 
 std::string contents(const std::string &file) {
-    std::ifstream in(folder + "/" + file);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return FileManager::contents(FileURL(folder + "/" + file));
 }
 
 /// Everything that the expression's first group matches.
@@ -61,27 +40,27 @@ std::set<std::string> matches(const std::string &text, const char *expression) {
 }
 
 std::set<std::string> options(const std::string &command) {
-    return matches(shell(klarbox + " " + command + " --help").text,
+    return matches(shell(klarbox + " " + command + " --help").out,
                    R"((?:^|\n)  (?:-\w,)?(--[a-z-]+))");
 }
 
+/// The commands that a command has.
 std::set<std::string> commands(const std::string &command) {
-    const auto help = shell(klarbox + " " + command + " --help").text;
+    const auto help = shell(klarbox + " " + command + " --help").out;
     const auto from = help.find("Subcommands:\n");
-    if (from == std::string::npos) {
-        return {};
-    }
-    return matches(help.substr(from, help.find("\n\n", from) - from), R"(\n  ([a-z]+) )");
+    return from == std::string::npos
+               ? std::set<std::string>()
+               : matches(help.substr(from, help.find("\n\n", from) - from), R"(\n  ([a-z]+) )");
 }
 
 /// What bash offers behind these words.
-std::set<std::string> bashCompletions(const std::vector<std::string> &words) {
+std::set<std::string> bashCompletions(const std::string &behind) {
     const auto said = shell(fmt::format(
         R"(bash -c '. {}/completions/klarbox.bash; COMP_WORDS=(klarbox {}); COMP_CWORD={}; )"
         R"(_klarbox; printf "%s\n" "${{COMPREPLY[@]}}"')",
-        folder, fmt::join(words, " "), words.size()));
-    EXPECT_EQ(said.status, 0) << said.text;
-    return matches(said.text, R"((\S+)\n)");
+        folder, behind, words(behind).size()));
+    EXPECT_EQ(said.exitCode, 0) << said.out;
+    return matches(said.out, R"((\S+)\n)");
 }
 
 std::string manual() {
@@ -106,7 +85,7 @@ TEST(CompanionFiles, knowEveryCommandAndOption) {
     for (const auto &[key, _] : settings.items()) {
         everything.insert(key);
     }
-    const std::vector<std::pair<const char *, std::string>> texts{
+    const std::pair<const char *, std::string> texts[] = {
         {"manual", manual()},
         {"bash", contents("completions/klarbox.bash")},
         {"zsh", contents("completions/_klarbox")},
@@ -124,47 +103,42 @@ TEST(CompanionFiles, knowEveryCommandAndOption) {
 }
 
 TEST(CompanionFiles, completeInBash) {
-    EXPECT_EQ(bashCompletions({"scan", "--"}), options("scan"));
-    EXPECT_EQ(bashCompletions({"clean", "--yes", "--"}), options("clean"));
-    EXPECT_EQ(bashCompletions({"settings", "--"}), options("settings"));
-    EXPECT_EQ(bashCompletions({"--"}), options(""));
-    EXPECT_THAT(bashCompletions({"''"}), IsSupersetOf(commands("")));
-    EXPECT_THAT(bashCompletions({"settings", "''"}), IsSupersetOf(commands("settings")));
-    using Words = std::vector<std::string>;
-    const std::vector<std::pair<Words, std::set<std::string>>> cases{
-        {{"clean", "--category", "system"},
-         {"system-caches", "system-crash-reports", "system-logs"}},
-        {{"clean", "--color", "''"}, {"auto", "always", "never"}},
-        {{"clean", "--item", "''"}, {}},
-        {{"settings", "add", "''"}, {"projectRoots", "excludedPaths"}},
-        {{"settings", "set", "includeNodeModules", "''"}, {"true", "false"}},
-        {{"clean", "--environment", folder + "/debian/co"},
+    for (const std::string command : {"", "scan ", "clean --yes ", "settings "}) {
+        EXPECT_EQ(bashCompletions(command + "--"), options(command)) << command;
+    }
+    EXPECT_THAT(bashCompletions("\"\""), IsSupersetOf(commands("")));
+    EXPECT_THAT(bashCompletions("settings \"\""), IsSupersetOf(commands("settings")));
+    using Words = std::set<std::string>;
+    const std::pair<std::string, Words> cases[] = {
+        {"clean --category system", {"system-caches", "system-crash-reports", "system-logs"}},
+        {"clean --color \"\"", {"auto", "always", "never"}},
+        {"clean --item \"\"", {}},
+        {"settings add \"\"", {"projectRoots", "excludedPaths"}},
+        {"settings set includeNodeModules \"\"", {"true", "false"}},
+        {"clean --environment " + folder + "/debian/co",
          {folder + "/debian/conffiles", folder + "/debian/copyright"}},
-        {{"settings", "add", "excludedPaths", folder + "/comp"}, {folder + "/completions"}},
+        {"settings add excludedPaths " + folder + "/comp", {folder + "/completions"}},
     };
-    for (const auto &[words, expected] : cases) {
-        EXPECT_EQ(bashCompletions(words), expected) << fmt::format("{}", fmt::join(words, " "));
+    for (const auto &[behind, expected] : cases) {
+        EXPECT_EQ(bashCompletions(behind), expected) << behind;
     }
 }
 
 TEST(CompanionFiles, areSoundToTheProgramsThatReadThem) {
-    const std::vector<std::pair<const char *, std::string>> checks{
-        {"bash", "bash -n " + folder + "/completions/klarbox.bash"},
-        {"zsh", "zsh -n " + folder + "/completions/_klarbox"},
-        {"fish", "fish -n " + folder + "/completions/klarbox.fish"},
-        {"groff", "groff -man -Tutf8 -ww -z " + folder + "/man/klarbox.1"},
-        {"groff", "groff -man -Tutf8 -ww -z " + folder + "/man/KlarboxHelper.8"},
-        {"sh", "for script in postinst prerm postrm; do sh -n " + folder + "/debian/$script; done"},
-    };
     std::set<std::string> missing;
-    for (const auto &[tool, command] : checks) {
+    for (const std::string command :
+         {"bash -n completions/klarbox.bash", "zsh -n completions/_klarbox",
+          "fish -n completions/klarbox.fish", "groff -man -Tutf8 -ww -z man/klarbox.1",
+          "groff -man -Tutf8 -ww -z man/KlarboxHelper.8", "sh -n debian/postinst",
+          "sh -n debian/prerm", "sh -n debian/postrm"}) {
+        const auto tool = words(command).front();
         if (!hasTool(tool)) {
             missing.insert(tool);
             continue;
         }
-        const auto said = shell(command);
-        EXPECT_EQ(said.status, 0) << command;
-        EXPECT_THAT(said.text, IsEmpty()) << command;
+        const auto said = shell("cd " + folder + "; " + command);
+        EXPECT_EQ(said.exitCode, 0) << command;
+        EXPECT_THAT(said.out, IsEmpty()) << command;
     }
     if (!missing.empty()) {
         GTEST_SKIP() << fmt::format("not installed: {}", fmt::join(missing, ", "));
@@ -177,10 +151,10 @@ TEST(CompanionFiles, exposeLittleOfTheSystemToTheHelper) {
     }
     const auto unit = folder + "/systemd/app.klarbox.Klarbox.SystemHelper.service";
     const auto said = shell("systemd-analyze security --offline=true --threshold=20 " + unit);
-    EXPECT_EQ(said.status, 0) << said.text;
-    for (const char *isKept : {"✓ PrivateNetwork=", "✓ PrivateTmp=", "✓ NoNewPrivileges=",
+    EXPECT_EQ(said.exitCode, 0) << said.out;
+    for (const auto *isKept : {"✓ PrivateNetwork=", "✓ PrivateTmp=", "✓ NoNewPrivileges=",
                                "✓ SystemCallFilter=~@privileged", "✓ PrivateDevices="}) {
-        EXPECT_THAT(said.text, HasSubstr(isKept));
+        EXPECT_THAT(said.out, HasSubstr(isKept));
     }
 }
 
