@@ -2,17 +2,15 @@
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include "Tests/EndToEnd/World.hpp"
+#include "Tests/Support/TemporaryTree.hpp"
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <random>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 namespace klarbox::test {
@@ -23,18 +21,6 @@ using testing::Not;
 
 constexpr int served = 0;
 constexpr int turnedAway = 3;
-
-/// Replaces one text in a file by another of the same length.
-void patch(const std::string &path, const std::string &text, const std::string &replacement) {
-    ASSERT_EQ(text.size(), replacement.size());
-    auto content = readFile(path);
-    const auto at = content.find(text);
-    ASSERT_NE(at, std::string::npos) << path;
-    for (auto next = at; next != std::string::npos; next = content.find(text, next)) {
-        content.replace(next, text.size(), replacement);
-    }
-    writeFile(path, content, 0755);
-}
 
 /// Why the program's signature is not accepted, or who it is.
 std::string whatIsWrongWith(const std::string &program) {
@@ -64,88 +50,45 @@ protected:
 };
 
 TEST_F(Peers, areServedOnlyWhenSignedAsTheApplication) {
-    struct Case {
+    // What a shell does with $f, a copy of the client $a.
+    const struct {
         const char *what;
-        std::function<void(const std::string &)> prepare; ///< given a copy of the client
-        std::string reason;
-    };
-    const auto signedBy = [](const std::string &authority, const std::string &file,
-                             std::vector<std::string> options = {}) {
-        options.insert(options.end(), {"--authority", authority});
-        sign(file, options);
-    };
-    const std::vector<Case> cases{
-        {"no signature", [](const auto &) {}, "There is no signature"},
-        {"an empty one", [](const auto &file) { writeFile(file + ".cms", ""); }, "no CMS message"},
-        {"noise", [](const auto &file) { writeFile(file + ".cms", "0\x82\x01\x01 noise"); },
-         "no CMS message"},
-        {"another program's",
-         [&](const auto &file) { std::filesystem::copy_file(helperPath_ + ".cms", file + ".cms"); },
-         "is not valid"},
-        {"a longer one",
-         [&](const auto &file) {
-             writeFile(file + ".cms", readFile(application_ + ".cms") + "more");
-         },
-         "no CMS message"},
-        {"a link to the right one",
-         [&](const auto &file) {
-             std::filesystem::create_symlink(application_ + ".cms", file + ".cms");
-         },
-         "There is no signature"},
-        {"a pipe", [](const auto &file) { ASSERT_EQ(::mkfifo((file + ".cms").c_str(), 0666), 0); },
-         "There is no signature"},
-        {"another team",
-         [](const auto &file) {
-             sign(file, {"--team", "AAAAAAAAAA"});
-         },
-         "app.klarbox.Klarbox of AAAAAAAAAA"},
-        {"another authority", [&](const auto &file) { signedBy("/tmp/other", file); },
+        const char *preparation;
+        const char *reason;
+    } cases[] = {
+        {"no signature", "", "There is no signature"},
+        {"an empty one", ": >$f.cms", "no CMS message"},
+        {"noise", R"(printf '0\202\1\1 noise' >$f.cms)", "no CMS message"},
+        {"another program's", "cp KlarboxHelper.cms $f.cms", "is not valid"},
+        {"a longer one", "(cat $a.cms; echo more) >$f.cms", "no CMS message"},
+        {"a link to the right one", "ln -s $a.cms $f.cms", "There is no signature"},
+        {"a pipe", "mkfifo -m 666 $f.cms", "There is no signature"},
+        {"another team", "$sign --team AAAAAAAAAA $f", "app.klarbox.Klarbox of AAAAAAAAAA"},
+        {"another authority", "$sign --authority /tmp/other $f",
          "unable to get local issuer certificate"},
-        {"another identifier",
-         [](const auto &file) {
-             patch(file, "app.klarbox.Klarbox<", "app.klarbox.Klarbax<");
-             sign(file);
-         },
+        {"another identifier", "sed -i 's/Klarbox</Klarbax</' $f; $sign $f",
          "app.klarbox.Klarbax of K7L4R9B0X2"},
-        {"no identifier",
-         [](const auto &file) {
-             patch(file, "__info_plist", "__info_plisd");
-             sign(file);
-         },
+        {"no identifier", "sed -i 's/__info_plist/__info_plisd/' $f; $sign $f",
          "no information property list"},
-        {"one byte changed after signing",
-         [](const auto &file) {
-             sign(file);
-             patch(file, "usage: packet-client", "usage: packet-cliend");
-         },
+        {"one byte changed after signing", "$sign $f; sed -i 's/usage: /usage; /' $f",
          "is not valid"},
-        {"a byte appended after signing",
-         [](const auto &file) {
-             sign(file);
-             std::ofstream(file, std::ios::app) << "x";
-         },
-         "is not valid"},
+        {"a byte appended after signing", "$sign $f; printf x >>$f", "is not valid"},
         {"an expired certificate",
-         [&](const auto &file) {
-             std::filesystem::copy("/tmp/authority", "/tmp/expired");
-             std::filesystem::remove("/tmp/expired/signer-K7L4R9B0X2.pem");
-             signedBy("/tmp/expired", file, {"--days", "0"});
-             std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-         },
+         "cp -r /tmp/authority /tmp/expired; rm /tmp/expired/signer-K7L4R9B0X2.pem; "
+         "$sign --authority /tmp/expired --days 0 $f; sleep 1.1",
          "certificate has expired"},
-        {"an anchor that is gone",
-         [](const auto &file) {
-             sign(file);
-             std::filesystem::rename("/etc/klarbox/anchors/test.pem", "/tmp/test.pem");
-         },
+        {"an anchor that is gone", "$sign $f; mv /etc/klarbox/anchors/test.pem /tmp",
          "unable to get local issuer certificate"},
     };
     startHelper();
     int number = 0;
-    for (const auto &[what, prepare, reason] : cases) {
+    for (const auto &[what, preparation, reason] : cases) {
         SCOPED_TRACE(what);
         const auto program = install("packet-client", "copy-" + std::to_string(++number));
-        prepare(program);
+        const auto prepared =
+            shell("set -e; export LC_ALL=C; cd /opt/klarbox; a=" + application_ + "; f=" + program +
+                  "; sign='/source/Packaging/sign --authority /tmp/authority'; " + preparation);
+        ASSERT_EQ(prepared.exitCode, 0) << prepared.out;
         EXPECT_EQ(asks(program), turnedAway);
         EXPECT_THAT(whatIsWrongWith(program), HasSubstr(reason));
     }
@@ -161,29 +104,27 @@ TEST_F(Peers, areTheProcessesThatConnectedAndNoOthers) {
     sign(python);
     const auto script = "/opt/klarbox/script";
     writeFile(script,
-              "#!/opt/klarbox/python\n"
-              "import socket, sys\n"
-              "s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)\n"
-              "s.connect('" +
-                  std::string(serviceSocket) +
-                  "')\n"
-                  "s.send(b'" +
-                  removeItem + "\\0" + victim +
-                  "')\n"
-                  "try: sys.exit(0 if s.recv(65536) else 3)\n"
-                  "except ConnectionResetError: sys.exit(3)\n",
+              fmt::format(R"(#!/opt/klarbox/python
+import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+s.connect('{}')
+s.send(b'{}\0{}')
+try: sys.exit(0 if s.recv(65536) else 3)
+except ConnectionResetError: sys.exit(3)
+)",
+                          serviceSocket, removeItem, victim),
               0755);
     sign(script);
     startHelper();
-    const std::vector<std::pair<const char *, std::vector<std::string>>> cases{
-        {"a signed script that a signed interpreter runs", {script}},
-        {"a child of a verified process", {application_, "child", victim}},
-        {"a child of a process that ended", {application_, "orphan", victim}},
+    const std::pair<const char *, std::string> cases[] = {
+        {"a signed script that a signed interpreter runs", script},
+        {"a child of a verified process", application_ + " child stays " + victim},
+        {"a child of a process that ended", application_ + " child ends " + victim},
         {"a process that became a genuine client after it asked",
-         {unsignedClient, "disguise", victim, genuine}},
+         unsignedClient + " child becomes " + victim + " " + genuine},
     };
-    for (const auto &[what, arguments] : cases) {
-        EXPECT_EQ(outcomeOf({.arguments = arguments}), turnedAway) << what;
+    for (const auto &[what, command] : cases) {
+        EXPECT_EQ(outcomeOf({.arguments = words(command)}), turnedAway) << what;
     }
     EXPECT_EQ(asks(application_), served);
 }
@@ -196,10 +137,12 @@ TEST_F(Peers, thatAreInstalledClientsMustHaveTheGroup) {
     sign(genuine);
     makeClientGroup();
     startHelper();
+    const auto started = [&](const char *mode, std::optional<gid_t> group) {
+        return Launch{.arguments = {genuine, mode}, .user = ann, .effectiveGroup = group};
+    };
     const auto asks = [&](std::optional<gid_t> group) {
         writeFile(victim, "x");
-        Running client(
-            {.arguments = {genuine, "removeItem"}, .user = ann, .effectiveGroup = group});
+        Running client(started("removeItem", group));
         client.writeLine(victim);
         const auto outcome = client.finish();
         EXPECT_EQ(exists(victim), outcome.exitCode != 0) << outcome.err;
@@ -216,44 +159,16 @@ TEST_F(Peers, thatAreInstalledClientsMustHaveTheGroup) {
     const std::string library =
         std::filesystem::canonical(libc.dli_fname).replace_filename("libutil.so.1");
     ASSERT_TRUE(exists(library));
-    const Launch launch{.arguments = {genuine, "wait"},
-                        .user = ann,
-                        .effectiveGroup = clientGroup,
-                        .environment = {"LD_PRELOAD=" + library}};
+    auto launch = started("wait", clientGroup);
+    launch.environment = {"LD_PRELOAD=" + library};
     const Running client(launch);
     const auto folder = "/proc/" + std::to_string(client.pid());
-    const auto mayLook = [&] {
-        return run({.arguments = {"/usr/bin/cat", folder + "/environ"}, .user = ann}).exitCode == 0;
-    };
     ASSERT_TRUE(eventually([&] { return readFile(folder + "/cmdline").starts_with(genuine); }));
     EXPECT_TRUE(eventually([&] { return !readFile(folder + "/maps").empty(); }));
-    EXPECT_FALSE(mayLook());
+    const Launch look{.arguments = {"/usr/bin/cat", folder + "/environ"}, .user = ann};
+    EXPECT_NE(run(look).exitCode, 0);
     EXPECT_THAT(readFile(folder + "/maps"), Not(HasSubstr(library)));
 }
-
-/// Overwrites the last occurrence of a text in a file back and forth for as long as it lives.
-class Flicker {
-public:
-    Flicker(const std::string &path, const std::string &text, const std::string &replacement)
-        : thread_([=](const std::stop_token &stop) {
-              const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-              const auto at = static_cast<off_t>(readFile(path).rfind(text));
-              const auto size = static_cast<ssize_t>(text.size());
-              std::minstd_rand random;
-              // From much shorter to somewhat longer than a verification takes.
-              std::uniform_int_distribution<long> pause(0, 16'000);
-              while (!stop.stop_requested()) {
-                  for (const auto &written : {replacement, text}) {
-                      EXPECT_EQ(::pwrite(fd, written.data(), written.size(), at), size);
-                      std::this_thread::sleep_for(std::chrono::microseconds(pause(random)));
-                  }
-              }
-              ::close(fd);
-          }) {}
-
-private:
-    std::jthread thread_;
-};
 
 TEST_F(Peers, areWhatWasVerifiedAlsoWhenTheirFilesChangeMeanwhile) {
     const auto path = install("helper-client", "flickering");
@@ -261,12 +176,25 @@ TEST_F(Peers, areWhatWasVerifiedAlsoWhenTheirFilesChangeMeanwhile) {
     const auto genuine = Code::at(FileURL(path)).signingInformation({});
     ASSERT_EQ(genuine.identifier, "app.klarbox.Klarbox");
     ASSERT_TRUE(genuine.isXPCClient);
-    const std::vector<std::pair<std::string, std::string>> changes{
+    const std::pair<std::string, std::string> changes[] = {
         {"app.klarbox.Klarbox<", "app.klarbox.Klarbax<"}, {"__xpc_client", "__xpc_clienx"}};
     for (const auto &[text, replacement] : changes) {
+        // Goes back and forth between the two while the file is verified.
+        const std::jthread flicker([&](const std::stop_token &stop) {
+            const UniqueFD file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+            const auto at = static_cast<off_t>(readFile(path).rfind(text));
+            std::minstd_rand random;
+            // From much shorter to somewhat longer than a verification takes.
+            std::uniform_int_distribution<long> pause(0, 16'000);
+            while (!stop.stop_requested()) {
+                for (const auto &written : {replacement, text}) {
+                    check(::pwrite(file.get(), written.data(), written.size(), at) > 0, path);
+                    std::this_thread::sleep_for(std::chrono::microseconds(pause(random)));
+                }
+            }
+        });
         int verified = 0;
         int rejected = 0;
-        const Flicker flicker(path, text, replacement);
         EXPECT_TRUE(eventually([&] {
             try {
                 EXPECT_EQ(Code::at(FileURL(path)).signingInformation({}), genuine);

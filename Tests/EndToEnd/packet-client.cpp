@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -55,8 +56,23 @@ std::string packet(std::string_view selector, std::string_view path) {
     return std::string(selector) + '\0' + std::string(path);
 }
 
-bool sent(int fd, std::string_view bytes) {
-    return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0;
+/// Sends one packet, with a descriptor attached if one is given.
+bool sent(int fd, std::string_view bytes, int attachment = -1) {
+    iovec data{const_cast<char *>(bytes.data()), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof attachment)]{};
+    msghdr message{};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    if (attachment >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        auto *header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof attachment);
+        std::memcpy(CMSG_DATA(header), &attachment, sizeof attachment);
+    }
+    return ::sendmsg(fd, &message, MSG_NOSIGNAL) >= 0;
 }
 
 /// The next packet; false when the helper ended the connection.
@@ -97,44 +113,23 @@ int ask(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// A packet with a descriptor attached.
-bool sentWithAttachment(int fd, std::string_view bytes, int attachment) {
-    iovec data{const_cast<char *>(bytes.data()), bytes.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof attachment)]{};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    auto *header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof attachment);
-    std::memcpy(CMSG_DATA(header), &attachment, sizeof attachment);
-    return ::sendmsg(fd, &message, MSG_NOSIGNAL) >= 0;
-}
-
-/// Sends what is no message, or not the way messages are sent.
+/// Sends what is no message, or not the way messages are sent; nothing if that is unknown.
 void misbehave(int fd, std::string_view how) {
-    if (how == "garbage") {
-        std::string noise(1000, '\0');
-        for (std::size_t i = 0; i < noise.size(); ++i) {
-            noise[i] = static_cast<char>(i * 37 + 11);
-        }
-        sent(fd, noise);
-    } else if (how == "oversized") {
-        sent(fd, packet(removeItem, "/" + std::string(4096, 'a')));
-    } else if (how == "attachment") {
-        sentWithAttachment(fd, packet(removeItem, "/Library/Caches/none"), fd);
-    } else if (how == "vanish") {
-        sent(fd, packet(removeItem, "/Library/Caches/none"));
+    static const auto question = packet(removeItem, "/Library/Caches/none");
+    static const std::map<std::string_view, std::string> packets{
+        {"garbage", std::string(1000, '\xe5') + packet("\x7f", "\x01")},
+        {"oversized", packet(removeItem, "/" + std::string(4096, 'a'))},
+        {"attachment", question},
+        {"vanish", question},
+        {"empty", ""},
+        {"selector", packet("removeEverything:withReply:", "/Library/Caches/none")},
+        {"unended", removeItem},
+    };
+    if (const auto found = packets.find(how); found != packets.end()) {
+        sent(fd, found->second, how == "attachment" ? fd : -1);
+    }
+    if (how == "vanish") {
         ::shutdown(fd, SHUT_RDWR);
-    } else if (how == "empty") {
-        sent(fd, "");
-    } else if (how == "selector") {
-        sent(fd, packet("removeEverything:withReply:", "/Library/Caches/none"));
-    } else if (how == "unended") {
-        sent(fd, removeItem);
     }
 }
 
@@ -187,7 +182,7 @@ int impostor(const std::vector<std::string> &arguments) {
     std::fflush(stdout);
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     std::string told;
-    sentWithAttachment(fd, "welcome", executable);
+    sent(fd, "welcome", executable);
     received(fd, told);
     std::printf("%zu\n", told.size());
     return served;
@@ -229,7 +224,8 @@ int stress(const std::vector<std::string> &arguments) {
 }
 
 /// Removes small files one by one on one connection, or asks for what is refused when their folder
-/// is outside the helper's; prints the median and the longest round trip in microseconds.
+/// is outside the helper's, with a pause after each; prints the median and the longest round trip
+/// in microseconds.
 int latency(const std::vector<std::string> &arguments) {
     const int fd = connected();
     const bool isServed = arguments[1].starts_with("/Library/");
@@ -249,8 +245,7 @@ int latency(const std::vector<std::string> &arguments) {
         if (i > 0) {
             times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(taken).count());
         }
-        std::this_thread::sleep_for(
-            std::chrono::milliseconds(arguments.size() > 2 ? std::atoi(arguments[2].c_str()) : 0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
     }
     std::ranges::sort(times);
     std::printf("%ld %ld\n", times[times.size() / 2], times.back());
@@ -274,77 +269,51 @@ int repeat(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// The process that connected ends at once; a child that kept the connection goes on.
-int orphan(const std::vector<std::string> &arguments) {
-    int exitCode[2];
-    if (::pipe(exitCode) != 0) {
-        return failed;
-    }
-    const pid_t grandparent = ::fork();
-    if (grandparent == 0) {
-        const int fd = connected();
-        if (::fork() != 0) {
-            ::_exit(0);
-        }
-        sent(fd, packet(removeItem, arguments[0]));
-        const char outcome = static_cast<char>(printReply(fd));
-        ::_exit(::write(exitCode[1], &outcome, 1) == 1 ? 0 : 1);
-    }
-    ::waitpid(grandparent, nullptr, 0);
-    char outcome = 0;
-    return ::read(exitCode[0], &outcome, 1) == 1 ? outcome : failed;
-}
-
-/// A verified process hands its connection to a child, which was not looked at.
+/// A process connects, and a child of it, which was not looked at, asks and reports what it got.
+/// The process itself stays, ends, or, having asked, becomes another program before anyone looks.
 int child(const std::vector<std::string> &arguments) {
-    const int fd = connected();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        sent(fd, packet(removeItem, arguments[0]));
-        const int outcome = printReply(fd);
-        std::fflush(stdout);
-        ::_exit(outcome);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WEXITSTATUS(status);
-}
-
-/// Connects, asks, and becomes another program before anyone looks; a child that kept the
-/// connection sees whether that was believed.
-int disguise(const std::vector<std::string> &arguments) {
-    int ready[2];
-    if (::pipe(ready) != 0) {
+    const auto &fate = arguments[0];
+    const auto question = packet(removeItem, arguments[1]);
+    int report[2];
+    if (::pipe(report) != 0) {
         return failed;
     }
-    const pid_t disguised = ::fork();
-    if (disguised == 0) {
+    const pid_t parent = ::fork();
+    if (parent == 0) {
         const int fd = connected(0);
-        sent(fd, packet(removeItem, arguments[0]));
-        if (::fork() == 0) {
-            const char outcome = static_cast<char>(printReply(fd));
-            std::fflush(stdout);
-            ::_exit(::write(ready[1], &outcome, 1) == 1 ? 0 : 1);
+        if (fate == "becomes") {
+            sent(fd, question);
         }
-        ::close(ready[1]);
-        ::execl(arguments[1].c_str(), arguments[1].c_str(), "wait", nullptr);
+        if (::fork() == 0) {
+            if (fate != "becomes") {
+                sent(fd, question);
+            }
+            const char outcome = static_cast<char>(printReply(fd));
+            ::_exit(::write(report[1], &outcome, 1) == 1 ? 0 : 1);
+        }
+        ::close(report[1]);
+        if (fate == "becomes") {
+            ::execl(arguments[2].c_str(), arguments[2].c_str(), "wait", nullptr);
+        } else if (fate == "stays") {
+            ::pause();
+        }
         ::_exit(failed);
     }
-    ::close(ready[1]);
+    ::close(report[1]);
     char outcome = failed;
-    const bool told = ::read(ready[0], &outcome, 1) == 1;
-    ::kill(disguised, SIGKILL);
-    ::waitpid(disguised, nullptr, 0);
-    return told ? outcome : failed;
+    const bool isTold = ::read(report[0], &outcome, 1) == 1;
+    ::kill(parent, SIGKILL);
+    ::waitpid(parent, nullptr, 0);
+    return isTold ? outcome : failed;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
     const std::map<std::string_view, std::function<int(const std::vector<std::string> &)>> modes{
-        {"ask", ask},       {"raw", raw},           {"hostile", hostile},  {"silent", silent},
-        {"stress", stress}, {"latency", latency},   {"repeat", repeat},    {"orphan", orphan},
-        {"child", child},   {"disguise", disguise}, {"impostor", impostor}};
+        {"ask", ask},       {"raw", raw},       {"hostile", hostile},
+        {"silent", silent}, {"stress", stress}, {"latency", latency},
+        {"repeat", repeat}, {"child", child},   {"impostor", impostor}};
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         std::fputs("usage: packet-client MODE [ARGUMENT…]\n", stderr);
@@ -356,6 +325,6 @@ int main(int argc, char **argv) {
             argument.replace(at, 3, 1, '\0');
         }
     }
-    arguments.resize(std::max<std::size_t>(arguments.size(), 1));
+    arguments.resize(std::max<std::size_t>(arguments.size(), 3));
     return mode->second(arguments);
 }
