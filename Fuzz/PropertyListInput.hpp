@@ -1,12 +1,10 @@
 #pragma once
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/PropertyList.hpp"
 
-#include <string_view>
 #include <vector>
 
-#include "Fuzz/Require.hpp"
+#include "Fuzz/Target.hpp"
 
 namespace klarbox::fuzz {
 
@@ -33,14 +31,10 @@ inline void visit(const PropertyList &list) {
     }
 }
 
-/// Reads a list and looks at all of it. Throwing anything but `PlatformError` is a finding.
+/// Reads a list and looks at all of it.
 template <typename Parse>
 void readPropertyList(const Parse &parse) {
-    try {
-        visit(parse());
-    } catch (const PlatformError &error) {
-        require(!error.message().empty(), "an error says what is wrong");
-    }
+    tryTo([&] { visit(parse()); });
 }
 
 } // namespace klarbox::fuzz

@@ -1,15 +1,10 @@
 #include "KlarboxCLI/EnvironmentFile.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
-#include <cstddef>
+#include "Fuzz/Target.hpp"
 
-#include "Fuzz/Require.hpp"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    using namespace klarbox;
-    const std::string_view json(reinterpret_cast<const char *>(data), size);
+void klarbox::fuzz::run(std::string_view json) {
     const auto none = [](std::string_view) { return std::nullopt; };
-    try {
+    tryTo([&] {
         const auto environment = environmentFromFile(json, {.runningBundleIDs = {},
                                                             .runningCommandLines = {},
                                                             .installedAppName = none,
@@ -18,12 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                                                             .locateTool = none,
                                                             .runner = nullptr});
         const auto tool = environment.locateTool("brew");
-        fuzz::require(!tool || json.find("brew") != std::string_view::npos ||
-                          json.find('\\') != std::string_view::npos,
-                      "no tool is made up");
+        require(!tool || json.find("brew") != json.npos || json.find('\\') != json.npos,
+                "no tool is made up");
         environment.installedAppName("com.example.app");
-    } catch (const PlatformError &error) {
-        fuzz::require(!error.message().empty(), "an error says what is wrong");
-    }
-    return 0;
+    });
 }

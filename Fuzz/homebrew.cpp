@@ -2,17 +2,14 @@
 
 #include <algorithm>
 
-#include "Fuzz/Require.hpp"
+#include "Fuzz/Target.hpp"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    using namespace klarbox;
-    const std::string_view output(reinterpret_cast<const char *>(data), size);
+void klarbox::fuzz::run(std::string_view output) {
     const auto estimate = HomebrewScanner::parseKlarboxEstimate(output);
-    fuzz::require(!estimate || *estimate >= 0, "nothing frees less than nothing");
-    fuzz::require(std::ranges::all_of(HomebrewScanner::unremovableKegs(output),
-                                      [&](const FileURL &keg) {
-                                          return output.find(keg.path()) != std::string_view::npos;
-                                      }),
-                  "folders are named as they are written");
-    return 0;
+    require(!estimate || *estimate >= 0, "nothing frees less than nothing");
+    require(std::ranges::all_of(HomebrewScanner::unremovableKegs(output),
+                                [&](const FileURL &keg) {
+                                    return output.find(keg.path()) != std::string_view::npos;
+                                }),
+            "folders are named as they are written");
 }

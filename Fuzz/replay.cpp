@@ -1,15 +1,13 @@
 // Runs a fuzz target once for every file of the folders that it is given: what a fuzzer found
 // before must not come back, whichever compiler is at hand.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+#include "Fuzz/Target.hpp"
 
 int main(int count, char **arguments) {
     namespace fs = std::filesystem;
@@ -23,10 +21,10 @@ int main(int count, char **arguments) {
     for (const auto &file : files) {
         std::fprintf(stderr, "%s\n", file.c_str()); // so that a crash tells its input
         std::ifstream stream(file, std::ios::binary);
-        const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});
-        // A copy of exactly that size lets sanitizers see every byte read beyond it.
-        const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
-        LLVMFuzzerTestOneInput(input.data(), input.size());
+        std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});
+        // With no room to spare sanitizers see every byte read beyond the input.
+        bytes.shrink_to_fit();
+        klarbox::fuzz::run({bytes.data(), bytes.size()});
     }
     return files.empty() ? 1 : 0;
 }

@@ -3,105 +3,83 @@
 #include "KlarboxKit/Helper/HelperService.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
+#include "Tests/Support/TemporaryTree.hpp"
+
+#include <algorithm>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Fuzz/Require.hpp"
+#include "Fuzz/Target.hpp"
 
 namespace {
 
 using namespace klarbox;
-namespace fs = std::filesystem;
+using fuzz::require;
 
-class World {
-public:
-    World() {
-        auto name = (fs::temp_directory_path() / "klarbox-fuzz.XXXXXX").string();
-        fuzz::require(::mkdtemp(name.data()) != nullptr, "a folder is made");
-        disk_ = fs::canonical(name);
-        for (const auto *path : {"Library/Caches/app/.git/x", "Library/Caches/App 2/x",
-                                 "Library/Logs/x.log", "Users/ann/Documents/x"}) {
-            fs::create_directories((disk_ / path).parent_path());
-            std::ofstream(disk_ / path) << path;
-        }
-        fs::create_symlink("../../Users/ann", disk_ / "Library/Caches/out");
-        fs::create_symlink("Caches", disk_ / "Library/Again");
-    }
-    ~World() {
-        std::error_code ignored;
-        fs::remove_all(disk_, ignored);
-    }
-    World(const World &) = delete;
-    World &operator=(const World &) = delete;
+const test::TemporaryTree &disk() {
+    static const test::TemporaryTree tree{
+        {"Library/Caches/app/.git/x", test::bytes(1)},
+        {"Library/Caches/App 2/x", test::bytes(1)},
+        {"Library/Logs/x.log", test::bytes(1)},
+        {"Users/ann/Documents/x", test::bytes(1)},
+        {"Library/Caches/out", test::link("../../Users/ann")},
+        {"Library/Again", test::link("Caches")},
+    };
+    return tree;
+}
 
-    std::string path(std::string_view below) const { return disk_.string() + std::string(below); }
-    std::vector<FileURL> roots() const {
-        return {FileURL(path("/Library/Caches"), true), FileURL(path("/Library/Logs"), true)};
-    }
-
-private:
-    fs::path disk_;
-};
-
-const World &world() {
-    static const World world;
-    return world;
+std::vector<FileURL> roots() {
+    return {disk() / "Library/Caches", disk() / "Library/Logs"};
 }
 
 class Witness final : public ItemRemover {
 public:
     void moveToTrash(const FileURL &) const override {
-        fuzz::require(false, "nothing goes to the Trash");
+        require(false, "nothing goes to the Trash");
     }
     void deletePermanently(const FileURL &url) const override {
         const auto folder = FileManager::realPath(url.parent().path());
-        fuzz::require(folder && FileManager::type(url), "what is removed is there");
+        require(folder && FileManager::type(url), "what is removed is there");
         const auto real = *folder + "/" + std::string(url.lastComponent());
-        bool isInside = false;
-        for (const auto &root : world().roots()) {
-            isInside = isInside || real.starts_with(root.path() + "/");
-        }
-        fuzz::require(isInside && !url.path().ends_with("/.."), "it lies below a root");
-        fuzz::require((real + "/").find("/.git/") == std::string::npos, "it is no history");
+        const bool isInside = std::ranges::any_of(
+            roots(), [&](const FileURL &root) { return real.starts_with(root.path() + "/"); });
+        require(isInside && !url.path().ends_with("/.."), "it lies below a root");
+        require((real + "/").find("/.git/") == std::string::npos, "it is no history");
     }
 };
 
 XPCInterface interface() {
     const PrivilegedRequestHandler handler(
-        world().roots(), std::make_shared<const SafetyGuard>(FileURL(world().path("/Users/ann"))),
+        roots(), std::make_shared<const SafetyGuard>(disk() / "Users/ann"),
         std::make_shared<const Witness>());
     return klarboxHelperInterface(std::make_shared<const HelperService>(
         handler, [](const PrivilegedRequest &request, const PrivilegedRemovalResult &result) {
-            fuzz::require(!requestSummary(request, result).empty(), "every request is logged");
+            require(!requestSummary(request, result).empty(), "every request is logged");
         }));
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+void klarbox::fuzz::run(std::string_view input) {
     static const auto methods = interface();
-    std::string bytes(reinterpret_cast<const char *>(data), size);
+    std::string bytes(input);
     if (const auto slash = bytes.find(std::string_view("\0/", 2)); slash != std::string::npos) {
-        bytes.insert(slash + 1, world().path(""));
+        bytes.insert(slash + 1, disk().root().path());
     }
     int ends[2];
-    fuzz::require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "a socket");
+    require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "a socket");
     const UniqueFD peer(ends[0]);
     const UniqueFD helper(ends[1]);
     requestSenders(helper);
     sendPacket(peer, bytes);
     const auto packet = receivePacket(helper, XPC::maximumMessageSize);
     const bool isTakeable = !bytes.empty() && bytes.size() <= XPC::maximumMessageSize;
-    fuzz::require(packet.has_value() == isTakeable, "packets are taken whole or not at all");
+    require(packet.has_value() == isTakeable, "packets are taken whole or not at all");
     if (!packet) {
-        return 0;
+        return;
     }
-    fuzz::require(packet->bytes == bytes && packet->sender.pid == ::getpid(), "it comes as sent");
+    require(packet->bytes == bytes && packet->sender.pid == ::getpid(), "it comes as sent");
     const auto nul = bytes.find('\0');
     const auto *method =
         nul == std::string::npos ? nullptr : methods.find(std::string_view(bytes).substr(0, nul));
@@ -109,11 +87,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         int replies = 0;
         (*method)(bytes.substr(nul + 1), [&](std::string_view reply) {
             ++replies;
-            fuzz::require(reply.size() <= XPC::maximumReplySize, "a reply fits");
+            require(reply.size() <= XPC::maximumReplySize, "a reply fits");
             const auto result = PrivilegedRemovalResult::decode(reply);
-            fuzz::require(result.removedCount + result.failedCount >= 0, "it counts");
+            require(result.removedCount + result.failedCount >= 0, "it counts");
         });
-        fuzz::require(replies == 1, "a request has one reply");
+        require(replies == 1, "a request has one reply");
     }
-    return 0;
 }

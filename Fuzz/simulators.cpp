@@ -1,9 +1,7 @@
 #include "KlarboxKit/Scanners/SimulatorsScanner.hpp"
 
-#include <cstddef>
-#include <cstdint>
+#include "Fuzz/Target.hpp"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    klarbox::SimulatorsScanner::parseUnavailable({reinterpret_cast<const char *>(data), size});
-    return 0;
+void klarbox::fuzz::run(std::string_view listing) {
+    SimulatorsScanner::parseUnavailable(listing);
 }

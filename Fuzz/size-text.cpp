@@ -1,20 +1,17 @@
 #include "KlarboxKit/Commands/SizeText.hpp"
 
-#include <cstddef>
 #include <string>
 
-#include "Fuzz/Require.hpp"
+#include "Fuzz/Target.hpp"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    using namespace klarbox;
-    const std::string text(reinterpret_cast<const char *>(data), size);
+void klarbox::fuzz::run(std::string_view text) {
     const auto decimal = SizeText::bytes(text, 1000);
     const auto binary = SizeText::bytes(text, 1024);
-    fuzz::require(SizeText::bytes(" " + text + "\n", 1000) == decimal, "space around is nothing");
+    require(SizeText::bytes(" " + std::string(text) + "\n", 1000) == decimal,
+            "space around is nothing");
     if (decimal && binary) {
-        fuzz::require(*decimal < 0 ? *binary <= *decimal : *binary >= *decimal,
-                      "larger steps make larger sizes");
+        require(*decimal < 0 ? *binary <= *decimal : *binary >= *decimal,
+                "larger steps make larger sizes");
     }
-    fuzz::require(decimal || !binary, "what is too large in small steps is so in large ones");
-    return 0;
+    require(decimal || !binary, "what is too large in small steps is so in large ones");
 }
