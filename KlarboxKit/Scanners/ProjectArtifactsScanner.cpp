@@ -157,10 +157,11 @@ void ProjectWalk::addNativeBuildOutput(const FileURL &nodeModules) {
             }
         }
     };
-    for (const auto &entry : ScannerSupport::foldersOrNone(nodeModules)) {
+    for (const auto &entry : ScannerSupport::childrenOrNone(nodeModules)) {
         if (entry.lastComponent().starts_with('@')) {
+            // A scope may be a link; whether what is in it may be removed is the cleaner's to say.
             std::ranges::for_each(ScannerSupport::foldersOrNone(entry), look);
-        } else if (!entry.lastComponent().starts_with('.')) {
+        } else if (!entry.lastComponent().starts_with('.') && FS::isRealDirectory(entry)) {
             look(entry);
         }
     }

@@ -78,6 +78,8 @@ TEST(ProjectArtifactsScanner, offersInstalledPackagesAndTheirNativeBuilds) {
         {modules + "z/android/build/a", bytes(9000)},
         {modules + "plain/build/a", bytes(90'000)},
         {modules + "native/android/.gradle", link("build")},
+        {modules + "@linked", link("../../../elsewhere")},
+        {"elsewhere/pkg/ios/build/a", bytes(9000)},
         {modules + "@scope/pkg/ios/build/a", hardLink(modules + "z/android/build/a")},
     };
     addFiles(home, modules,
@@ -93,13 +95,14 @@ artifacts:@ | * | ~ | item $/node_modules | .. | [ ] review
     const auto native = "\nartifacts:native:$/node_modules | Native build files in node_modules | "
                         "~/code/App/node_modules | items | @ | [x] safe" +
                         std::string(R"(
+    + node_modules/@linked/pkg/ios/build
     + node_modules/@scope/.pkg/android/.gradle
     + node_modules/@scope/pkg/ios/build
     + node_modules/native/android/build
     + node_modules/native/android/.cxx
     + node_modules/native/ios/build
     + node_modules/z/android/build
-    App: 6 Android/iOS build folders inside packages.
+    App: 7 Android/iOS build folders inside packages.
     The packages stay installed.)");
     const ProjectArtifactsScanner scanner;
     EXPECT_EQ(offers(scanner, context, home / "code/App"), packages + native);
