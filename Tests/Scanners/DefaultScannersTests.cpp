@@ -64,6 +64,7 @@ TEST(DefaultScanners, findEverythingBelowTheDiskAndChangeNothing) {
             EXPECT_TRUE(item.allowedRoot->path().starts_with(disk.root().path()));
             for (const auto &path : item.target.paths()) {
                 EXPECT_TRUE((path.path() + "/").starts_with(item.allowedRoot->path() + "/"));
+                EXPECT_TRUE(ids.insert(path.path()).second) << "offered twice: " << path.path();
             }
         }
     }

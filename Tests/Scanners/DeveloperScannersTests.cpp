@@ -17,7 +17,7 @@ TEST(PackageCachesScanner, offersKnownFoldersByContents) {
     const TemporaryTree home{
         {".m2/repository/a", bytes(300'000)},
         {".cache/puppeteer/a", bytes(200'000)},
-        {".gradle/caches", link("../.m2")},
+        {"Library/Caches/pip", longLink(".m2")},
     };
     addFiles(home, "",
              ".local/share/pnpm/store/a Library/pnpm/store/a .npm/_cacache/a "
@@ -91,7 +91,7 @@ TEST(XcodeScanner, findsWhatXcodeRebuilds) {
     home.add({xcode + "watchOS DeviceSupport/10.2 (21S)/a", bytes(300'000)});
     home.add({xcode + "watchOS devicesupport/9/a", bytes(300'000)});
     home.add({xcode + "Archives/24/A 1.2.xcarchive/a", bytes(200'000)});
-    home.add({xcode + "DocumentationCache", link("Archives")});
+    home.add({xcode + "DocumentationCache", longLink("Developer")});
     addFiles(home, "Library/Developer/",
              "CoreSimulator/Caches/a Xcode/DerivedData/info.plist Xcode/Archives/24/notes.txt "
              "Xcode/Archives/24/Old.XCARCHIVE/a Xcode/Archives/loose.xcarchive");

@@ -6,6 +6,7 @@
 #include "KlarboxKit/Scanners/UserCachesScanner.hpp"
 
 #include "Tests/Scanners/ScanResults.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
 
 #include <unistd.h>
 
@@ -85,9 +86,8 @@ logs:* | * | ~ | item $/Library/Logs/b | .. | [x] safe)");
 /// A link is measured and removed as itself where root removes it; elsewhere it is offered as what
 /// it leads to, for the cleaner to refuse.
 TEST(EntryScanners, measureLinksAsThemselves) {
-    const TemporaryTree home{{"far/data", bytes(400'000)}};
-    // Long enough that file systems give the link a block of its own.
-    home.add({"Library/Caches/linked", link("../.." + std::string(200, '/') + "far")});
+    const TemporaryTree home{{"far/data", bytes(400'000)},
+                             {"Library/Caches/linked", longLink("far")}};
     const auto context = scanContext(home.root());
     if (DiskUsage::allocatedSize(home / "Library/Caches/linked") == 0) {
         GTEST_SKIP() << "needs a file system that gives links blocks";
@@ -104,7 +104,7 @@ TEST(TrashScanner, offersTheHomeTrashAndThoseOfOtherVolumes) {
         {"home/.Trash/old", bytes(5000)},
         {"V/Plain", bytes(5000)},
         {"V/Zip" + mine + "/a", bytes(90'000)},
-        {"V/Startup", link("/")},
+
         {"V/Backup" + mine + "/a", bytes(5000)},
         {"V/Gone", link("nowhere")},
         {"V/Empty" + mine + "/.DS_Store", bytes(5000)},
@@ -128,6 +128,20 @@ trash:@ | Trash on Zip | @ | contents $/V/Zip/MINE | @ | [ ] review permanent
     EXPECT_THAT(titles(scan), ElementsAre("Trash", "Trash on Backup", "Trash on Zip"));
     ASSERT_EQ(scan.issues.size(), 1U);
     EXPECT_TRUE(std::holds_alternative<ScanIssue::Failed>(scan.issues[0].value()));
+}
+
+/// The startup volume is among the volumes, but its Trash is the one at home.
+TEST(TrashScanner, leavesOutTheStartupVolume) {
+    const auto trash = ".Trashes/" + std::to_string(::getuid());
+    const TemporaryTree disk{{"V/Startup", link("/")}};
+    addFiles(disk, "", trash + "/a V/Other/" + trash + "/a");
+    inIsolatedProcess([&] {
+        if (!enterMountNamespace() || ::chroot(disk.root().path().c_str()) != 0) {
+            GTEST_SKIP() << "needs to make the disk the whole world";
+        }
+        const auto scan = TrashScanner(FileURL("/V")).scan(scanContext(FileURL("/home")), {});
+        EXPECT_THAT(titles(scan), ElementsAre("Trash on Other"));
+    });
 }
 
 TEST(InstallersScanner, offersInstallersWithTheirAge) {
