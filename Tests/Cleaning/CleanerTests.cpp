@@ -382,7 +382,7 @@ TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
     const TemporaryTree tree{
         {"root/a/keep/x", bytes(5000)}, {"root/a/y", bytes(5000)},   {"root/b", bytes(5000)},
         {"root/b2", bytes(5000)},       {"volume/c/x", bytes(5000)}, {"linked", link("volume")},
-        {"root/L", link("b")},
+        {"root/L", link("b")},          {"volume/M", link("c")},     {"elsewhere/c", bytes(1)},
     };
     const struct {
         const char *excluded;
@@ -401,9 +401,11 @@ TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
         {"linked/c", "item volume/c", "volume/c"},
         {"volume/c", "item linked/c", "linked/c"},
         {"linked/c/new", "item volume/c", "volume/c"},
+        {"linked/new", "item volume/c", "", "delete c "},
         // Whoever excludes a link means what it leads to, and the link.
         {"root/L", "item root/b", "root/b"},
         {"root/L", "item root/L", "root/L"},
+        {"linked/M", "item volume/M", "volume/M"},
         {"root/b", "item root/L", "", "delete L "},
     };
     const auto message = [&](const std::string &path) {
@@ -423,6 +425,14 @@ TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
                                                               message(kept) + ")"));
         EXPECT_EQ(remover->takeCalls(), calls);
     }
+    // A link that leads elsewhere by now is still what was excluded.
+    const auto item = fileItem(target(tree.root(), "item linked/c"), tree.root());
+    const Collaborators linking{.remover = remover, .excluded = {tree / "linked/c"}};
+    const auto cleaner = linking.cleaner();
+    std::filesystem::remove((tree / "linked").path());
+    tree.add({"linked", link("elsewhere")});
+    EXPECT_EQ(text(cleaner.clean({&item, 1}, deletePermanently, ignoreProgress).outcomes.at(0)),
+              "failed: " + message("linked/c"));
     // The helper knows no exclusions, so a folder that holds one is not sent to it at all.
     const auto helper = std::make_shared<RecordedHelper>(tree.root(), RecordedHelper::Answers{});
     const Collaborators with{
