@@ -99,11 +99,8 @@ TEST(BrokenLaunchAgentsScanner, offersAgentsWhoseProgramIsGone) {
     }
     auto context = scanContext(home.root());
     context.minimumSize = 1'000'000; // does not hide them
-    std::vector<std::string> notes;
-    for (const auto &item : BrokenLaunchAgentsScanner().scan(context, {}).items) {
-        notes.push_back(item.note.value_or(""));
-    }
-    EXPECT_EQ(notes, expected);
+    const auto scan = BrokenLaunchAgentsScanner().scan(context, {});
+    EXPECT_THAT(each(scan, &KlarboxItem::note), testing::ElementsAreArray(expected));
 }
 
 TEST(BrokenLaunchAgentsScanner, namesAgentsAsTheyNameThemselves) {

@@ -15,14 +15,6 @@ ScanContext projectsContext(const FileURL &home, std::vector<std::string> roots 
     return context;
 }
 
-std::vector<std::string> details(const CategoryScan &scan) {
-    std::vector<std::string> found;
-    for (const auto &item : scan.items) {
-        found.push_back(item.detail.value_or(""));
-    }
-    return found;
-}
-
 TEST(ProjectArtifactsScanner, offersBuildOutputOfProjects) {
     const TemporaryTree home{{"code/App/build/a", bytes(90'000)}};
     addFiles(home, "code/App/",
@@ -48,7 +40,8 @@ TEST(ProjectArtifactsScanner, looksWhereProjectsKeepBuildOutputAndNowhereElse) {
              "DerivedData/a .git/DerivedData/a .config/DerivedData/a file/DerivedData "
              "DerivedData/DerivedData/a 1/2/3/4/5/6/7/DerivedData/a "
              "1/2/3/4/5/6/7/8/DerivedData/a node_modules/DerivedData/a .git/1/DerivedData/a");
-    EXPECT_THAT(details(ProjectArtifactsScanner().scan(projectsContext(home.root()), {})),
+    const auto scan = ProjectArtifactsScanner().scan(projectsContext(home.root()), {});
+    EXPECT_THAT(each(scan, &KlarboxItem::detail),
                 UnorderedElementsAre("~/code/P/DerivedData", "~/code/P/1/2/3/4/5/6/7/DerivedData",
                                      "~/code/P/bad\xff/DerivedData"));
 }
@@ -66,7 +59,8 @@ TEST(ProjectArtifactsScanner, takesEachRootOnce) {
     };
     for (const auto &[roots, found] : rows) {
         const auto context = projectsContext(home.root(), words(roots));
-        EXPECT_EQ(details(ProjectArtifactsScanner().scan(context, {})), found) << roots;
+        const auto scan = ProjectArtifactsScanner().scan(context, {});
+        EXPECT_THAT(each(scan, &KlarboxItem::detail), testing::ElementsAreArray(found)) << roots;
         EXPECT_EQ(ProjectArtifactsScanner().isRelevant(context), !found.empty());
     }
 }

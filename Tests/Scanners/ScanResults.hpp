@@ -93,10 +93,16 @@ inline std::string offers(const CategoryScanner &scanner, const ScanContext &con
     return text;
 }
 
+/// One member of every item.
+template <typename Value>
+std::vector<Value> each(const CategoryScan &scan, Value KlarboxItem::*member) {
+    std::vector<Value> values;
+    std::ranges::transform(scan.items, std::back_inserter(values), member);
+    return values;
+}
+
 inline std::vector<std::string> titles(const CategoryScan &scan) {
-    std::vector<std::string> found;
-    std::ranges::transform(scan.items, std::back_inserter(found), &KlarboxItem::title);
-    return found;
+    return each(scan, &KlarboxItem::title);
 }
 
 /// The pieces between blanks.

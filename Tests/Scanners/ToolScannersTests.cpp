@@ -12,6 +12,7 @@ namespace klarbox::test {
 namespace {
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
@@ -81,12 +82,8 @@ TEST(DockerScanner, offersOnlyWhatIsThere) {
     };
     for (const auto &[buildCache, images, expected] : cases) {
         const auto report = R"({"Type":"Build Cache","Reclaimable":")" + buildCache + "\"}\n";
-        std::vector<std::int64_t> sizes;
-        for (const auto &item :
-             DockerScanner().scan(dockerContext({0, report}, images), {}).items) {
-            sizes.push_back(item.size);
-        }
-        EXPECT_EQ(sizes, expected) << report << images.output;
+        const auto scan = DockerScanner().scan(dockerContext({0, report}, images), {});
+        EXPECT_EQ(each(scan, &KlarboxItem::size), expected) << report << images.output;
     }
 }
 
@@ -189,11 +186,7 @@ TEST(HomebrewScanner, leavesOutWhatADryRunDoesNotTell) {
         Homebrew homebrew(oldVersions, dependencies);
         homebrew.context.minimumSize = minimumSize;
         const auto scan = HomebrewScanner().scan(homebrew.context, {});
-        std::vector<std::string> details;
-        for (const auto &item : scan.items) {
-            details.push_back(item.detail.value_or(""));
-        }
-        EXPECT_EQ(details, expected);
+        EXPECT_THAT(each(scan, &KlarboxItem::detail), ElementsAreArray(expected));
         EXPECT_THAT(scan.issues, IsEmpty());
     }
 }
