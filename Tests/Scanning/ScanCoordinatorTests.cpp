@@ -120,13 +120,6 @@ TEST(ScanCoordinator, reportsInOrderOfFinishingAndAnswersInOrderOfTheList) {
     }
 }
 
-TEST(ScanCoordinator, reportsOnceWhenNothingIsRelevant) {
-    std::vector<ScanProgress> reports;
-    ScanCoordinator({}).scan(scanContext(home),
-                             [&](const ScanProgress &report) { reports.push_back(report); });
-    EXPECT_THAT(reports, ElementsAre(ScanProgress{.completed = 0, .total = 0}));
-}
-
 TEST(ScanCoordinator, runsAllScannersAtOnceAndPassesAStopOnToThem) {
     constexpr std::size_t count = 8;
     std::latch allRunning(count);
