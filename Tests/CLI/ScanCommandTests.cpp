@@ -88,7 +88,7 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
         {"scan --environment bad-date.json", "bad-date.json now"},
         {"scan --category cats", "cats user-caches broken-launch-agents"},
         {"scan --minimum-size 1XB", "--minimum-size 1XB"},
-        {"scan --minimum-size -5", "--minimum-size -5"},
+        {"scan --minimum-size=-5", "--minimum-size -5"},
         {"scan --minimum-size ''", "--minimum-size"},
         {"scan --color mauve", "--color"},
         {"scan --frobnicate", "frobnicate"},

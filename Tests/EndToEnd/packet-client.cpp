@@ -6,14 +6,13 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -188,64 +187,36 @@ int impostor(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// Many clients side by side, each removing files of its own and checking every answer.
-int stress(const std::vector<std::string> &arguments) {
-    const int clients = std::atoi(arguments[0].c_str());
-    const int requests = std::atoi(arguments[1].c_str());
-    std::atomic<int> good = 0;
-    std::vector<std::thread> threads;
-    for (int client = 0; client < clients; ++client) {
-        threads.emplace_back([&, client] {
-            const int fd = connected();
-            for (int request = 0; request < requests; ++request) {
-                const auto path =
-                    arguments[2] + "/" + std::to_string(client) + "-" + std::to_string(request);
-                makeFile(path);
-                std::string reply;
-                if (sent(fd, packet(removeItem, path)) && received(fd, reply) &&
-                    reply == R"({"removedCount":1,"failedCount":0,"bytes":4096})" &&
-                    ::access(path.c_str(), F_OK) != 0) {
-                    ++good;
-                }
-            }
-            // An answer too many would still be on its way.
-            std::string reply(16, '\0');
-            if (::recv(fd, reply.data(), reply.size(), MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
-                good -= requests;
-            }
-            ::close(fd);
-        });
-    }
-    for (auto &thread : threads) {
-        thread.join();
-    }
-    std::printf("%d\n", good.load());
-    return good == clients * requests ? served : failed;
-}
-
-/// Removes small files one by one on one connection, or asks for what is refused when their folder
-/// is outside the helper's, with a pause after each; prints the median and the longest round trip
-/// in microseconds.
-int latency(const std::vector<std::string> &arguments) {
+/// Removes small files of its own one by one on one connection, or asks for what is refused when
+/// their folder is outside the helper's, with a pause after each; checks every answer and prints
+/// the median and the longest round trip in microseconds.
+int series(const std::vector<std::string> &arguments) {
     const int fd = connected();
     const bool isServed = arguments[1].starts_with("/Library/");
+    const std::string expected =
+        isServed ? R"({"removedCount":1,"failedCount":0,"bytes":4096})"
+                 : R"({"removedCount":0,"failedCount":1,"bytes":0,"refusal":"notInsideRoot"})";
     std::vector<long> times;
+    std::string reply;
     for (int i = 0; i < std::atoi(arguments[0].c_str()) + 1; ++i) {
-        const auto path = arguments[1] + "/latency-" + std::to_string(i);
+        const auto path = arguments[1] + "/" + std::to_string(::getpid()) + "-" + std::to_string(i);
         makeFile(path);
-        std::string reply;
         const auto begin = std::chrono::steady_clock::now();
         if (!sent(fd, packet(removeItem, path)) || !received(fd, reply)) {
             return refused;
         }
         const auto taken = std::chrono::steady_clock::now() - begin;
-        if ((::access(path.c_str(), F_OK) != 0) != isServed) {
+        if (reply != expected || (::access(path.c_str(), F_OK) != 0) != isServed) {
             return failed;
         }
         if (i > 0) {
             times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(taken).count());
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
+    }
+    // An answer too many would still be on its way.
+    if (::recv(fd, reply.data(), reply.size(), MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
+        return failed;
     }
     std::ranges::sort(times);
     std::printf("%ld %ld\n", times[times.size() / 2], times.back());
@@ -310,10 +281,9 @@ int child(const std::vector<std::string> &arguments) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::map<std::string_view, std::function<int(const std::vector<std::string> &)>> modes{
-        {"ask", ask},       {"raw", raw},       {"hostile", hostile},
-        {"silent", silent}, {"stress", stress}, {"latency", latency},
-        {"repeat", repeat}, {"child", child},   {"impostor", impostor}};
+    const std::map<std::string_view, int (*)(const std::vector<std::string> &)> modes{
+        {"ask", ask},       {"raw", raw},       {"hostile", hostile}, {"silent", silent},
+        {"series", series}, {"repeat", repeat}, {"child", child},     {"impostor", impostor}};
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         std::fputs("usage: packet-client MODE [ARGUMENT…]\n", stderr);

@@ -82,12 +82,10 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
         {"Library/Caches/app", notInsideRoot},
         {"", notInsideRoot},
         {"/", notInsideRoot},
-        {disk.root().path(), notInsideRoot},
         {at("Library/Caches/app/x") + std::string("\0y", 2), notInsideRoot},
-        {at("Library/Caches/app/x") + std::string("\0", 1), notInsideRoot},
+        {at("Library/Caches/app/x/") + std::string(1000, 'y'), notInsideRoot},
         {at("Library/CachesOld/x"), notInsideRoot},
         {at("Library/Caches/../CachesOld/x"), notInsideRoot},
-        {at("Users/ann/x"), notInsideRoot},
         {at("Library"), notInsideRoot},
         {at("Library/Caches"), isRoot},
         {at("Library/Caches/"), isRoot},
@@ -148,23 +146,6 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
     EXPECT_EQ(manifest(disk / "Users"), outside);
 }
 
-TEST(PrivilegedRequestHandler, takesPathsUpToTheSystemsLimit) {
-    for (const std::size_t length : {1023U, 1024U}) {
-        const TemporaryTree disk;
-        std::string path = "Library/Caches";
-        const auto total = [&] { return disk.root().path().size() + 1 + path.size(); };
-        while (total() < length - 200) {
-            path += "/" + std::string(100, 'd');
-        }
-        path += "/" + std::string(length - total() - 1, 'f');
-        disk.add({path, bytes(100)});
-        const auto size = DiskUsage::allocatedSize(disk / path);
-        EXPECT_EQ(removeItem(disk, (disk / path).path()),
-                  length == 1023 ? removed(1, size) : Result::refused(notInsideRoot));
-        EXPECT_EQ(FileManager::exists(disk / path), length != 1023);
-    }
-}
-
 TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
     const TemporaryTree disk{
         {"Library/Caches/app/.hidden", bytes(5000)},
@@ -203,20 +184,6 @@ TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
     EXPECT_EQ(removeContents(disk, "Library/Caches/app"),
               (Result{2, 2, size, insideGitDirectory, busy}));
     EXPECT_EQ(removeItem(disk, (disk / "Library/Caches/app/busy").path()), Result::failed(busy));
-}
-
-TEST(PrivilegedRequestHandler, reportsAnUnreadableFolder) {
-    if (test::isRoot()) {
-        GTEST_SKIP() << "root reads every folder";
-    }
-    const TemporaryTree disk{
-        {"Library/Caches/app", directory(), {}, 0300},
-        {"Library/Caches/app/x", bytes(10)},
-    };
-    const auto result = removeContents(disk, "Library/Caches/app");
-    EXPECT_EQ(result.failedCount, 1);
-    EXPECT_NE(result.error.value_or("").find("permission"), std::string::npos);
-    EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/app/x"));
 }
 
 TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwappedIn) {
