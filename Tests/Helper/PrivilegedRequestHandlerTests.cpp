@@ -22,40 +22,34 @@ using Result = PrivilegedRemovalResult;
 using enum SafetyViolation;
 
 /// Deletes for real, but fails for entries named "busy"; may do something before each deletion.
-class SelectiveRemover final : public ItemRemover {
-public:
-    explicit SelectiveRemover(std::function<void(const FileURL &)> before = [](const FileURL &) {})
-        : before_(std::move(before)) {}
+struct SelectiveRemover final : ItemRemover {
+    std::function<void()> before = [] {};
 
     void moveToTrash(const FileURL &) const override { throw PlatformError::posix(ENOTSUP); }
     void deletePermanently(const FileURL &url) const override {
-        before_(url);
+        before();
         if (url.lastComponent() == "busy") {
             throw PlatformError::posix(EBUSY);
         }
         SecureDeleter().deletePermanently(url);
     }
-
-private:
-    std::function<void(const FileURL &)> before_;
 };
 
-PrivilegedRequestHandler handlerOver(const TemporaryTree &disk,
-                                     SelectiveRemover remover = SelectiveRemover()) {
+PrivilegedRequestHandler handlerOver(
+    const TemporaryTree &disk, const std::function<void()> &before = [] {}) {
     const auto roots = PrivilegedRoots::below(disk.root()).all();
-    return {{roots.begin(), roots.end()},
-            std::make_shared<SafetyGuard>(disk / "Users/ann"),
-            std::make_shared<SelectiveRemover>(std::move(remover))};
+    const auto remover = std::make_shared<SelectiveRemover>();
+    remover->before = before;
+    return {
+        {roots.begin(), roots.end()}, std::make_shared<SafetyGuard>(disk / "Users/ann"), remover};
 }
 
 Result removeItem(const TemporaryTree &disk, const std::string &path) {
     return handlerOver(disk).handle(PrivilegedRequest::removeItem(path));
 }
 
-Result removeContents(const TemporaryTree &disk, const std::string &path,
-                      SelectiveRemover remover = SelectiveRemover()) {
-    return handlerOver(disk, std::move(remover))
-        .handle(PrivilegedRequest::removeContents((disk / path).path()));
+PrivilegedRequest removeContents(const TemporaryTree &disk, const std::string &path) {
+    return PrivilegedRequest::removeContents((disk / path).path());
 }
 
 Result removed(std::int64_t count, std::int64_t bytes) {
@@ -155,9 +149,10 @@ TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
         {"Library/Caches/link", link("app")},
         {"Users/ann/x", bytes(10)},
     };
+    const auto handler = handlerOver(disk);
     const auto before = manifest(disk.root());
     for (const auto *path : {"Library/Caches/other", "Library/Caches/link"}) {
-        EXPECT_EQ(removeContents(disk, path), Result::failed("Not a folder"));
+        EXPECT_EQ(handler.handle(removeContents(disk, path)), Result::failed("Not a folder"));
     }
     EXPECT_EQ(manifest(disk.root()), before);
 
@@ -165,8 +160,9 @@ TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
                                disk / "Library/Caches/app/folder",
                                disk / "Library/Caches/app/link"};
     const auto size = DiskUsage::allocatedSize(entries);
-    EXPECT_EQ(removeContents(disk, "Library/Caches/app"), removed(3, size));
-    EXPECT_EQ(removeContents(disk, "Library/Caches/app"), Result{});
+    const auto request = removeContents(disk, "Library/Caches/app");
+    EXPECT_EQ(handler.handle(request), removed(3, size));
+    EXPECT_EQ(handler.handle(request), Result{});
     EXPECT_TRUE(FileManager::isDirectory(disk / "Library/Caches/app"));
     EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/other"));
     EXPECT_TRUE(FileManager::exists(disk / "Users/ann/x"));
@@ -181,7 +177,7 @@ TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
     };
     const auto size = 2 * DiskUsage::allocatedSize(disk / "Library/Caches/app/a");
     const auto busy = PlatformError::posix(EBUSY).message();
-    EXPECT_EQ(removeContents(disk, "Library/Caches/app"),
+    EXPECT_EQ(handlerOver(disk).handle(removeContents(disk, "Library/Caches/app")),
               (Result{2, 2, size, insideGitDirectory, busy}));
     EXPECT_EQ(removeItem(disk, (disk / "Library/Caches/app/busy").path()), Result::failed(busy));
 }
@@ -193,13 +189,13 @@ TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwa
         {"Library/Caches/link", link("other")},
     };
     const auto other = manifest(disk / "Library/Caches/other");
-    const auto swap = [caches = disk.root().path() + "/Library/Caches/"](const FileURL &) {
+    const auto swap = [caches = disk.root().path() + "/Library/Caches/"] {
         if (std::filesystem::exists(caches + "link")) {
             std::filesystem::rename(caches + "app", caches + "moved");
             std::filesystem::rename(caches + "link", caches + "app");
         }
     };
-    const auto result = removeContents(disk, "Library/Caches/app", SelectiveRemover(swap));
+    const auto result = handlerOver(disk, swap).handle(removeContents(disk, "Library/Caches/app"));
     EXPECT_EQ(result.removedCount, 0);
     EXPECT_EQ(result.failedCount, 2);
     EXPECT_EQ(result.refusal, symlinkEscape);
@@ -212,7 +208,7 @@ TEST(PrivilegedRequestHandler, countsEveryEntryOnceWhenRequestsOverlap) {
         disk.add({"Library/Caches/app/" + std::to_string(i), bytes(1)});
     }
     const auto handler = handlerOver(disk);
-    const auto request = PrivilegedRequest::removeContents((disk / "Library/Caches/app").path());
+    const auto request = removeContents(disk, "Library/Caches/app");
     std::atomic<std::int64_t> count = 0;
     {
         std::vector<std::jthread> clients(4);

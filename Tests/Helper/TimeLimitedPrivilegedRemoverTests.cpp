@@ -20,23 +20,19 @@ const auto request = PrivilegedRequest::removeItem("/Library/Caches/x");
 const PrivilegedRemovalResult removedOne{.removedCount = 1, .bytes = 4096};
 
 /// Answers with whatever a function makes of the request's number (0, 1, …).
-class ScriptedRemover final : public PrivilegedRemoving {
-public:
-    explicit ScriptedRemover(std::function<PrivilegedRemovalResult(int)> answer)
-        : answer_(std::move(answer)) {}
+struct ScriptedRemover final : PrivilegedRemoving {
+    std::function<PrivilegedRemovalResult(int)> answer;
+    mutable std::atomic<int> calls = 0;
 
     PrivilegedRemovalResult perform(const PrivilegedRequest &) const override {
-        return answer_(calls_++);
+        return answer(calls++);
     }
-    int calls() const { return calls_; }
-
-private:
-    std::function<PrivilegedRemovalResult(int)> answer_;
-    mutable std::atomic<int> calls_ = 0;
 };
 
 std::shared_ptr<ScriptedRemover> scripted(std::function<PrivilegedRemovalResult(int)> answer) {
-    return std::make_shared<ScriptedRemover>(std::move(answer));
+    const auto remover = std::make_shared<ScriptedRemover>();
+    remover->answer = std::move(answer);
+    return remover;
 }
 
 /// What `perform` throws, as text; "no error" when it answers.
@@ -77,7 +73,7 @@ TEST(TimeLimitedPrivilegedRemover, waitsOnASilentBaseOnlyOnce) {
         EXPECT_THROW(remover.perform(request), TimedOut);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
         EXPECT_THROW(remover.perform(request), TimedOut);
-        EXPECT_EQ(base->calls(), 1);
+        EXPECT_EQ(base->calls, 1);
     }
     // Wrapper and caller are gone, the request still runs: what it uses must be there.
     ASSERT_FALSE(alive.expired());
@@ -90,7 +86,7 @@ TEST(TimeLimitedPrivilegedRemover, passesOnAndRemembersWhateverTheBaseThrows) {
     const TimeLimitedPrivilegedRemover remover(base, 1h);
     EXPECT_THROW(remover.perform(request), int);
     EXPECT_THROW(remover.perform(request), int);
-    EXPECT_EQ(base->calls(), 1);
+    EXPECT_EQ(base->calls, 1);
 }
 
 TEST(TimeLimitedPrivilegedRemover, describesTheLimitInWholeSeconds) {
@@ -117,14 +113,14 @@ TEST(TimeLimitedPrivilegedRemover, requestsInFlightRunToTheirOwnEndAndTheLastFai
     });
     const TimeLimitedPrivilegedRemover remover(base, 1h);
     auto first = std::async(std::launch::async, [&] { return failure(remover); });
-    EXPECT_TRUE(eventually([&] { return base->calls() == 1; }));
+    EXPECT_TRUE(eventually([&] { return base->calls == 1; }));
     auto second = std::async(std::launch::async, [&] { return failure(remover); });
     EXPECT_EQ(first.get(), "first");
     EXPECT_EQ(failure(remover), "first");
     firstFailed.set_value();
     EXPECT_EQ(second.get(), "second");
     EXPECT_EQ(failure(remover), "second");
-    EXPECT_EQ(base->calls(), 2);
+    EXPECT_EQ(base->calls, 2);
 }
 
 } // namespace
