@@ -4,12 +4,12 @@
 
 #include "Tests/Support/Programs.hpp"
 
-#include <regex>
 #include <set>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <re2/re2.h>
 
 namespace klarbox::test {
 namespace {
@@ -23,18 +23,17 @@ const std::string klarbox = KLARBOX_PROGRAM;
 constexpr int notInstalled = 127; ///< what a shell says of a program that is not there
 
 /// Everything that the expression's first group matches.
-std::set<std::string> matches(const std::string &text, const char *expression) {
-    const std::regex regex(expression);
+std::set<std::string> matches(const std::string &text, const RE2 &expression) {
     std::set<std::string> found;
-    for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
-        found.insert((*at)[1]);
+    std::string match;
+    for (re2::StringPiece rest(text); RE2::FindAndConsume(&rest, expression, &match);) {
+        found.insert(match);
     }
     return found;
 }
 
 std::set<std::string> options(const std::string &command) {
-    return matches(shell(klarbox + " " + command + " --help").out,
-                   R"((?:^|\n)  (?:-\w,)?(--[a-z-]+))");
+    return matches(shell(klarbox + " " + command + " --help").out, R"(\n  (?:-\w,)?(--[a-z-]+))");
 }
 
 /// The commands that a command has.
@@ -59,9 +58,10 @@ std::set<std::string> bashCompletions(const std::string &behind) {
 /// A companion's text, with options as they are typed: in the manual their hyphens are escaped, and
 /// fish has a flag for their long form.
 std::string contents(const std::string &file) {
-    const auto text = FileManager::contents(FileURL(folder + "/" + file));
-    return std::regex_replace(std::regex_replace(text, std::regex(R"(\\-)"), "-"),
-                              std::regex("-l "), "--");
+    auto text = FileManager::contents(FileURL(folder + "/" + file));
+    RE2::GlobalReplace(&text, R"(\\-)", "-");
+    RE2::GlobalReplace(&text, "-l ", "--");
+    return text;
 }
 
 TEST(CompanionFiles, knowEveryCommandAndOption) {
@@ -86,7 +86,7 @@ TEST(CompanionFiles, knowEveryCommandAndOption) {
                              "completions/klarbox.fish"}) {
         const auto text = contents(file);
         for (const auto &word : everything) {
-            EXPECT_TRUE(std::regex_search(text, std::regex("(^|[^a-z-])" + word + "([^a-z-]|$)")))
+            EXPECT_TRUE(RE2::PartialMatch(text, "(^|[^a-z-])" + word + "([^a-z-]|$)"))
                 << file << " does not know " << word;
         }
     }
