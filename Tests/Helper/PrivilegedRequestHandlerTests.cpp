@@ -21,16 +21,13 @@ namespace {
 using Result = PrivilegedRemovalResult;
 using enum SafetyViolation;
 
-/// Deletes for real, but fails for entries named "busy"; may do something before each deletion.
-struct SelectiveRemover final : ItemRemover {
-    std::function<void()> before = [] {};
+/// Deletes for real, but for what is done, or thrown, before each deletion.
+struct HookedRemover final : ItemRemover {
+    std::function<void()> before;
 
     void moveToTrash(const FileURL &) const override { throw PlatformError::posix(ENOTSUP); }
     void deletePermanently(const FileURL &url) const override {
         before();
-        if (url.lastComponent() == "busy") {
-            throw PlatformError::posix(EBUSY);
-        }
         SecureDeleter().deletePermanently(url);
     }
 };
@@ -38,14 +35,10 @@ struct SelectiveRemover final : ItemRemover {
 PrivilegedRequestHandler handlerOver(
     const TemporaryTree &disk, const std::function<void()> &before = [] {}) {
     const auto roots = PrivilegedRoots::below(disk.root()).all();
-    const auto remover = std::make_shared<SelectiveRemover>();
+    const auto remover = std::make_shared<HookedRemover>();
     remover->before = before;
     return {
         {roots.begin(), roots.end()}, std::make_shared<SafetyGuard>(disk / "Users/ann"), remover};
-}
-
-Result removeItem(const TemporaryTree &disk, const std::string &path) {
-    return handlerOver(disk).handle(PrivilegedRequest::removeItem(path));
 }
 
 PrivilegedRequest removeContents(const TemporaryTree &disk, const std::string &path) {
@@ -119,6 +112,7 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
         {"Library/Developer/CoreSimulator/Caches/dyld/23A/x", bytes(5000)},
         {"Users/ann/x", bytes(10)},
     };
+    const auto handler = handlerOver(disk);
     const auto outside = manifest(disk / "Users");
     // Requested as written; found at its real place where that is another.
     const std::pair<const char *, const char *> cases[] = {
@@ -134,7 +128,8 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
         SCOPED_TRACE(written);
         const auto place = disk / (*real == '\0' ? written : real);
         const auto size = DiskUsage::allocatedSize(place);
-        EXPECT_EQ(removeItem(disk, disk.root().path() + "/" + written), removed(1, size));
+        const auto path = disk.root().path() + "/" + written;
+        EXPECT_EQ(handler.handle(PrivilegedRequest::removeItem(path)), removed(1, size));
         EXPECT_FALSE(FileManager::type(place));
     }
     EXPECT_EQ(manifest(disk / "Users"), outside);
@@ -171,15 +166,19 @@ TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
 TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
     const TemporaryTree disk{
         {"Library/Caches/app/a", bytes(5000)},
-        {"Library/Caches/app/busy", bytes(5000)},
+        {"Library/Caches/app/b", bytes(5000)},
         {"Library/Caches/app/.git/config", bytes(10)},
-        {"Library/Caches/app/z", bytes(5000)},
+        {"Library/Caches/app/c", bytes(5000)},
     };
-    const auto size = 2 * DiskUsage::allocatedSize(disk / "Library/Caches/app/a");
-    const auto busy = PlatformError::posix(EBUSY).message();
-    EXPECT_EQ(handlerOver(disk).handle(removeContents(disk, "Library/Caches/app")),
-              (Result{2, 2, size, insideGitDirectory, busy}));
-    EXPECT_EQ(removeItem(disk, (disk / "Library/Caches/app/busy").path()), Result::failed(busy));
+    const auto size = DiskUsage::allocatedSize(disk / "Library/Caches/app/a");
+    const auto busy = PlatformError::posix(EBUSY);
+    const auto failSecond = [&, deletions = 0]() mutable {
+        if (++deletions == 2) {
+            throw busy;
+        }
+    };
+    EXPECT_EQ(handlerOver(disk, failSecond).handle(removeContents(disk, "Library/Caches/app")),
+              (Result{2, 2, 2 * size, insideGitDirectory, busy.message()}));
 }
 
 TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwappedIn) {
