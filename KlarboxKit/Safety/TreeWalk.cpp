@@ -53,7 +53,8 @@ void TreeWalker::run(FolderEntries start) {
             const auto entry = level.at.entries.take();
             if (entry.isMarked) {
                 enter(level.at.device, entry.tag, entry.name);
-            } else if (const auto folder = measure(level, entry.name)) {
+            } else if (const auto folder =
+                           measure(level, entry.name, DirectoryEntry::Kind::unknown)) {
                 enter(folder->device, folder->inode, entry.name);
             }
         } else if (level.isListed) {
@@ -126,12 +127,14 @@ void TreeWalker::checkCancellation() {
 }
 
 /// Visits an entry. Answers its status when it is a folder that is to be entered.
-std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *name) {
+std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *name,
+                                              DirectoryEntry::Kind kind) {
     if (!visit()) {
         return std::nullopt;
     }
     const int folder = level.at.folder ? level.at.folder.get() : AT_FDCWD;
-    auto status = FileStatus::of(folder, name);
+    auto status = kind == DirectoryEntry::Kind::other ? FileStatus::ofFile(folder, name)
+                                                      : FileStatus::of(folder, name);
     if (!status) {
         return std::nullopt;
     }
@@ -222,7 +225,7 @@ void TreeWalker::list(Level &level) {
         }
         isFirstLot = false;
         while (!isStopped_ && reader_.next(entry)) {
-            if (const auto folder = measure(level, entry.name)) {
+            if (const auto folder = measure(level, entry.name, entry.kind)) {
                 level.at.entries.append(entry.name, folder->inode, true);
             }
         }

@@ -96,7 +96,8 @@ private:
     bool endInterval();
     void beginInterval();
     void countVisits();
-    std::optional<FileStatus> measure(const Level &level, const char *name);
+    std::optional<FileStatus> measure(const Level &level, const char *name,
+                                      DirectoryEntry::Kind kind);
     static bool isAncestor(const Level &level, const FileStatus &status);
     void listInOrder(Level &level);
     void keepLot(Level &level);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace klarbox {
 
@@ -17,7 +18,7 @@ std::optional<FileStatus> status(int fd, const char *name, int flags) {
     const bool saysMountRoot = (raw.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
     const bool isMountRoot = saysMountRoot && (raw.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     return FileStatus{
-        .device = (std::uint64_t{raw.stx_dev_major} << 32) | raw.stx_dev_minor,
+        .device = ::makedev(raw.stx_dev_major, raw.stx_dev_minor),
         .inode = raw.stx_ino,
         .links = raw.stx_nlink,
         .allocatedBytes = static_cast<std::int64_t>(raw.stx_blocks * 512),
@@ -31,6 +32,22 @@ std::optional<FileStatus> status(int fd, const char *name, int flags) {
 
 std::optional<FileStatus> FileStatus::of(int folder, const char *name) {
     return status(folder, name, 0);
+}
+
+std::optional<FileStatus> FileStatus::ofFile(int folder, const char *name) {
+    struct stat raw;
+    if (::fstatat(folder, name, &raw, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0) {
+        return std::nullopt;
+    }
+    return FileStatus{
+        .device = raw.st_dev,
+        .inode = raw.st_ino,
+        .links = static_cast<std::uint32_t>(raw.st_nlink),
+        .allocatedBytes = raw.st_blocks * 512,
+        .isDirectory = S_ISDIR(raw.st_mode),
+        .mayBeMountRoot = true,
+        .isMountRoot = false,
+    };
 }
 
 std::optional<FileStatus> FileStatus::ofOpen(int fd) {
