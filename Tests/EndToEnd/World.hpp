@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Tests/Support/Programs.hpp"
+#include "Tests/Support/Sanitizers.hpp"
 
 #include <map>
 #include <mutex>
@@ -75,13 +76,6 @@ protected:
     std::string helperPath_;
     std::string application_; ///< the signed foreign client
 };
-
-/// Whether the programs are slowed down by a sanitizer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool isSanitized = true;
-#else
-inline constexpr bool isSanitized = false;
-#endif
 
 void writeFile(const std::string &path, std::string_view content, mode_t mode = 0644);
 std::string readFile(const std::string &path);

@@ -6,10 +6,10 @@
 
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
+#include "Tests/Support/Words.hpp"
 
 #include <algorithm>
 #include <iterator>
-#include <sstream>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -103,12 +103,6 @@ std::vector<Value> each(const CategoryScan &scan, Value KlarboxItem::*member) {
 
 inline std::vector<std::string> titles(const CategoryScan &scan) {
     return each(scan, &KlarboxItem::title);
-}
-
-/// The pieces between blanks.
-inline std::vector<std::string> words(const std::string &text) {
-    std::istringstream stream(text);
-    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 /// Adds a file of some blocks at each path, below a folder that ends in a slash.

@@ -7,9 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <iterator>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -125,11 +123,6 @@ Outcome run(const Launch &launch) {
 
 Outcome shell(const std::string &command) {
     return run({.arguments = {"/bin/sh", "-c", "exec 2>&1\n" + command}});
-}
-
-std::vector<std::string> words(std::string_view text) {
-    std::istringstream stream{std::string(text)};
-    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 } // namespace klarbox::test

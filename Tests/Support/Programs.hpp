@@ -2,10 +2,11 @@
 
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
+#include "Tests/Support/Words.hpp"
+
 #include <chrono>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <sys/types.h>
 #include <thread>
 #include <vector>
@@ -56,9 +57,6 @@ Outcome run(const Launch &launch);
 
 /// What a shell makes of a command; what it says on either stream is in `out`.
 Outcome shell(const std::string &command);
-
-/// The text taken apart at its spaces.
-std::vector<std::string> words(std::string_view text);
 
 /// Waits until something holds; false when it does not come to hold in time.
 template <typename Condition>
