@@ -87,6 +87,7 @@ TEST(Text, cutsTheMiddleToColumns) {
         {"日本語版", 8, "日本語版"},
         {"aaae\u0301bbbb", 7, "aaa…bbb"},
         {"ae\u0301cdefg", 4, "ae\u0301…g"},
+        {"abcde\u0301f", 4, "ab…f"}, // no mark without its letter
     };
     for (const auto &[text, width, cut] : cases) {
         EXPECT_EQ(Text::middleTruncated(text, width), cut) << text << " " << width;
