@@ -43,8 +43,8 @@ unsigned modeOf(const FileURL &url) {
 
 TEST(FileSystemRemover, numbersNamesBeforeTheirExtension) {
     const std::string longest(255, 'n');
-    std::string umlauts = "n"; // so that the cut falls into the middle of a character
-    while (umlauts.size() < 255) {
+    std::string umlauts; // the cut falls into the middle of the last one
+    while (umlauts.size() < 254) {
         umlauts += "ü";
     }
     const std::pair<std::string, std::string> cases[] = {
@@ -55,7 +55,7 @@ TEST(FileSystemRemover, numbersNamesBeforeTheirExtension) {
         {".hidden.txt", ".hidden 2.txt"},
         {"dot.", "dot. 2"},
         {longest, std::string(253, 'n') + " 2"},
-        {umlauts, umlauts.substr(0, 253) + " 2"},
+        {umlauts, umlauts.substr(0, 252) + " 2"},
         {"x." + longest.substr(2), "x." + longest.substr(4) + " 2"},
     };
     for (const auto &[name, numbered] : cases) {
