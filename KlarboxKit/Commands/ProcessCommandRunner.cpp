@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-extern char **environ;
+extern char **environ; // NOLINT(readability-redundant-declaration): only Linux declares it
 
 namespace klarbox {
 

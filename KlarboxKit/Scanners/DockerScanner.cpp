@@ -17,7 +17,7 @@ namespace {
 constexpr std::chrono::seconds timeLimit(30);
 
 /// Longest line that is decoded, in bytes; real rows are a hundredth of it.
-constexpr std::size_t maximumRow = 64 * 1024;
+constexpr std::size_t maximumRow = std::size_t{64} * 1024;
 
 /// Docker counts in steps of 1000.
 std::optional<std::int64_t> bytes(std::string_view text) {

@@ -63,6 +63,7 @@ std::optional<KlarboxItem> unusedDependencies(const FileURL &brew, const ScanCon
     }
     const auto cellar = brew.parent().parent().appending("Cellar");
     std::vector<FileURL> folders;
+    folders.reserve(names.size());
     for (const auto &name : names) {
         folders.push_back(cellar.appending(name));
     }

@@ -29,7 +29,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// As much as a pipe holds at once.
-constexpr std::size_t chunkSize = 64 * 1024;
+constexpr std::size_t chunkSize = std::size_t{64} * 1024;
 
 /// The status of a child whose exit someone else collected (this process was started with SIGCHLD
 /// ignored): nobody knows how it ended, which must not pass for success.
@@ -281,8 +281,9 @@ pid_t spawn(const FileURL &executable, const std::vector<std::string> &arguments
     std::vector<std::string> argumentTexts{executable.path()};
     argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
     std::vector<std::string> environmentTexts;
+    environmentTexts.reserve(environment.size());
     for (const auto &[name, value] : environment) {
-        environmentTexts.push_back(name + "=" + value);
+        environmentTexts.push_back(fmt::format("{}={}", name, value));
     }
     const auto argumentVector = vectorOf(argumentTexts);
     const auto environmentVector = vectorOf(environmentTexts);

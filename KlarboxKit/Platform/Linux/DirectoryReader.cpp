@@ -11,7 +11,7 @@ namespace {
 
 /// A lot of about a thousand entries: larger ones save no measurable time, and the buffer still
 /// stays in the processor's cache while its entries are looked at.
-constexpr std::size_t lotSize = 32 * 1024;
+constexpr std::size_t lotSize = std::size_t{32} * 1024;
 
 bool isDotOrDotDot(const char *name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
