@@ -4,6 +4,9 @@
 
 #include <array>
 #include <exception>
+#include <mutex>
+#include <optional>
+#include <span>
 #include <string>
 #include <sys/uio.h>
 #include <syslog.h>
@@ -32,6 +35,19 @@ iovec field(const std::string &text) {
     return {.iov_base = const_cast<char *>(text.data()), .iov_len = text.size()};
 }
 
+/// Sends an entry; whether that was possible. The library opens its socket for the first entry, and
+/// how it settles which of several threads does is hidden from the thread sanitizer: so the first
+/// one goes alone.
+bool send(std::span<const iovec> fields) {
+    static std::once_flag isOpened;
+    const auto now = [&] {
+        return ::sd_journal_sendv(fields.data(), static_cast<int>(fields.size())) >= 0;
+    };
+    std::optional<bool> sent;
+    std::call_once(isOpened, [&] { sent = now(); });
+    return sent ? *sent : now();
+}
+
 /// Sending to a journal that does not exist succeeds silently.
 bool journalExists() {
     return ::access("/run/systemd/journal/socket", F_OK) == 0;
@@ -54,7 +70,7 @@ void SystemLog::log(Level level, std::string_view text) const noexcept {
             const auto category = "CATEGORY=" + category_;
             const std::array fields{field(message), field(prioritised), field(identifier),
                                     field(subsystem), field(category)};
-            if (::sd_journal_sendv(fields.data(), static_cast<int>(fields.size())) >= 0) {
+            if (send(fields)) {
                 return;
             }
         }
