@@ -10,6 +10,7 @@
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanners/DefaultScanners.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
@@ -17,6 +18,8 @@
 #include <algorithm>
 #include <charconv>
 #include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
@@ -33,7 +36,7 @@ constexpr std::size_t largestEnvironmentFile = 64 << 20;
 void requireFolder(std::string_view name, const FileURL &url) {
     const auto shown = Text::visible(url.path());
     if (!FileManager::isDirectory(url)) {
-        throw UsageError(fmt::format("{}: {} is not a folder", name, shown));
+        throw UsageError(fmt::format("{}: {} is not a folder that this user can see", name, shown));
     }
     if (!FileManager::isDirectory(url.appending("."))) {
         throw UsageError(fmt::format("{}: {} may not be entered by this user", name, shown));
@@ -112,8 +115,9 @@ public:
 
 private:
     void draw() {
-        line_.show(fmt::format("Scanning: {} of {} done, {} found · {}", completed_, total_,
-                               DisplayText::size(found_), fmt::join(running_, ", ")));
+        line_.show(fmt::format("Scanning: {} of {} done, {} found{}{}", completed_, total_,
+                               DisplayText::size(found_), running_.empty() ? "" : " · ",
+                               fmt::join(running_, ", ")));
     }
 
     ProgressLine &line_;
@@ -147,6 +151,39 @@ private:
     ScanMeter &meter_;
 };
 
+std::optional<uid_t> ownerOf(const FileURL &folder) {
+    struct stat status {};
+    return ::stat(folder.path().c_str(), &status) == 0 ? std::optional(status.st_uid)
+                                                       : std::nullopt;
+}
+
+/// Runs nothing out of a home folder that is another user's: what its owner put there would run
+/// as whoever only wanted to look.
+class HomeCommandRunner final : public CommandRunning {
+public:
+    HomeCommandRunner(std::shared_ptr<const CommandRunning> base, FileURL home)
+        : base_(std::move(base)),
+          home_(std::move(home)) {
+        const auto owner = ownerOf(home_);
+        isTrusted_ = owner == 0U || owner == ::geteuid();
+    }
+
+    CommandResult run(const CommandAction &action, std::chrono::nanoseconds timeout,
+                      std::stop_token stop) const override {
+        const auto &path = action.executable.path();
+        if (!isTrusted_ && SafetyGuard::isInside(path, home_.path())) {
+            return {CommandResult::notStarted,
+                    fmt::format("“{}” is a program of another user.", Text::visible(path))};
+        }
+        return base_->run(action, timeout, std::move(stop));
+    }
+
+private:
+    std::shared_ptr<const CommandRunning> base_;
+    FileURL home_;
+    bool isTrusted_;
+};
+
 } // namespace
 
 std::int64_t parseMinimumSize(const std::string &text) {
@@ -165,10 +202,10 @@ std::int64_t parseMinimumSize(const std::string &text) {
 }
 
 ScanSession::ScanSession(const ScanOptions &options)
-    : roots_(PrivilegedRoots::below(folder("--disk", options.disk))),
-      scanners_(scannersNamed(
-          options.categories,
-          defaultScanners(roots_, folder("--disk", options.disk).appending("Volumes", true)))),
+    : disk_(folder("--disk", options.disk)),
+      roots_(PrivilegedRoots::below(disk_)),
+      scanners_(scannersNamed(options.categories,
+                              defaultScanners(roots_, disk_.appending("Volumes", true)))),
       context_{
           .home =
               options.home.empty() ? FileManager::homeDirectory() : folder("--home", options.home),
@@ -179,8 +216,16 @@ ScanSession::ScanSession(const ScanOptions &options)
           .minimumSize = parseMinimumSize(options.minimumSize),
       } {
     requireFolder("the home folder", context_.home);
-    context_.environment = environment(
-        options.environmentFile, liveEnvironment(context_.home, folder("--disk", options.disk)));
+    context_.environment =
+        environment(options.environmentFile, liveEnvironment(context_.home, disk_));
+    context_.environment.runner =
+        std::make_shared<HomeCommandRunner>(std::move(context_.environment.runner), context_.home);
+}
+
+std::vector<FileURL> ScanSession::enclosures() const {
+    const bool isOwn = context_.home == FileManager::homeDirectory() &&
+                       ownerOf(context_.home) == ::geteuid() && disk_ == FileURL("/");
+    return isOwn ? std::vector<FileURL>{} : std::vector{context_.home, disk_};
 }
 
 std::vector<CategoryScan> ScanSession::scan(ProgressLine &progress, std::stop_token stop) const {

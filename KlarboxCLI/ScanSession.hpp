@@ -24,11 +24,17 @@ public:
     const ScanContext &context() const { return context_; }
     const PrivilegedRoots &roots() const { return roots_; }
 
+    /// Folders that no link below them may lead out of when their contents are removed: home and
+    /// disk when somebody else may have put the links there. A person's own home may have its
+    /// caches on another disk, and is cleaned there.
+    std::vector<FileURL> enclosures() const;
+
     /// Scans, showing on `progress` which categories run, how many are done and what was found so
     /// far. Blocks.
     std::vector<CategoryScan> scan(ProgressLine &progress, std::stop_token stop) const;
 
 private:
+    FileURL disk_;
     PrivilegedRoots roots_;
     ScannerList scanners_;
     ScanContext context_;

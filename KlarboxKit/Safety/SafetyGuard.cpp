@@ -5,14 +5,11 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
-#include <vector>
+#include <functional>
 
 namespace klarbox {
 
 namespace {
-
-using Components = std::vector<std::string>;
 
 constexpr std::array<std::string_view, 34> systemProtectedPaths{
     "/",
@@ -95,18 +92,18 @@ constexpr std::array<std::string_view, 40> homeProtectedPaths{
     ".rustup",
 };
 
-bool isInside(const Components &candidate, const Components &parent) {
+bool isInside(std::span<const std::string> candidate, std::span<const std::string> parent) {
     return parent.size() < candidate.size() &&
-           std::ranges::equal(parent, std::span(candidate).first(parent.size()));
+           std::ranges::equal(parent, candidate.first(parent.size()));
 }
 
-Components components(const FileURL &url) {
+std::vector<std::string> components(const FileURL &url) {
     return Text::foldedPathComponents(url.path());
 }
 
 } // namespace
 
-SafetyGuard::SafetyGuard(const FileURL &homeDirectory) {
+SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures) {
     const auto home = canonicalPath(homeDirectory.path());
     std::vector<std::string> listed(systemProtectedPaths.begin(), systemProtectedPaths.end());
     for (const auto entry : homeProtectedPaths) {
@@ -120,6 +117,12 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory) {
         protectedPaths_.insert(Text::lowercased(canonicalPath(lowered)));
         protectedPaths_.insert(Text::lowercased(canonicalPath(path)));
     }
+    for (const auto &folder : enclosures) {
+        enclosures_.push_back({components(folder.standardized()),
+                               Text::foldedPathComponents(canonicalPath(folder.path()))});
+    }
+    std::ranges::stable_sort(enclosures_, std::greater{},
+                             [](const Enclosure &each) { return each.real.size(); });
 }
 
 FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
@@ -156,6 +159,9 @@ FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
                                   klarbox::isInside(written, rootComponents);
         refuse(claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot);
     }
+    if (!enclosures_.empty() && leadsOut(components(standardized), candidateComponents)) {
+        refuse(SafetyViolation::symlinkEscape);
+    }
     if (std::ranges::find(candidateComponents, ".git") != candidateComponents.end()) {
         refuse(SafetyViolation::insideGitDirectory);
     }
@@ -163,6 +169,13 @@ FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
         refuse(SafetyViolation::protectedLocation);
     }
     return FileURL(candidate.path(), *type == FileManager::FileType::directory);
+}
+
+bool SafetyGuard::leadsOut(const Components &written, const Components &candidate) const {
+    const auto holding = std::ranges::find_if(enclosures_, [&](const Enclosure &each) {
+        return klarbox::isInside(written, each.written) || klarbox::isInside(written, each.real);
+    });
+    return holding != enclosures_.end() && !klarbox::isInside(candidate, holding->real);
 }
 
 bool SafetyGuard::isProtected(const FileURL &url) const {

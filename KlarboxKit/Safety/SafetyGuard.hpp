@@ -3,9 +3,11 @@
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Safety/SafetyViolation.hpp"
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 namespace klarbox {
 
@@ -18,7 +20,11 @@ class SafetyGuard {
 public:
     /// Protects the system's folders and the personal folders of this home (about 74 paths, each
     /// resolved once, here).
-    explicit SafetyGuard(const FileURL &homeDirectory);
+    ///
+    /// `enclosures` are folders that no link may lead out of, not even one in the place of a root:
+    /// what is written as lying in one is accepted only when it really lies in it. Where one lies
+    /// in another the inner one decides. For trees that somebody else made.
+    explicit SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures = {});
 
     /// Returns the resolved location to act on in place of `url`: links in its parent folders are
     /// resolved, its last component is not, and it is marked as a directory exactly when it is one
@@ -35,7 +41,17 @@ public:
     static bool isInside(std::string_view candidate, std::string_view parent);
 
 private:
+    using Components = std::vector<std::string>; ///< of a path, lower-cased
+
+    struct Enclosure {
+        Components written;
+        Components real;
+    };
+
+    bool leadsOut(const Components &written, const Components &candidate) const;
+
     std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased
+    std::vector<Enclosure> enclosures_;              ///< the deepest first
 };
 
 } // namespace klarbox

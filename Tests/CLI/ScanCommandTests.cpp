@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -116,6 +117,28 @@ TEST(ScanCommand, refusesAHomeThatItMayNotEnter) {
     const auto run = runKlarbox(tree.root(), "scan --home closed");
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_THAT(run.err, AllOf(HasSubstr("--home"), HasSubstr("may not be entered")));
+}
+
+TEST(ScanCommand, runsNoProgramOutOfAnotherUsersHome) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "needs root, to give a home to another user";
+    }
+    const TemporaryTree tree{{"no-tools.json", text(R"({"tools": {}})")}};
+    tree.add({"home/.docker/bin/docker",
+              text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"),
+              {},
+              0755});
+    const auto scan = [&] {
+        return runKlarbox(tree.root(), "scan --home home --environment no-tools.json --category "
+                                       "docker")
+            .exitCode;
+    };
+    ASSERT_EQ(::chown((tree / "home").path().c_str(), 12345, 12345), 0);
+    EXPECT_EQ(scan(), 0);
+    EXPECT_FALSE(FileManager::exists(tree / "ran"));
+    ASSERT_EQ(::chown((tree / "home").path().c_str(), 0, 0), 0);
+    EXPECT_EQ(scan(), 0);
+    EXPECT_TRUE(FileManager::exists(tree / "ran"));
 }
 
 TEST(ScanCommand, doesNotEndWellWhenItsOutputIsLost) {

@@ -113,6 +113,32 @@ TEST(SafetyGuard, protectsWhatAProtectedFolderThatIsALinkLeadsTo) {
     EXPECT_EQ(violation(guard, tree / "Disk/Pictures/cat.jpg", tree.root()), std::nullopt);
 }
 
+TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
+    const TemporaryTree tree{
+        {"disk/home/Caches", link("../../outside")},
+        {"disk/home/Logs", link("../other")},
+        {"disk/home/inner", link("real")},
+        {"disk/home/real/x", bytes(1)},
+        {"disk/Caches", link("other")},
+        {"disk/Logs", link("../outside")},
+        {"disk/other/x", bytes(1)},
+        {"outside/x", bytes(1)},
+        {"linked", link("disk")},
+    };
+    const std::vector enclosures{tree / "linked", tree / "disk/home"};
+    const SafetyGuard guard(tree / "disk/home", enclosures);
+    constexpr auto escape = SafetyViolation::symlinkEscape;
+    const std::pair<const char *, std::optional<SafetyViolation>> cases[] = {
+        {"disk/home/Caches", escape},      {"disk/home/Logs", escape}, // the home's, not the disk's
+        {"disk/home/inner", std::nullopt}, {"disk/Caches", std::nullopt},
+        {"linked/Caches", std::nullopt},   {"disk/Logs", escape},
+        {"linked/Logs", escape},           {"outside", std::nullopt}, // never written as inside
+    };
+    for (const auto &[root, expected] : cases) {
+        EXPECT_EQ(violation(guard, (tree / root).appending("x"), tree / root), expected) << root;
+    }
+}
+
 TEST(SafetyGuard, knowsProtectedPlacesThatDoNotExist) {
     const SafetyGuard guard(FileURL("/Users/Änn"));
     const std::pair<const char *, bool> cases[] = {
