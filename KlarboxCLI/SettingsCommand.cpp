@@ -110,8 +110,13 @@ std::vector<std::string> &listOf(ScanSettings &settings, const Key &key, std::st
 /// Paths that no scan could act on are refused here, where the person can still see the slip.
 void checkPaths(const Key &key, const std::vector<std::string> &values) {
     for (const auto &value : values) {
+        if (!Text::isValidUTF8(value)) {
+            throw UsageError(fmt::format("settings: {}: '{}' is not UTF-8, and settings cannot "
+                                         "hold anything else",
+                                         key.name, Text::visible(value)));
+        }
         const bool isPath = value == "~" || value.starts_with("~/") || value.starts_with('/');
-        if (!isPath || value.find('\0') != std::string::npos || !Text::isValidUTF8(value)) {
+        if (!isPath || value.find('\0') != std::string::npos) {
             throw UsageError(
                 fmt::format("settings: {}: '{}' is not a path that begins with / or ~/", key.name,
                             Text::visible(value)));
@@ -183,6 +188,11 @@ int runSettings(const SettingsOptions &options) {
     }
     auto settings = SettingsStore::loadOrFirstRun(file);
     if (options.action == "check") {
+        for (const auto &key : keys) {
+            if (const auto *list = std::get_if<List>(&key.field)) {
+                checkPaths(key, settings.**list);
+            }
+        }
         write(stdout,
               FileManager::type(file)
                   ? fmt::format("{} is sound.\n", shownFile)
@@ -192,8 +202,12 @@ int runSettings(const SettingsOptions &options) {
     } else if (options.action == "get") {
         write(stdout, valueText(settings, keyNamed(options.key)));
     } else {
-        change(settings, options);
+        change(settings, options); // tells of a slip before anything is made
         try {
+            // What others add at the same time must not be lost: each changes what the last left.
+            const auto turn = FileManager::lock(file.parent());
+            settings = SettingsStore::loadOrFirstRun(file);
+            change(settings, options);
             SettingsStore::save(file, settings);
         } catch (const PlatformError &error) {
             throw UsageError(fmt::format("settings: {}", error.message()));

@@ -2,7 +2,6 @@
 
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
-#include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +11,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -59,7 +59,7 @@ bool status(const FileURL &url, struct stat &st, int flags) {
             code);
     default:
         throw PlatformError::cocoa(PlatformError::fileReadUnknown,
-                                   fmt::format("The {} “{}” couldn’t be opened. {}", kind, name,
+                                   fmt::format("The {} “{}” couldn’t be opened. {}.", kind, name,
                                                std::generic_category().message(code)),
                                    code);
     }
@@ -255,6 +255,11 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
         ::unlink(temporary.c_str());
         throwWriteError(url, code);
     };
+    struct stat old {};
+    if (::geteuid() == 0 && status(url, old, AT_SYMLINK_NOFOLLOW) && old.st_uid != 0 &&
+        ::fchown(file.get(), old.st_uid, old.st_gid) != 0) {
+        fail(errno);
+    }
     while (!bytes.empty()) {
         const auto count = ::write(file.get(), bytes.data(), bytes.size());
         if (count < 0 && errno == EINTR) {
@@ -268,6 +273,19 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
     if (::fsync(file.get()) != 0 || ::rename(temporary.c_str(), url.path().c_str()) != 0) {
         fail(errno);
     }
+}
+
+UniqueFD lock(const FileURL &folder) {
+    makeDirectories(folder);
+    UniqueFD held(::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int result = -1;
+    do {
+        result = held ? ::flock(held.get(), LOCK_EX) : -1;
+    } while (result != 0 && held && errno == EINTR);
+    if (result != 0) {
+        throwWriteError(folder, errno);
+    }
+    return held;
 }
 
 FileURL homeDirectory() {

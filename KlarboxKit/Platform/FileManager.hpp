@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>
 #include <cstddef>
@@ -62,8 +63,13 @@ std::string contents(const FileURL &url, std::size_t limit = SIZE_MAX);
 
 /// Replaces the file at `url` as one step: readers see the old bytes or the new ones, a failure
 /// leaves the old ones, and nothing is written through a symbolic link. Missing parent folders are
-/// made, private to the user. The file is readable by the user alone.
+/// made, private to the user. The file is readable by its owner alone: this user, or, when root
+/// replaces a file, whoever owned that.
 void writeAtomically(const FileURL &url, std::string_view bytes);
+
+/// Holds a folder among the processes that ask for it like this, until the descriptor is closed;
+/// waits for its turn. Missing folders are made, private to the user.
+UniqueFD lock(const FileURL &folder);
 
 /// The home folder of the user this process runs as: `HOME`, or the user database without it.
 FileURL homeDirectory();

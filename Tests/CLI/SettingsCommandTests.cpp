@@ -3,6 +3,8 @@
 
 #include "Tests/CLI/Klarbox.hpp"
 
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,11 +43,30 @@ TEST(SettingsCommand, keepsWhatIsSetAndShowsIt) {
     EXPECT_THAT(FileManager::contentsOfDirectory(file.parent()), ElementsAre("settings.json"));
 }
 
+TEST(SettingsCommand, losesNothingThatIsAddedAtTheSameTime) {
+    const TemporaryTree tree;
+    std::string everyOne;
+    {
+        std::vector<std::jthread> others;
+        for (char name = 'a'; name <= 'l'; ++name) {
+            everyOne += std::string("/") + name + "\n";
+            others.emplace_back([&, name] {
+                runKlarbox(tree.root(), std::string("settings add excludedPaths /") + name);
+            });
+        }
+    }
+    EXPECT_THAT(shell("HOME=" + tree.root().path() +
+                      " " KLARBOX_PROGRAM " settings get excludedPaths | sort")
+                    .out,
+                everyOne);
+}
+
 TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
     const TemporaryTree tree{
         {"sound.json", text(ScanSettings{}.encoded())},
         {"damaged.json", text("{\"projectRoots\": [\"~/precious\"")},
         {"dangling.json", link("nowhere/settings.json")},
+        {"relative.json", text(ScanSettings{{}, true, 30, {"a/b"}}.encoded())},
     };
     const auto before = manifest(tree.root());
     const struct {
@@ -65,6 +86,8 @@ TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
         {"sound.json", "get colour", "excludedPaths"},
         {"sound.json", "add staleProjectDays 1", "staleProjectDays"},
         {"sound.json", "add excludedPaths relative/path", "relative/path"},
+        {"sound.json", "add excludedPaths \"$(printf '/a\\377')\"", "UTF-8"},
+        {"relative.json", "check", "a/b"},
         {"sound.json", "remove projectRoots /b", "/b"},
         {"sound.json", "frobnicate", "frobnicate"},
     };

@@ -154,6 +154,9 @@ TEST(FileManager, replacesFilesAsOneStep) {
         {"dangling", link("gone")},
     };
     std::ifstream reader((tree / "old").path());
+    if (isRoot()) { // who changes somebody's settings must not take them away
+        ASSERT_EQ(::chown((tree / "old").path().c_str(), 12345, 12345), 0);
+    }
     for (const auto &name :
          {"old"s, "linked"s, "dangling"s, "new"s, "a/b/new"s, std::string(NAME_MAX, 'x')}) {
         FileManager::writeAtomically(tree / name, "new\0bytes"s);
@@ -162,6 +165,9 @@ TEST(FileManager, replacesFilesAsOneStep) {
         EXPECT_EQ(status.type(), fs::file_type::regular) << name;
         EXPECT_EQ(status.permissions(), fs::perms(0600)) << name;
     }
+    struct stat old {};
+    ASSERT_EQ(::stat((tree / "old").path().c_str(), &old), 0);
+    EXPECT_EQ(old.st_uid, isRoot() ? 12345U : ::geteuid());
     EXPECT_EQ(fs::status((tree / "a/b").path()).permissions(), fs::perms(0700));
     EXPECT_EQ(FileManager::contents(tree / "target"), "target");
     EXPECT_FALSE(FileManager::type(tree / "gone"));
