@@ -39,6 +39,9 @@ XPCError explained(const XPCError &error) {
     case XPCError::Kind::unreachable:
         what = "The Klarbox helper can’t be reached.";
         break;
+    case XPCError::Kind::silent:
+        what = "The Klarbox helper doesn’t let anybody in.";
+        break;
     case XPCError::Kind::turnedAway:
         what = "The Klarbox helper doesn’t accept this copy of klarbox.";
         break;

@@ -66,16 +66,23 @@ HelperStatus helperStatus(const FileURL &executable, const XPCConnection::Servic
             status.remedy = reinstall;
             return status;
         }
+        if (error.kind() == XPCError::Kind::silent) {
+            status.remedy = "Restart it: sudo systemctl restart "
+                            "app.klarbox.Klarbox.SystemHelper.service";
+            return status;
+        }
     }
-    if (!status.isInstalled) {
+    if (!status.isInstalled && !status.isReachable) {
         status.problem = "The helper is not installed.";
         status.remedy = "Install the package klarbox. Without the helper everything works but the "
                         "removal of files that belong to the system.";
         return status;
     }
     std::string signatureProblem;
-    status.version = signedVersion(executable, service, signatureProblem);
-    if (!status.version) {
+    if (status.isInstalled) {
+        status.version = signedVersion(executable, service, signatureProblem);
+    }
+    if (status.isInstalled && !status.version) {
         status.problem = signatureProblem;
         status.remedy = reinstall;
     } else if (!status.isReachable) {

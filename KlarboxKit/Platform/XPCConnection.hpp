@@ -17,7 +17,8 @@ namespace klarbox {
 class XPCError : public PlatformError {
 public:
     enum class Kind {
-        unreachable, ///< nobody listens, or nobody answers
+        unreachable, ///< nobody listens
+        silent,      ///< somebody does, and does not answer
         turnedAway,  ///< the service does not accept this program
         unverified,  ///< what answers is not the service required
         interrupted  ///< the connection ended

@@ -91,10 +91,13 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
     try {
         welcome = receivePacket(socket_, XPC::maximumReplySize, true);
     } catch (const PlatformError &error) {
+        if (error.code() == EAGAIN) {
+            throw XPCError(Kind::silent, ETIMEDOUT, "The service does not answer.");
+        }
         // Being cut off with unread packets in the way is being turned away too.
         throw error.code() == ECONNRESET
             ? XPCError(Kind::turnedAway, EACCES, "The service did not accept this program.")
-            : systemFailure(Kind::unreachable, "The service does not answer", error.code());
+            : systemFailure(Kind::interrupted, "The connection failed", error.code());
     }
     if (!welcome) {
         throw XPCError(Kind::turnedAway, EACCES, "The service did not accept this program.");
