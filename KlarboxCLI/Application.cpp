@@ -157,10 +157,14 @@ std::string helpOrVersion(const CLI::App &app, const CLI::Success &asked) {
 
 /// A usage error in this program's own words where those of the parser would not help.
 UsageError usageError(const CLI::App &app, const CLI::ParseError &error) {
-    const auto unknown = app.remaining();
+    const auto unknown = app.remaining(true);
     if (app.get_subcommands().empty() && !unknown.empty() && !unknown.front().starts_with('-')) {
         return UsageError(fmt::format("there is no command '{}'; the commands are scan, clean, "
                                       "settings, helper and help",
+                                      Text::visible(unknown.front())));
+    }
+    if (!unknown.empty() && dynamic_cast<const CLI::ExtrasError *>(&error) != nullptr) {
+        return UsageError(fmt::format("'{}' is not expected here (klarbox --help tells more)",
                                       Text::visible(unknown.front())));
     }
     return UsageError(fmt::format("{} (klarbox --help tells more)", error.what()));

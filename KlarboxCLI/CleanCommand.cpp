@@ -4,6 +4,7 @@
 #include "KlarboxCLI/Interrupt.hpp"
 #include "KlarboxCLI/PrivilegedAccess.hpp"
 #include "KlarboxCLI/ProgressLine.hpp"
+#include "KlarboxCLI/ReportTable.hpp"
 #include "KlarboxCLI/ScanDocument.hpp"
 #include "KlarboxCLI/ScanSession.hpp"
 #include "KlarboxCLI/ScanTable.hpp"
@@ -78,28 +79,32 @@ struct Plan {
     std::size_t count = 0;
     std::int64_t bytes = 0;
     std::size_t permanent = 0;
+    std::size_t trashed = 0;
     std::size_t privileged = 0;
     std::vector<std::string> commands;
 
-    Plan(const std::vector<KlarboxItem> &items, RemovalMode mode) : count(items.size()) {
+    Plan(const std::vector<KlarboxItem> &items, RemovalMode mode, const PrivilegedAccess &access)
+        : count(items.size()) {
         for (const auto &item : items) {
             bytes = saturatingAdd(bytes, item.size);
             if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
                 commands.push_back(Text::visible(command->action.displayString()));
-                continue;
+            } else if (item.requiresPrivileges) {
+                ++privileged;
+                permanent += access.canRemove() ? 1 : 0;
+            } else if (mode == RemovalMode::deletePermanently ||
+                       item.removalPolicy == RemovalPolicy::permanentOnly) {
+                ++permanent;
+            } else {
+                ++trashed;
             }
-            const bool isPermanent = mode == RemovalMode::deletePermanently ||
-                                     item.removalPolicy == RemovalPolicy::permanentOnly ||
-                                     item.requiresPrivileges;
-            permanent += isPermanent ? 1 : 0;
-            privileged += item.requiresPrivileges ? 1 : 0;
         }
     }
 
     std::string description(const PrivilegedAccess &access) const {
         std::string text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
                                        DisplayText::size(bytes));
-        if (const auto trashed = count - permanent - commands.size(); trashed > 0) {
+        if (trashed > 0) {
             text += fmt::format("  {} will be moved to the Trash.\n",
                                 DisplayText::count(trashed, "item"));
         }
@@ -126,36 +131,6 @@ bool confirmed(const Plan &plan, const std::string &description) {
     return word == "y" || word == "yes";
 }
 
-std::string reportText(const CleanReport &report, const OutputStyle &style) {
-    if (report.outcomes.empty()) {
-        return "Nothing was cleaned.\n";
-    }
-    std::string text;
-    std::size_t titleWidth = 0;
-    for (const auto &outcome : report.outcomes) {
-        titleWidth = std::max(titleWidth, Text::displayWidth(Text::visible(outcome.title)));
-    }
-    titleWidth = std::min<std::size_t>(titleWidth, 44);
-    for (const auto &outcome : report.outcomes) {
-        const bool isFailure = outcome.result.isFailure();
-        const auto mark = isFailure ? style.red("✗") : style.green("✓");
-        const auto title = Text::middleTruncated(Text::visible(outcome.title), titleWidth);
-        text += fmt::format("{} {}  {}  {}\n", mark, DisplayText::leftAligned(title, titleWidth),
-                            DisplayText::rightAligned(DisplayText::size(outcome.bytes), 9),
-                            DisplayText::result(outcome.result));
-    }
-    const auto failures = report.failures().size();
-    std::string total = fmt::format("Freed {}", DisplayText::size(report.freedBytes()));
-    if (report.trashedBytes() > 0) {
-        total += fmt::format(", moved {} to the Trash (emptying it frees them)",
-                             DisplayText::size(report.trashedBytes()));
-    }
-    if (failures > 0) {
-        total += fmt::format("; {} could not be cleaned", DisplayText::count(failures, "item"));
-    }
-    return text + "\n" + style.bold(total + ".") + "\n";
-}
-
 /// Whether the report could be written. What was cleaned stays cleaned when it could not, so that
 /// this must not look like wrong usage, after which nothing was touched.
 bool reportWritten(const std::string &text) {
@@ -163,8 +138,8 @@ bool reportWritten(const std::string &text) {
         write(stdout, text);
         return true;
     } catch (const std::system_error &error) {
-        tell(fmt::format("klarbox: clean: the items were cleaned, but the report is lost: {}\n",
-                         error.what()));
+        tell(
+            fmt::format("klarbox: clean: the report of what was done is lost: {}\n", error.what()));
         return false;
     }
 }
@@ -191,7 +166,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto mode = options.permanent ? RemovalMode::deletePermanently : RemovalMode::moveToTrash;
     const auto errorStyle = OutputStyle::of(stderr, options.scan.color);
     const auto outputStyle = OutputStyle::of(stdout, options.scan.color);
-    ProgressLine progress(errorStyle, errorStyle.isTerminal && !options.scan.noProgress);
+    ProgressLine progress(errorStyle, errorStyle.canErase && !options.scan.noProgress);
     Interrupt::Hook hook(interrupt, [&] { progress.close(); });
     auto scans = session.scan(progress, interrupt.token());
     if (interrupt.wasRequested()) {
@@ -203,10 +178,14 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     scans = hasSelection
                 ? Selection::select(std::move(scans), options.defaultSelection, options.items)
                 : askForSelection(scans, errorStyle);
-    const auto items = Selection::items(scans);
-    const auto guard = std::make_shared<SafetyGuard>(session.context().home);
+    auto items = Selection::items(scans);
+    // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
+    std::ranges::stable_partition(items, [](const KlarboxItem &item) {
+        return item.removalPolicy == RemovalPolicy::permanentOnly;
+    });
+    const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());
     const PrivilegedAccess access(session.roots(), guard);
-    const Plan plan(items, mode);
+    const Plan plan(items, mode, access);
     const auto description = plan.description(access);
 
     if (options.dryRun) {
@@ -216,9 +195,14 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
                                 description + "Nothing was touched.\n");
         return ExitCode::done;
     }
-    if (!items.empty() && !options.yes && !confirmed(plan, description)) {
-        write(stderr, "Nothing was touched.\n");
-        return ExitCode::done;
+    if (!items.empty() && !options.yes) {
+        if (hasSelection) { // whoever chose from the table has seen it
+            write(stderr, scanTable(scans, {.style = errorStyle, .isSelection = true}));
+        }
+        if (!confirmed(plan, description)) {
+            write(stderr, "Nothing was touched.\n");
+            return ExitCode::done;
+        }
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.
@@ -236,19 +220,22 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto report = cleaner.clean(
         items, mode,
         [&](std::int64_t index, std::int64_t total, const std::string &title) {
-            progress.show(fmt::format("Cleaning {} of {}: {}", std::min(index + 1, total), total,
-                                      Text::visible(title)));
+            if (index < total) {
+                progress.show(
+                    fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+            }
         },
         interrupt.token());
     progress.clear();
 
     const auto text = options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
-                                        : reportText(report, outputStyle);
+                                        : reportTable(items, report, outputStyle);
     const bool isReported = reportWritten(text);
     if (interrupt.wasRequested()) {
-        tell(fmt::format(
-            "Stopped; {} left as found.\n",
-            DisplayText::count(items.size() - report.outcomes.size(), "selected item")));
+        if (const auto left = items.size() - report.outcomes.size(); left > 0) {
+            tell(fmt::format("Stopped; {} left as found.\n",
+                             DisplayText::count(left, "selected item")));
+        }
         return ExitCode::interrupted;
     }
     return isReported && report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;

@@ -6,10 +6,18 @@
 #include <array>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace klarbox::DisplayText {
 
 namespace {
+
+/// What a tool or a file system said, on one line that nobody minds reading.
+std::string oneLine(std::string_view message) {
+    constexpr std::size_t longest = 400;
+    const auto joined = fmt::format("{}", fmt::join(Text::lines(message), "; "));
+    return Text::middleTruncated(Text::visible(joined), longest);
+}
 
 std::string padding(std::string_view text, std::size_t width) {
     const auto used = Text::displayWidth(text);
@@ -91,7 +99,7 @@ std::string issue(const ScanIssue &issue) {
 std::string_view violation(SafetyViolation violation) {
     switch (violation) {
     case SafetyViolation::notFound:
-        return "it is no longer there";
+        return "it is no longer there, or this user may not look there";
     case SafetyViolation::isRoot:
         return "it is a top folder that must stay";
     case SafetyViolation::notInsideRoot:
@@ -110,10 +118,11 @@ std::string result(const CleanResult &result) {
     return std::visit(
         overloaded{
             [](const CleanResult::Partial &partial) {
-                return "partly removed: " + Text::visible(partial.message);
+                return "partly removed: " + oneLine(partial.message);
             },
             [](const CleanResult::Failed &failed) {
-                return "not removed: " + Text::visible(failed.message);
+                // Not "not removed": a helper that did not answer in time may yet remove it.
+                return "failed: " + oneLine(failed.message);
             },
             [](const CleanResult::Refused &refused) {
                 return fmt::format("refused: {}", violation(refused.violation));

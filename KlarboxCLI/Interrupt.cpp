@@ -73,7 +73,7 @@ void Interrupt::watch(const std::stop_token &quit) {
         }
         const bool isSecond = source_.stop_requested();
         source_.request_stop();
-        {
+        if (!isSecond) {
             const std::lock_guard lock(mutex_);
             if (tidyUp_) {
                 tidyUp_();

@@ -20,8 +20,8 @@ public:
     Interrupt(const Interrupt &) = delete;
     Interrupt &operator=(const Interrupt &) = delete;
 
-    /// While it lives, `tidyUp` is called on the watching thread when a signal comes, before the
-    /// process ends or work stops. One at a time.
+    /// While it lives, `tidyUp` is called on the watching thread when the first signal comes,
+    /// before the process ends or work stops. One at a time.
     class Hook {
     public:
         Hook(Interrupt &interrupt, std::function<void()> tidyUp);

@@ -20,6 +20,9 @@ public:
     /// Null when no helper is installed.
     const std::shared_ptr<const PrivilegedRemoving> &remover() const { return remover_; }
 
+    /// Whether what is handed to the remover can be expected to go.
+    bool canRemove() const { return way_ == Way::itself || way_ == Way::helper; }
+
     /// What to know before `count` items (at least one) are handed to the remover, as a sentence.
     std::string remark(std::size_t count) const;
 

@@ -12,7 +12,7 @@ namespace klarbox {
 int runScan(const ScanOptions &options, Interrupt &interrupt) {
     const ScanSession session(options);
     const auto progressStyle = OutputStyle::of(stderr, options.color);
-    ProgressLine progress(progressStyle, progressStyle.isTerminal && !options.noProgress);
+    ProgressLine progress(progressStyle, progressStyle.canErase && !options.noProgress);
     const Interrupt::Hook hook(interrupt, [&] { progress.close(); });
 
     const auto scans = session.scan(progress, interrupt.token());

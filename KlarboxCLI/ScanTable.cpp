@@ -18,7 +18,7 @@ constexpr std::size_t sizeWidth = 9;
 constexpr std::size_t tierWidth = 8;
 constexpr std::size_t gap = 2;
 constexpr std::size_t widestTitle = 44;
-constexpr std::string_view needsHelper = "Removed by the Klarbox helper, permanently.";
+constexpr std::string_view ofTheSystem = "Belongs to the system; removed permanently.";
 /// On a terminal narrower than this, titles stand above what belongs to them, not beside it.
 constexpr std::size_t narrowestTable = 64;
 /// On one that is narrower still lines wrap; fitting them would leave nothing to read.
@@ -106,14 +106,14 @@ private:
         }
         line(heading);
         // Said once where it holds for all.
-        const bool allNeedHelper =
+        const bool allOfTheSystem =
             !scan.items.empty() &&
             std::ranges::all_of(scan.items, &KlarboxItem::requiresPrivileges);
-        if (allNeedHelper) {
-            paragraph(needsHelper, gap);
+        if (allOfTheSystem) {
+            paragraph(ofTheSystem, gap);
         }
         for (const auto *item : largestFirst(scan)) {
-            writeItem(*item, item->requiresPrivileges && !allNeedHelper);
+            writeItem(*item, item->requiresPrivileges && !allOfTheSystem);
         }
         for (const auto &issue : scan.issues) {
             const auto room = width_ == 0 ? 0 : width_ - 4;
@@ -126,7 +126,7 @@ private:
         line("");
     }
 
-    void writeItem(const KlarboxItem &item, bool saysHelper) {
+    void writeItem(const KlarboxItem &item, bool saysSystem) {
         std::string row(gap, ' ');
         if (numberWidth_ > 0) {
             row += DisplayText::leftAligned(
@@ -153,7 +153,7 @@ private:
         } else {
             line(row + titleAndDetail(title, detail));
         }
-        if (const auto facts = remarks(item, saysHelper); !facts.empty()) {
+        if (const auto facts = remarks(item, saysSystem); !facts.empty()) {
             paragraph(facts, textColumn());
         }
     }
@@ -177,13 +177,13 @@ private:
     }
 
     /// What a person should know before choosing the item, in sentences.
-    static std::string remarks(const KlarboxItem &item, bool saysHelper) {
+    static std::string remarks(const KlarboxItem &item, bool saysSystem) {
         std::string sentences = item.note ? Text::visible(*item.note) : "";
         const auto add = [&](std::string_view sentence) {
             sentences += (sentences.empty() ? "" : " ") + std::string(sentence);
         };
-        if (saysHelper) {
-            add(needsHelper);
+        if (saysSystem) {
+            add(ofTheSystem);
         }
         if (std::holds_alternative<KlarboxTarget::Command>(item.target.value())) {
             add("Cleaned by the tool's own command.");

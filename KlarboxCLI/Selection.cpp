@@ -27,32 +27,33 @@ std::optional<std::size_t> parseNumber(std::string_view text, std::size_t count)
 std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault,
                                  const std::vector<std::string> &identifiers) {
     // Names on disk may differ only in bytes that cannot be shown; then the text names neither.
-    std::map<std::string, int> shown;
+    std::map<std::string, std::set<std::string>> shownAs;
     for (const auto &scan : scans) {
         for (const auto &item : scan.items) {
-            ++shown[Text::repairedUTF8(item.id)];
+            shownAs[Text::repairedUTF8(item.id)].insert(item.id);
         }
     }
     std::set<std::string> wanted;
     for (const auto &identifier : identifiers) {
-        const auto text = Text::repairedUTF8(identifier);
-        const auto found = shown.find(text);
-        if (found == shown.end()) {
+        const auto found = shownAs.find(Text::repairedUTF8(identifier));
+        if (found == shownAs.end()) {
             throw UsageError(fmt::format("--item: the scan found no item '{}'; nothing was cleaned",
                                          Text::visible(identifier)));
         }
-        if (found->second > 1) {
+        const auto &meant = found->second;
+        if (meant.size() == 1) {
+            wanted.insert(*meant.begin());
+        } else if (meant.contains(identifier) && !Text::isValidUTF8(identifier)) {
+            wanted.insert(identifier); // the very bytes, not what stands for them
+        } else {
             throw UsageError(fmt::format("--item: more than one item is shown as '{}'; nothing was "
                                          "cleaned",
                                          Text::visible(identifier)));
         }
-        wanted.insert(text);
     }
     for (auto &scan : scans) {
         std::erase_if(scan.items, [&](const KlarboxItem &item) {
-            const bool isWanted = (byDefault && item.isSelectedByDefault) ||
-                                  wanted.contains(Text::repairedUTF8(item.id));
-            return !isWanted;
+            return !(byDefault && item.isSelectedByDefault) && !wanted.contains(item.id);
         });
     }
     return scans;

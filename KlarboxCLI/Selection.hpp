@@ -11,8 +11,8 @@
 namespace klarbox::Selection {
 
 /// The scans with nothing but the items that start out selected (when `byDefault`) or whose
-/// identifiers, as they are shown, are listed. Throws `UsageError` for an identifier that the scan
-/// did not find, or that more than one item shows.
+/// identifiers, byte for byte or as they are shown, are listed. Throws `UsageError` for an
+/// identifier that the scan did not find, or that more than one item shows.
 std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault,
                                  const std::vector<std::string> &identifiers);
 

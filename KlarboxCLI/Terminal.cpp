@@ -34,8 +34,9 @@ std::size_t terminalWidth(int fd) {
 OutputStyle OutputStyle::of(std::FILE *stream, ColorChoice color) {
     const int fd = ::fileno(stream);
     OutputStyle style;
-    style.isTerminal = ::isatty(fd) == 1;
-    style.width = style.isTerminal ? terminalWidth(fd) : 0;
+    const bool isTerminal = ::isatty(fd) == 1;
+    style.canErase = isTerminal && environmentValue("TERM") != "dumb";
+    style.width = isTerminal ? terminalWidth(fd) : 0;
     switch (color) {
     case ColorChoice::always:
         style.color = true;
@@ -43,8 +44,7 @@ OutputStyle OutputStyle::of(std::FILE *stream, ColorChoice color) {
     case ColorChoice::never:
         break;
     case ColorChoice::automatic:
-        style.color = style.isTerminal && environmentValue("NO_COLOR").empty() &&
-                      environmentValue("TERM") != "dumb";
+        style.color = style.canErase && environmentValue("NO_COLOR").empty();
         break;
     }
     return style;

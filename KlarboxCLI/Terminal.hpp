@@ -12,7 +12,7 @@ enum class ColorChoice { automatic, always, never };
 
 /// What one output stream can show.
 struct OutputStyle {
-    bool isTerminal = false;
+    bool canErase = false; ///< a terminal on which a line can be drawn over
     std::size_t width = 0; ///< columns; 0 when lines need not fit anything
     bool color = false;
 

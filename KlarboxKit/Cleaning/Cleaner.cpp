@@ -301,7 +301,7 @@ FileURL Cleaner::validate(const FileURL &url, const FileURL &root) const {
     auto validated = safety_->validate(url, root);
     if (excluded_.touches(PathTree::components(url)) ||
         excluded_.touches(PathTree::components(validated))) {
-        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it",
+        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
                                              Text::visible(url.path())));
     }
     return validated;

@@ -95,6 +95,38 @@ TEST(CleanCommand, deletesPermanentlyAndRunsExactlyTheSelectedCommands) {
               "docker builder prune -f\n");
 }
 
+TEST(CleanCommand, emptiesTheTrashBeforeItMovesAnythingThere) {
+    const TemporaryDemoWorld demo;
+    const auto trash = demo.world.home().appending(".Trash");
+    const auto run = demo.run("clean --json --yes --category user-caches --category trash --item "
+                              "user-caches:com.example.photos --item trash:" +
+                              trash.path());
+    ASSERT_EQ(run.exitCode, 0) << run.err << run.out;
+    EXPECT_THAT(FileManager::contentsOfDirectory(trash), ElementsAre("previews.db"));
+}
+
+/// A home whose caches a link leads out of it, and what the link leads to.
+struct LinkedCaches {
+    TemporaryTree tree{
+        {"home/Library/Caches", link("../../elsewhere")},
+        {"elsewhere/com.example.a/x", bytes(2'000'000)},
+    };
+    FileURL target = tree / "elsewhere/com.example.a/x";
+    std::string clean = "clean --yes --permanent --default-selection --category user-caches";
+};
+
+TEST(CleanCommand, followsLinksOutOfThePersonsOwnHomeOnly) {
+    const LinkedCaches another;
+    const auto refused = runKlarbox(another.tree.root(), another.clean + " --home home");
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.out, HasSubstr("a link leads out"));
+    EXPECT_TRUE(FileManager::exists(another.target));
+
+    const LinkedCaches own;
+    EXPECT_EQ(runKlarbox(own.tree / "home", own.clean).exitCode, 0);
+    EXPECT_FALSE(FileManager::exists(own.target));
+}
+
 TEST(CleanCommand, refusesWithoutASelectionOrSomebodyToAsk) {
     const TemporaryDemoWorld demo;
     const auto before = manifest(demo.world.root);
@@ -119,6 +151,12 @@ TEST(CleanCommand, asksOnTheTerminalAndTakesSilenceForNo) {
         EXPECT_EQ(run.exitCode, 0) << run.out;
         EXPECT_EQ(manifest(demo.world.root), before) << input;
     }
+    // What was selected on the command line is shown before the question.
+    EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(),
+                                     clean + "--item user-caches:com.example.photos", "n\n")
+                    .out,
+                AllOf(HasSubstr("~/Library/Caches/com.example.photos"), HasSubstr("[y/N]")));
+    EXPECT_EQ(manifest(demo.world.root), before);
     // Number 6 is the Trash, the largest of its category: permanent, and said to be.
     const auto run = runKlarboxOnTerminal(demo.folder.root(), clean, "6\ny\n");
     EXPECT_EQ(run.exitCode, 0) << run.out;

@@ -216,7 +216,7 @@ TEST(Cleaner, removesFilesAsTheUserAndTellsWhatCameOfIt) {
         {"contents root/repo/.git", "root", "refused: insideGitDirectory"},
         {"item root/vanishing", "root", "refused: notFound"},
         {"item root/full/busy", "root", "failed: busy"},
-        {"contents root/a", "root", "failed: The folder “a” couldn’t be opened. Not a directory"},
+        {"contents root/a", "root", "failed: The folder “a” couldn’t be opened. Not a directory."},
         {"items root/readOnly root/full/busy", "root", "failed: readOnly"},
         // A violation outweighs a message when nothing went, and the other way round.
         {"items root/full/busy root/gone", "root", "refused: notFound"},
@@ -409,7 +409,7 @@ TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
         {"root/b", "item root/L", "", "delete L "},
     };
     const auto message = [&](const std::string &path) {
-        return fmt::format("The settings exclude “{}” or something inside it",
+        return fmt::format("The settings exclude “{}” or something inside it.",
                            (tree / path).path());
     };
     const auto remover = std::make_shared<RecordingRemover>();
