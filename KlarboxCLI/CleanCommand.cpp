@@ -124,7 +124,7 @@ struct Plan {
 
 bool confirmed(const Plan &plan, const std::string &description) {
     const auto answer = ask(fmt::format(
-        "\n{}Clean {} ({}){}? [y/N] ", description, DisplayText::count(plan.count, "item"),
+        "{}Clean {} ({}){}? [y/N] ", description, DisplayText::count(plan.count, "item"),
         DisplayText::size(plan.bytes),
         plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
     const auto word = Text::lowercased(Text::trimmed(answer));
@@ -196,9 +196,9 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
         return ExitCode::done;
     }
     if (!items.empty() && !options.yes) {
-        if (hasSelection) { // whoever chose from the table has seen it
-            write(stderr, scanTable(scans, {.style = errorStyle, .isSelection = true}));
-        }
+        // Whoever chose from the table has seen it.
+        write(stderr,
+              hasSelection ? scanTable(scans, {.style = errorStyle, .isSelection = true}) : "\n");
         if (!confirmed(plan, description)) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
@@ -208,7 +208,9 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     // From here on Ctrl-C lets the item in hand be finished and reported.
     hook.replace([&] {
         progress.close();
-        tell("Finishing the item in hand. Ctrl-C again stops at once, without a report.\n");
+        tell(
+            "Finishing the item in hand. Ctrl-C again stops at once, without a report; a tool that "
+            "is running goes on.\n");
     });
     interrupt.finishWorkFirst();
     std::vector<FileURL> excluded;

@@ -49,6 +49,7 @@ _klarbox() {
             includeNodeModules) words='true false' ;;
             staleProjectDays) ;;
             *)
+                [ "$action" != get ] || return
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -d -- "$cur")
                 return
