@@ -180,7 +180,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
                 : askForSelection(scans, errorStyle);
     auto items = Selection::items(scans);
     // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
-    std::ranges::stable_partition(items, [](const KlarboxItem &item) {
+    std::stable_partition(items.begin(), items.end(), [](const KlarboxItem &item) {
         return item.removalPolicy == RemovalPolicy::permanentOnly;
     });
     const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());

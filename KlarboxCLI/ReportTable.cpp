@@ -30,6 +30,7 @@ std::vector<std::string> namesOf(const std::vector<KlarboxItem> &items) {
         ++titles[item.title];
     }
     std::vector<std::string> names;
+    names.reserve(items.size());
     for (const auto &item : items) {
         names.push_back(
             Text::visible(titles[item.title] > 1 ? item.detail.value_or(item.id) : item.title));
