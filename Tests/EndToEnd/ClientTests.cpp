@@ -1,5 +1,6 @@
 #include "Tests/EndToEnd/World.hpp"
 
+#include <csignal>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -119,6 +120,11 @@ TEST_F(Client, tellsTheStateOfTheHelperAndHowToMendIt) {
         "again.");
     startHelper();
     expectStatus(helperPath_, "yes yes yes yes", version);
+    expectStatus("/opt/klarbox/none", "no yes yes yes", version); // it runs from elsewhere
+    helper_->signal(SIGSTOP);
+    expectStatus(helperPath_, "yes yes no no",
+                 "\nThe service does not answer.\nRestart it: sudo systemctl restart");
+    helper_->signal(SIGCONT);
     std::filesystem::rename(client_ + ".cms", "/tmp/client.cms");
     expectStatus(helperPath_, "yes yes yes no",
                  version + "\nThere is no signature “/opt/klarbox/client.cms”.\nUse the installed "

@@ -25,8 +25,9 @@ int main(int argc, char **argv) {
             }
         }
         if (mode == "status") {
-            return printHelperStatus(
-                std::cout, helperStatus(FileURL(argv[2]), HelperClient::installedHelper()));
+            auto service = HelperClient::installedHelper();
+            service.patience = std::chrono::seconds(5); // for the one that is made not to answer
+            return printHelperStatus(std::cout, helperStatus(FileURL(argv[2]), service));
         }
         const HelperClient client;
         for (std::string path; std::getline(std::cin, path);) {
