@@ -278,12 +278,11 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
 UniqueFD lock(const FileURL &folder) {
     makeDirectories(folder);
     UniqueFD held(::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    int result = -1;
-    do {
-        result = held ? ::flock(held.get(), LOCK_EX) : -1;
-    } while (result != 0 && held && errno == EINTR);
-    if (result != 0) {
+    if (!held) {
         throwWriteError(folder, errno);
+    }
+    // Fails for good only where the file system knows no locks: then there is none to wait for.
+    while (::flock(held.get(), LOCK_EX) != 0 && errno == EINTR) {
     }
     return held;
 }

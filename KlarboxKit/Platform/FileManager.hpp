@@ -68,7 +68,8 @@ std::string contents(const FileURL &url, std::size_t limit = SIZE_MAX);
 void writeAtomically(const FileURL &url, std::string_view bytes);
 
 /// Holds a folder among the processes that ask for it like this, until the descriptor is closed;
-/// waits for its turn. Missing folders are made, private to the user.
+/// waits for its turn. Missing folders are made, private to the user. Where a file system knows no
+/// locks nobody waits.
 UniqueFD lock(const FileURL &folder);
 
 /// The home folder of the user this process runs as: `HOME`, or the user database without it.
