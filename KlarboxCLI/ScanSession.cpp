@@ -7,6 +7,7 @@
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Commands/SizeText.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
@@ -17,6 +18,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -151,10 +153,17 @@ private:
     ScanMeter &meter_;
 };
 
-std::optional<uid_t> ownerOf(const FileURL &folder) {
+/// Whether nobody but this user and root can have put into a folder what lies there.
+bool isTrusted(const FileURL &folder) {
     struct stat status {};
-    return ::stat(folder.path().c_str(), &status) == 0 ? std::optional(status.st_uid)
-                                                       : std::nullopt;
+    return ::stat(folder.path().c_str(), &status) == 0 &&
+           (status.st_uid == 0 || status.st_uid == ::geteuid());
+}
+
+bool isMountPoint(const FileURL &folder) {
+    const auto path = SafetyGuard::canonicalPath(folder.path());
+    const auto status = FileStatus::of(AT_FDCWD, path.c_str());
+    return status && status->isMountRoot;
 }
 
 /// Runs nothing out of a home folder that is another user's: what its owner put there would run
@@ -163,10 +172,8 @@ class HomeCommandRunner final : public CommandRunning {
 public:
     HomeCommandRunner(std::shared_ptr<const CommandRunning> base, FileURL home)
         : base_(std::move(base)),
-          home_(std::move(home)) {
-        const auto owner = ownerOf(home_);
-        isTrusted_ = owner == 0U || owner == ::geteuid();
-    }
+          home_(std::move(home)),
+          isTrusted_(isTrusted(home_)) {}
 
     CommandResult run(const CommandAction &action, std::chrono::nanoseconds timeout,
                       std::stop_token stop) const override {
@@ -223,9 +230,15 @@ ScanSession::ScanSession(const ScanOptions &options)
 }
 
 std::vector<FileURL> ScanSession::enclosures() const {
-    const bool isOwn = context_.home == FileManager::homeDirectory() &&
-                       ownerOf(context_.home) == ::geteuid() && disk_ == FileURL("/");
-    return isOwn ? std::vector<FileURL>{} : std::vector{context_.home, disk_};
+    std::vector<FileURL> folders;
+    if (!isTrusted(context_.home)) {
+        folders.push_back(context_.home);
+    }
+    // Who owns a file on a disk from elsewhere is whoever has that number there.
+    if (disk_ != FileURL("/") && (!isTrusted(disk_) || isMountPoint(disk_))) {
+        folders.push_back(disk_);
+    }
+    return folders;
 }
 
 std::vector<CategoryScan> ScanSession::scan(ProgressLine &progress, std::stop_token stop) const {

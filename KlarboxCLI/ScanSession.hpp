@@ -24,9 +24,9 @@ public:
     const ScanContext &context() const { return context_; }
     const PrivilegedRoots &roots() const { return roots_; }
 
-    /// Folders that no link below them may lead out of when their contents are removed: home and
-    /// disk when somebody else may have put the links there. A person's own home may have its
-    /// caches on another disk, and is cleaned there.
+    /// Folders that no link below them may lead out of when their contents are removed: a home that
+    /// another user owns, a disk that is mounted. Whoever put the links there may mean no good. A
+    /// person's own home may have its caches on another disk, and is cleaned there.
     std::vector<FileURL> enclosures() const;
 
     /// Scans, showing on `progress` which categories run, how many are done and what was found so

@@ -2,11 +2,14 @@
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -105,26 +108,42 @@ TEST(CleanCommand, emptiesTheTrashBeforeItMovesAnythingThere) {
     EXPECT_THAT(FileManager::contentsOfDirectory(trash), ElementsAre("previews.db"));
 }
 
-/// A home whose caches a link leads out of it, and what the link leads to.
-struct LinkedCaches {
-    TemporaryTree tree{
-        {"home/Library/Caches", link("../../elsewhere")},
-        {"elsewhere/com.example.a/x", bytes(2'000'000)},
-    };
-    FileURL target = tree / "elsewhere/com.example.a/x";
-    std::string clean = "clean --yes --permanent --default-selection --category user-caches";
-};
-
-TEST(CleanCommand, followsLinksOutOfThePersonsOwnHomeOnly) {
-    const LinkedCaches another;
-    const auto refused = runKlarbox(another.tree.root(), another.clean + " --home home");
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_THAT(refused.out, HasSubstr("a link leads out"));
-    EXPECT_TRUE(FileManager::exists(another.target));
-
-    const LinkedCaches own;
-    EXPECT_EQ(runKlarbox(own.tree / "home", own.clean).exitCode, 0);
-    EXPECT_FALSE(FileManager::exists(own.target));
+TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffAMountedDisk) {
+    inIsolatedProcess([] {
+        const TemporaryTree tree{{"own", directory()},
+                                 {"foreign", directory()},
+                                 {"plain/home", directory()},
+                                 {"mounted", directory()}};
+        if (!enterMountNamespace() ||
+            ::mount("none", (tree / "mounted").path().c_str(), "tmpfs", 0, nullptr) != 0) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        const struct {
+            std::string home;
+            const char *disk;
+            bool leadsOut;
+        } cases[] = {
+            {"own", "/", true},
+            {"foreign", "/", !isRoot()}, // only root can give a home away
+            {"plain/home", "plain", true},
+            {"mounted/home", "mounted", false},
+        };
+        for (const auto &[home, disk, leadsOut] : cases) {
+            const auto target = tree / ("elsewhere/" + home);
+            tree.add({home + "/Library/Caches", link(target.path())});
+            tree.add({"elsewhere/" + home + "/com.example.a/x", bytes(2'000'000)});
+            if (home == "foreign" && isRoot()) {
+                ASSERT_EQ(::chown((tree / home).path().c_str(), 12345, 12345), 0);
+            }
+            const auto run = runKlarbox(
+                tree.root(), fmt::format("clean --yes --permanent --default-selection --category "
+                                         "user-caches --home {} --disk {}",
+                                         home, disk));
+            EXPECT_EQ(run.exitCode, leadsOut ? 0 : 1) << home;
+            EXPECT_THAT(run.out, HasSubstr(leadsOut ? "deleted" : "a link leads out")) << home;
+            EXPECT_NE(FileManager::exists(target.appending("com.example.a/x")), leadsOut) << home;
+        }
+    });
 }
 
 TEST(CleanCommand, refusesWithoutASelectionOrSomebodyToAsk) {

@@ -116,7 +116,7 @@ TEST_F(Load, ofAThousandHostilePeersLeavesNothingBehind) {
     const auto before = holdings(pid); // its connection perhaps among them
     // Some memory is allocated once and kept; what leaked would be more after every round.
     auto memory = statusValue(pid, "VmRSS");
-    long leastGrowth = 20 * 1024;
+    long leastGrowth = 20L * 1024;
     for (int round = 0; round < 4; ++round) {
         for (const auto &program : {application_, unsignedClient}) {
             EXPECT_EQ(run({.arguments = {program, "hostile", "1000"}}).exitCode, 0);
