@@ -13,7 +13,6 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 class Client : public EndToEnd {
