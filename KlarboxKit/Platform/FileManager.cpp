@@ -212,8 +212,15 @@ std::string contents(const FileURL &url, std::size_t limit) {
     if (!file || ::fstat(file.get(), &st) != 0) {
         throwReadError(url, errno, "file");
     }
-    if (!S_ISREG(st.st_mode)) {
-        throwReadError(url, S_ISDIR(st.st_mode) ? EISDIR : EINVAL, "file");
+    if (S_ISDIR(st.st_mode)) {
+        throwReadError(url, EISDIR, "file");
+    }
+    if (!S_ISREG(st.st_mode)) { // reading it could take for ever
+        throw PlatformError::cocoa(
+            PlatformError::fileReadUnknown,
+            fmt::format("The file “{}” couldn’t be opened because it is no regular file.",
+                        Text::visible(url.lastComponent())),
+            EINVAL);
     }
     if (static_cast<std::uint64_t>(st.st_size) > limit) {
         throwReadError(url, EFBIG, "file");

@@ -33,6 +33,11 @@ struct stat statusOf(const UniqueFD &folder) {
     throw PlatformError::fileChange(fmt::format("The folder “{}” couldn’t be used.", name), code);
 }
 
+[[noreturn]] void throwUnsafe(const char *name) {
+    throw PlatformError::fileChange(
+        fmt::format("The folder “{}” isn’t safe from other users.", name), EPERM);
+}
+
 /// The folder `name` of the folder `at`, made with this mode, and for this user, when it is
 /// missing.
 UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t owner) {
@@ -44,7 +49,7 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
             folder = errno == EEXIST ? openFolderToSearch(at.get(), name) : UniqueFD();
         } else if ((folder = openFolder(at.get(), name))) {
             if (statusOf(folder).st_uid != ::geteuid()) {
-                throwUnusable(name, EPERM);
+                throwUnsafe(name);
             }
             if (owner != ::geteuid() &&
                 ::fchown(folder.get(), owner, static_cast<gid_t>(-1)) != 0) {
@@ -105,12 +110,12 @@ TrashFolder TrashFolder::onVolume(const PinnedEntry &entry) {
     const auto top = topOfVolume(entry);
     const auto shared = openOrMake(top, ".Trashes", sharedMode, ::geteuid());
     if (!isSafeToShare(statusOf(shared))) {
-        throwUnusable(".Trashes", EPERM);
+        throwUnsafe(".Trashes");
     }
     const auto name = fmt::format("{}", ::getuid());
     auto own = openOrMake(shared, name.c_str(), ownMode, ::getuid());
     if (statusOf(own).st_uid != ::getuid()) {
-        throwUnusable(name.c_str(), EPERM);
+        throwUnsafe(name.c_str());
     }
     return TrashFolder(std::move(own));
 }
