@@ -17,10 +17,6 @@ constexpr std::size_t markWidth = 1;
 constexpr std::size_t sizeWidth = 9;
 constexpr std::size_t gap = 2;
 constexpr std::size_t narrowestResult = 24;
-/// On a terminal narrower than this, results stand below their items, not beside them.
-constexpr std::size_t narrowestTable = 64;
-/// On one that is narrower still lines wrap; fitting them would leave nothing to read.
-constexpr std::size_t narrowest = 24;
 constexpr std::size_t indent = 4;
 
 /// What each item is called: its title, or where it is when others have that title.
@@ -62,8 +58,8 @@ std::string reportTable(const std::vector<KlarboxItem> &items, const CleanReport
     for (const auto &name : names) {
         nameWidth = std::max(nameWidth, Text::displayWidth(name));
     }
-    const auto width = style.width == 0 ? 0 : std::max(style.width, narrowest);
-    const bool isBeside = width == 0 || width >= narrowestTable;
+    const auto width = style.width == 0 ? 0 : std::max(style.width, DisplayText::narrowest);
+    const bool isBeside = width == 0 || width >= DisplayText::narrowestTable;
     const auto besideName = markWidth + 1 + gap + sizeWidth + (isBeside ? gap : 0);
     if (width > 0) {
         nameWidth = std::min(nameWidth, width - besideName - (isBeside ? narrowestResult : 0));

@@ -19,10 +19,6 @@ constexpr std::size_t tierWidth = 8;
 constexpr std::size_t gap = 2;
 constexpr std::size_t widestTitle = 44;
 constexpr std::string_view ofTheSystem = "Belongs to the system; removed permanently.";
-/// On a terminal narrower than this, titles stand above what belongs to them, not beside it.
-constexpr std::size_t narrowestTable = 64;
-/// On one that is narrower still lines wrap; fitting them would leave nothing to read.
-constexpr std::size_t narrowest = 24;
 
 std::vector<const KlarboxItem *> largestFirst(const CategoryScan &scan) {
     std::vector<const KlarboxItem *> items;
@@ -39,7 +35,7 @@ public:
         : scans_(scans),
           style_(options.style),
           isSelection_(options.isSelection),
-          width_(style_.width == 0 ? 0 : std::max(style_.width, narrowest)) {
+          width_(style_.width == 0 ? 0 : std::max(style_.width, DisplayText::narrowest)) {
         const auto total = numberedItems(scans).size();
         numberWidth_ = options.numbered ? std::to_string(total).size() + gap : 0;
         for (const auto &scan : scans) {
@@ -79,7 +75,7 @@ public:
     }
 
 private:
-    bool isNarrow() const { return width_ != 0 && width_ < narrowestTable; }
+    bool isNarrow() const { return width_ != 0 && width_ < DisplayText::narrowestTable; }
 
     /// Where titles, details and notes begin.
     std::size_t textColumn() const {

@@ -108,18 +108,17 @@ std::vector<std::string> &listOf(ScanSettings &settings, const Key &key, std::st
 }
 
 /// Paths that no scan could act on are refused here, where the person can still see the slip.
-void checkPaths(const Key &key, const std::vector<std::string> &values) {
+void checkPaths(std::string_view where, const Key &key, const std::vector<std::string> &values) {
     for (const auto &value : values) {
         if (!Text::isValidUTF8(value)) {
-            throw UsageError(fmt::format("settings: {}: '{}' is not UTF-8, and settings cannot "
-                                         "hold anything else",
-                                         key.name, Text::visible(value)));
+            throw UsageError(fmt::format("{}: {}: '{}' is not UTF-8, and settings cannot hold "
+                                         "anything else",
+                                         where, key.name, Text::visible(value)));
         }
         const bool isPath = value == "~" || value.starts_with("~/") || value.starts_with('/');
         if (!isPath || value.find('\0') != std::string::npos) {
-            throw UsageError(
-                fmt::format("settings: {}: '{}' is not a path that begins with / or ~/", key.name,
-                            Text::visible(value)));
+            throw UsageError(fmt::format("{}: {}: '{}' is not a path that begins with / or ~/",
+                                         where, key.name, Text::visible(value)));
         }
     }
 }
@@ -127,7 +126,7 @@ void checkPaths(const Key &key, const std::vector<std::string> &values) {
 void change(ScanSettings &settings, const SettingsOptions &options) {
     const auto &key = keyNamed(options.key);
     if (std::holds_alternative<List>(key.field) && options.action != "remove") {
-        checkPaths(key, options.values);
+        checkPaths("settings", key, options.values);
     }
     if (options.action == "set") {
         set(settings, key, options.values);
@@ -190,7 +189,7 @@ int runSettings(const SettingsOptions &options) {
     if (options.action == "check") {
         for (const auto &key : keys) {
             if (const auto *list = std::get_if<List>(&key.field)) {
-                checkPaths(key, settings.**list);
+                checkPaths(fmt::format("settings file {}", shownFile), key, settings.**list);
             }
         }
         write(stdout,

@@ -87,7 +87,7 @@ TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
         {"sound.json", "add staleProjectDays 1", "staleProjectDays"},
         {"sound.json", "add excludedPaths relative/path", "relative/path"},
         {"sound.json", "add excludedPaths \"$(printf '/a\\377')\"", "UTF-8"},
-        {"relative.json", "check", "a/b"},
+        {"relative.json", "check", "relative.json: excludedPaths: 'a/b'"},
         {"sound.json", "remove projectRoots /b", "/b"},
         {"sound.json", "frobnicate", "frobnicate"},
     };
