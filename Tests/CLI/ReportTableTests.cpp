@@ -1,0 +1,53 @@
+#include "KlarboxCLI/ReportTable.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+KlarboxItem item(const std::string &title, const std::string &folder) {
+    return {.id = folder,
+            .title = title,
+            .detail = folder + "/" + title,
+            .target = KlarboxTarget::item(FileURL("/x")),
+            .tier = SafetyTier::safe};
+}
+
+TEST(ReportTable, tellsItemsOfOneTitleApartAndFitsTheTerminal) {
+    const std::vector items{item("node_modules", "~/shop"), item("node_modules", "~/office"),
+                            item("Photos", "~/Library/Caches"), item("never reached", "~")};
+    const CleanReport report{{
+        {.id = "", .title = "", .result = CleanResult::removed(), .bytes = 1'234'567},
+        {.id = "", .title = "", .result = CleanResult::failed("Error: \x1b[2J locked\nby it\n")},
+        {.id = "",
+         .title = "",
+         .result = CleanResult::movedToTrash(),
+         .bytes = 5000,
+         .wentToTrash = true},
+    }};
+    const auto plain = reportTable(items, report, {});
+    EXPECT_EQ(plain,
+              "✓ ~/shop/node_modules       1.2 MB  deleted\n"
+              "✗ ~/office/node_modules        0 B  failed: Error: \\x1b[2J locked; by it\n"
+              "✓ Photos                    5.0 kB  moved to the Trash\n"
+              "\n"
+              "Freed 1.2 MB, moved 5.0 kB to the Trash (emptying it frees them); 1 item could "
+              "not be cleaned.\n");
+    for (const std::size_t width : {30U, 63U, 64U, 80U}) {
+        const auto table = reportTable(items, report, {.width = width});
+        for (const auto line : Text::lines(table)) {
+            EXPECT_LE(Text::displayWidth(line), width) << line;
+        }
+        EXPECT_THAT(table, AllOf(HasSubstr("~/sh"), HasSubstr("~/of"), HasSubstr("deleted"),
+                                 Not(HasSubstr("reached"))));
+    }
+}
+
+} // namespace
+} // namespace klarbox::test
