@@ -80,11 +80,12 @@ struct Plan {
     std::int64_t bytes = 0;
     std::size_t permanent = 0;
     std::size_t trashed = 0;
-    std::size_t privileged = 0;
+    std::string privilegedRemark; ///< about what belongs to the system; empty without any
     std::vector<std::string> commands;
 
     Plan(const std::vector<KlarboxItem> &items, RemovalMode mode, const PrivilegedAccess &access)
         : count(items.size()) {
+        std::size_t privileged = 0;
         for (const auto &item : items) {
             bytes = saturatingAdd(bytes, item.size);
             if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
@@ -99,9 +100,12 @@ struct Plan {
                 ++trashed;
             }
         }
+        if (privileged > 0) {
+            privilegedRemark = access.remark(privileged);
+        }
     }
 
-    std::string description(const PrivilegedAccess &access) const {
+    std::string description() const {
         std::string text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
                                        DisplayText::size(bytes));
         if (trashed > 0) {
@@ -112,8 +116,8 @@ struct Plan {
             text += fmt::format("  {} will be deleted permanently. This can't be undone.\n",
                                 DisplayText::count(permanent, "item"));
         }
-        if (privileged > 0) {
-            text += fmt::format("  {}\n", access.remark(privileged));
+        if (!privilegedRemark.empty()) {
+            text += fmt::format("  {}\n", privilegedRemark);
         }
         for (const auto &command : commands) {
             text += fmt::format("  This command will be run: {}\n", command);
@@ -122,9 +126,9 @@ struct Plan {
     }
 };
 
-bool confirmed(const Plan &plan, const std::string &description) {
+bool confirmed(const Plan &plan) {
     const auto answer = ask(fmt::format(
-        "{}Clean {} ({}){}? [y/N] ", description, DisplayText::count(plan.count, "item"),
+        "{}Clean {} ({}){}? [y/N] ", plan.description(), DisplayText::count(plan.count, "item"),
         DisplayText::size(plan.bytes),
         plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
     const auto word = Text::lowercased(Text::trimmed(answer));
@@ -186,20 +190,19 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());
     const PrivilegedAccess access(session.roots(), guard);
     const Plan plan(items, mode, access);
-    const auto description = plan.description(access);
 
     if (options.dryRun) {
         write(stdout, options.scan.json
                           ? encodeJSON(scanDocument(scans), 2) + "\n"
                           : scanTable(scans, {.style = outputStyle, .isSelection = true}) +
-                                description + "Nothing was touched.\n");
+                                plan.description() + "Nothing was touched.\n");
         return ExitCode::done;
     }
     if (!items.empty() && !options.yes) {
         // Whoever chose from the table has seen it.
         write(stderr,
               hasSelection ? scanTable(scans, {.style = errorStyle, .isSelection = true}) : "\n");
-        if (!confirmed(plan, description)) {
+        if (!confirmed(plan)) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
         }

@@ -40,7 +40,7 @@ XPCError explained(const XPCError &error) {
         what = "The Klarbox helper can’t be reached.";
         break;
     case XPCError::Kind::silent:
-        what = "The Klarbox helper is there and says nothing.";
+        what = "The Klarbox helper can’t be asked.";
         break;
     case XPCError::Kind::turnedAway:
         what = "The Klarbox helper doesn’t accept this copy of klarbox.";

@@ -1,6 +1,7 @@
 #include "KlarboxCLI/HelperCommand.hpp"
 
 #include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
@@ -67,8 +68,8 @@ HelperStatus helperStatus(const FileURL &executable, const XPCConnection::Servic
             return status;
         }
         if (error.kind() == XPCError::Kind::silent) {
-            status.remedy = "Restart it: sudo systemctl restart "
-                            "app.klarbox.Klarbox.SystemHelper.service";
+            status.remedy = fmt::format("Restart it: sudo systemctl restart {}.service",
+                                        HelperIdentity::launchdLabel);
             return status;
         }
     }
@@ -78,16 +79,18 @@ HelperStatus helperStatus(const FileURL &executable, const XPCConnection::Servic
                         "removal of files that belong to the system.";
         return status;
     }
-    std::string signatureProblem;
     if (status.isInstalled) {
+        std::string signatureProblem;
         status.version = signedVersion(executable, service, signatureProblem);
+        if (!status.version) {
+            status.problem = signatureProblem;
+            status.remedy = reinstall;
+            return status;
+        }
     }
-    if (status.isInstalled && !status.version) {
-        status.problem = signatureProblem;
-        status.remedy = reinstall;
-    } else if (!status.isReachable) {
-        status.remedy = "Start it: sudo systemctl enable --now "
-                        "app.klarbox.Klarbox.SystemHelper.socket";
+    if (!status.isReachable) {
+        status.remedy = fmt::format("Start it: sudo systemctl enable --now {}.socket",
+                                    HelperIdentity::launchdLabel);
     } else {
         status.problem = ownProblem(service);
         status.remedy = "Use the installed klarbox, or install the package klarbox again.";

@@ -72,9 +72,8 @@ std::string reportTable(const std::vector<KlarboxItem> &items, const CleanReport
         const auto &outcome = report.outcomes[i];
         const auto mark = outcome.result.isFailure() ? style.red("✗") : style.green("✓");
         const auto name = Text::middleTruncated(names[i], nameWidth);
-        text +=
-            fmt::format("{} {}{:{}}{}", mark, DisplayText::leftAligned(name, nameWidth), "", gap,
-                        DisplayText::rightAligned(DisplayText::size(outcome.bytes), sizeWidth));
+        text += mark + " " + DisplayText::leftAligned(name, nameWidth) + std::string(gap, ' ') +
+                DisplayText::rightAligned(DisplayText::size(outcome.bytes), sizeWidth);
         auto lead = isBeside ? std::string(gap, ' ') : newLine;
         for (const auto &piece : DisplayText::wrapped(DisplayText::result(outcome.result),
                                                       width == 0 ? 0 : width - column)) {

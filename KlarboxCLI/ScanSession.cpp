@@ -153,7 +153,8 @@ private:
     ScanMeter &meter_;
 };
 
-/// Whether nobody but this user and root can have put into a folder what lies there.
+/// Whether a folder belongs to this user or to root, so that what lies in it is theirs to answer
+/// for.
 bool isTrusted(const FileURL &folder) {
     struct stat status {};
     return ::stat(folder.path().c_str(), &status) == 0 &&

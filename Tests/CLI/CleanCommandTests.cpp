@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <iterator>
 #include <sys/mount.h>
+#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -221,6 +222,36 @@ TEST(CleanCommand, controlCFinishesTheItemInHandAndReports) {
     const auto run = klarbox.finish();
     EXPECT_EQ(run.exitCode, 130);
     EXPECT_EQ(document(run).at("outcomes")[0].at("result").at("kind"), "ranCommand");
+}
+
+TEST(CleanCommand, aSecondControlCStopsAtOnceAndSaysNothingTwice) {
+    const TemporaryTree home;
+    addBrew(home, "'cleanup -n --prune=all') echo 'would free approximately 5GB' ;;\n"
+                  "autoremove*) ;;\n*) touch began; sleep 2; touch ended ;;");
+    Running klarbox(klarboxIn(home.root(), cleanHomebrew));
+    EXPECT_TRUE(eventually([&] { return FileManager::exists(home / "began"); }));
+    klarbox.signal(SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // else the two are one
+    klarbox.signal(SIGINT);
+    const auto run = klarbox.finish();
+    EXPECT_EQ(run.exitCode, 130);
+    EXPECT_EQ(run.out, "");
+    EXPECT_THAT(run.err, MatchesRegex("Finishing[^\n]+\n"));
+    EXPECT_TRUE(eventually([&] { return FileManager::exists(home / "ended"); })); // as it said
+}
+
+TEST(CleanCommand, doesNotPromiseWhatOnlyRootCouldRemove) {
+    inIsolatedProcess([] {
+        becomeOrdinaryUser();
+        if (::access(KLARBOX_PROGRAM, X_OK) != 0) {
+            GTEST_SKIP() << "needs a build folder that others may look into";
+        }
+        const auto run = TemporaryDemoWorld().run("clean --dry-run --default-selection --category "
+                                                  "system-logs");
+        EXPECT_THAT(run.out, AllOf(HasSubstr("only root can remove: 2 items"),
+                                   Not(HasSubstr("deleted permanently"))))
+            << run.err;
+    });
 }
 
 TEST(CleanCommand, killedAtAnyMomentItLeavesEveryItemInOnePlaceOrGone) {

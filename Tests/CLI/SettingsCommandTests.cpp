@@ -55,10 +55,10 @@ TEST(SettingsCommand, losesNothingThatIsAddedAtTheSameTime) {
             });
         }
     }
-    EXPECT_THAT(shell("HOME=" + tree.root().path() +
-                      " " KLARBOX_PROGRAM " settings get excludedPaths | sort")
-                    .out,
-                everyOne);
+    EXPECT_EQ(shell("HOME=" + tree.root().path() +
+                    " " KLARBOX_PROGRAM " settings get excludedPaths | sort")
+                  .out,
+              everyOne);
 }
 
 TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {

@@ -126,7 +126,7 @@ TEST_F(Requests, areLoggedInOneLineEach) {
                     "removeItem /Library/Logs/a: removed 1, failed 0, 0 bytes"));
     EXPECT_THAT(journal_->entries(),
                 Each(AllOf(HasSubstr("\nSUBSYSTEM=app.klarbox.Klarbox.Helper\n"),
-                           HasSubstr("\nPRIORITY=5\n"))));
+                           HasSubstr("\nPRIORITY=5\n"), Not(HasSubstr("CODE_FILE")))));
 }
 
 TEST_F(Requests, thatAreNoMessagesEndTheConnection) {

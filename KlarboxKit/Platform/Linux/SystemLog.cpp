@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <utility>
 
-/// Where in these sources an entry was written is of no use to whoever reads the log.
+// Where in these sources an entry was written is of no use to whoever reads the log.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 
