@@ -205,7 +205,7 @@ TEST(LiveEnvironment, hasFullDiskAccessUnlessAGuardedFolderRefusesToBeListed) {
         const TemporaryTree tree;
         std::filesystem::permissions(tree.root().path(), std::filesystem::perms(0755));
         std::ranges::for_each(entries, [&](const Entry &entry) { tree.add(entry); });
-        inIsolatedProcess([&] {
+        inIsolatedProcess([&, &name = name, &expected = expected] {
             becomeOrdinaryUser();
             EXPECT_EQ(liveEnvironment(tree.root(), FileURL("/")).hasFullDiskAccess, expected)
                 << name;

@@ -180,19 +180,20 @@ TEST_F(Peers, areWhatWasVerifiedAlsoWhenTheirFilesChangeMeanwhile) {
         {"app.klarbox.Klarbox<", "app.klarbox.Klarbax<"}, {"__xpc_client", "__xpc_clienx"}};
     for (const auto &[text, replacement] : changes) {
         // Goes back and forth between the two while the file is verified.
-        const std::jthread flicker([&](const std::stop_token &stop) {
-            const UniqueFD file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-            const auto at = static_cast<off_t>(readFile(path).rfind(text));
-            std::minstd_rand random;
-            // From much shorter to somewhat longer than a verification takes.
-            std::uniform_int_distribution<long> pause(0, 16'000);
-            while (!stop.stop_requested()) {
-                for (const auto &written : {replacement, text}) {
-                    check(::pwrite(file.get(), written.data(), written.size(), at) > 0, path);
-                    std::this_thread::sleep_for(std::chrono::microseconds(pause(random)));
+        const std::jthread flicker(
+            [&, &text = text, &replacement = replacement](const std::stop_token &stop) {
+                const UniqueFD file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+                const auto at = static_cast<off_t>(readFile(path).rfind(text));
+                std::minstd_rand random;
+                // From much shorter to somewhat longer than a verification takes.
+                std::uniform_int_distribution<long> pause(0, 16'000);
+                while (!stop.stop_requested()) {
+                    for (const auto &written : {replacement, text}) {
+                        check(::pwrite(file.get(), written.data(), written.size(), at) > 0, path);
+                        std::this_thread::sleep_for(std::chrono::microseconds(pause(random)));
+                    }
                 }
-            }
-        });
+            });
         int verified = 0;
         int rejected = 0;
         EXPECT_TRUE(eventually([&] {

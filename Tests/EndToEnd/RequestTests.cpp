@@ -160,7 +160,7 @@ TEST_F(Requests, neverReachBeyondTheFoldersWhileLinksAreExchanged) {
         Running client(foreign("repeat " + selector + " " + path));
         std::atomic<long> count = 0;
         {
-            const std::jthread exchanger([&](const std::stop_token &stop) {
+            const std::jthread exchanger([&, &exchanged = exchanged](const std::stop_token &stop) {
                 while (!stop.stop_requested()) {
                     const int failed =
                         ::renameat2(AT_FDCWD, exchanged.c_str(), AT_FDCWD, link, RENAME_EXCHANGE);

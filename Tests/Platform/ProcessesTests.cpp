@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <ranges>
+#include <span>
 #include <thread>
 
 #include <fmt/ranges.h>
@@ -47,7 +47,7 @@ TEST(Processes, areToldWithTheirExecutableAndEveryArgument) {
     const auto running = waitFor(program.path(), child);
     ASSERT_TRUE(running);
     EXPECT_EQ(running->arguments.front(), program.path());
-    EXPECT_TRUE(std::ranges::equal(running->arguments | std::views::drop(1), arguments));
+    EXPECT_TRUE(std::ranges::equal(std::span(running->arguments).subspan(1), arguments));
     EXPECT_EQ(running->packagedApplication, std::nullopt);
 
     // An update replaces the file under the process.
