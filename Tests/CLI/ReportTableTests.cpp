@@ -22,15 +22,17 @@ KlarboxItem item(const std::string &title, const std::string &folder) {
 TEST(ReportTable, tellsItemsOfOneTitleApartAndFitsTheTerminal) {
     const std::vector items{item("node_modules", "~/shop"), item("node_modules", "~/office"),
                             item("Photos", "~/Library/Caches"), item("never reached", "~")};
-    const CleanReport report{{
-        {.id = "", .title = "", .result = CleanResult::removed(), .bytes = 1'234'567},
-        {.id = "", .title = "", .result = CleanResult::failed("Error: \x1b[2J locked\nby it\n")},
-        {.id = "",
-         .title = "",
-         .result = CleanResult::movedToTrash(),
-         .bytes = 5000,
-         .wentToTrash = true},
-    }};
+    CleanReport report;
+    const auto add = [&](CleanResult result, std::int64_t bytes, bool wentToTrash = false) {
+        report.outcomes.push_back({.id = "",
+                                   .title = "",
+                                   .result = std::move(result),
+                                   .bytes = bytes,
+                                   .wentToTrash = wentToTrash});
+    };
+    add(CleanResult::removed(), 1'234'567);
+    add(CleanResult::failed("Error: \x1b[2J locked\nby it\n"), 0);
+    add(CleanResult::movedToTrash(), 5000, true);
     const auto plain = reportTable(items, report, {});
     EXPECT_EQ(plain,
               "✓ ~/shop/node_modules       1.2 MB  deleted\n"
