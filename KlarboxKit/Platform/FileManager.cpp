@@ -1,5 +1,6 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 
+#include "KlarboxKit/Platform/LinkFreePath.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
@@ -30,6 +31,13 @@ constexpr std::size_t largestReserve = std::size_t{64} << 20;
 /// A path with a NUL in it names nothing; the system calls would silently stop at the NUL.
 bool hasNUL(std::string_view path) {
     return path.find('\0') != std::string_view::npos;
+}
+
+/// Whether an absolute path has no component that stands for another place or for none.
+bool namesEveryStep(const std::string &path) {
+    const auto steps = path + "/";
+    return steps.starts_with('/') && steps.find("//") == std::string::npos &&
+           steps.find("/./") == std::string::npos && steps.find("/../") == std::string::npos;
 }
 
 bool status(const FileURL &url, struct stat &st, int flags) {
@@ -184,8 +192,13 @@ std::optional<std::string> realPath(std::string_view path) {
     if (hasNUL(path)) {
         return std::nullopt;
     }
-    const std::unique_ptr<char, void (*)(void *)> resolved(
-        ::realpath(std::string(path).c_str(), nullptr), std::free);
+    std::string given(path);
+    // Most paths are real already, which is seen at once; resolving looks at every component.
+    if (namesEveryStep(given) && isLinkFree(given)) {
+        return given;
+    }
+    const std::unique_ptr<char, void (*)(void *)> resolved(::realpath(given.c_str(), nullptr),
+                                                           std::free);
     return resolved ? std::optional<std::string>(resolved.get()) : std::nullopt;
 }
 

@@ -130,7 +130,9 @@ TEST(FileManager, tellsWhatIsThere) {
         EXPECT_EQ(FileManager::realPath(url.path()).has_value(), exists) << name;
         EXPECT_EQ(FileManager::modificationDate(url).has_value(), type.has_value()) << name;
     }
-    EXPECT_EQ(FileManager::realPath((tree / "linked/x").path()), (tree / "folder/x").path());
+    for (const auto *path : {"linked/x", "folder//x", "folder/./x", "linked/../folder/x"}) {
+        EXPECT_EQ(FileManager::realPath((tree / path).path()), (tree / "folder/x").path()) << path;
+    }
     EXPECT_EQ(FileManager::modificationDate(tree / "file"), FileManager::Date(5s));
     EXPECT_THAT(FileManager::contentsOfDirectory(tree.root()),
                 UnorderedElementsAre("file", "program", "folder", "linked", "dangling", "fifo"));
