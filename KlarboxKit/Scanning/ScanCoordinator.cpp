@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -36,6 +37,16 @@ void tidy(std::vector<CategoryScan> &scans, const ScanContext &context) {
             }
             return false;
         });
+    }
+}
+
+/// What the scanner finds; an issue when it throws, which costs the others nothing.
+CategoryScan scanned(const CategoryScanner &scanner, const ScanContext &context,
+                     std::stop_token stop) {
+    try {
+        return scanner.scan(context, std::move(stop));
+    } catch (const std::exception &error) {
+        return {.info = scanner.info(), .issues = {ScanIssue::failed(error.what())}};
     }
 }
 
@@ -84,7 +95,7 @@ ScanCoordinator::scan(const ScanContext &context,
     threads.reserve(relevant.size());
     for (std::size_t position = 0; position < relevant.size(); ++position) {
         threads.emplace_back([&, position, scanner = relevant[position]] {
-            finished.put(position, scanner->scan(context, stop));
+            finished.put(position, scanned(*scanner, context, stop));
         });
     }
 

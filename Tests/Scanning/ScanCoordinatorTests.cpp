@@ -7,6 +7,7 @@
 #include <functional>
 #include <iterator>
 #include <latch>
+#include <stdexcept>
 #include <thread>
 
 #include <fmt/format.h>
@@ -88,9 +89,10 @@ TEST(ScanCoordinator, reportsInOrderOfFinishingAndAnswersInOrderOfTheList) {
     std::latch firstReported(1);
     const auto after = [](std::string id, std::latch *latch) {
         return std::make_shared<ScriptedScanner>(id, [=](CategoryScan &scan, std::stop_token) {
-            if (latch != nullptr) {
-                latch->wait();
+            if (latch == nullptr) {
+                throw std::runtime_error(id); // its own fault, and nobody else's
             }
+            latch->wait();
             scan.issues = {ScanIssue::failed(id)};
         });
     };
