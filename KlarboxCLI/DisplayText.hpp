@@ -31,7 +31,7 @@ std::string_view section(ScanSection section);
 /// A full sentence.
 std::string issue(const ScanIssue &issue);
 
-/// What became of an item, in a few words: "deleted", "not removed: …".
+/// What became of an item, in a few words: "deleted", "failed: …".
 std::string result(const CleanResult &result);
 
 /// Why the guard refused, as the rest of a sentence.

@@ -57,6 +57,8 @@ void Interrupt::Hook::replace(std::function<void()> tidyUp) {
 }
 
 void Interrupt::finishWorkFirst() {
+    // Ctrl-C also ends whatever reads the output; writing to it then must not end this process.
+    std::signal(SIGPIPE, SIG_IGN);
     finishesWorkFirst_ = true;
 }
 

@@ -36,7 +36,8 @@ public:
         Interrupt &interrupt_;
     };
 
-    /// From now on the first signal only requests a stop; a second one ends the process.
+    /// From now on the first signal only requests a stop; a second one ends the process. Output
+    /// that nobody reads any more fails to be written instead of ending the process.
     void finishWorkFirst();
 
     /// Whether a stop was requested by a signal.

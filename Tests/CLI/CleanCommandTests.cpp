@@ -224,6 +224,15 @@ TEST(CleanCommand, controlCFinishesTheItemInHandAndReports) {
     EXPECT_EQ(document(run).at("outcomes")[0].at("result").at("kind"), "ranCommand");
 }
 
+TEST(CleanCommand, controlCFinishesTheItemAlsoWhenNobodyReadsTheReportAnyMore) {
+    const TemporaryTree home;
+    addBrew(home, "'cleanup -n --prune=all') echo 'would free approximately 5GB' ;;\n"
+                  "autoremove*) ;;\n*) kill -INT $PPID; sleep 0.3 ;;");
+    shell("cd " + home.root().path() + "; export HOME=$PWD; { " KLARBOX_PROGRAM " " +
+          cleanHomebrew + " 2>&1; echo $? >code; } | true");
+    EXPECT_EQ(FileManager::contents(home / "code"), "130\n");
+}
+
 TEST(CleanCommand, aSecondControlCStopsAtOnceAndSaysNothingTwice) {
     const TemporaryTree home;
     addBrew(home, "'cleanup -n --prune=all') echo 'would free approximately 5GB' ;;\n"
