@@ -185,7 +185,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     auto items = Selection::items(scans);
     // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
     std::stable_partition(items.begin(), items.end(), [](const KlarboxItem &item) {
-        return item.removalPolicy == RemovalPolicy::permanentOnly;
+        return item.removalPolicy == RemovalPolicy::permanentOnly && !item.requiresPrivileges;
     });
     const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());
     const PrivilegedAccess access(session.roots(), guard);
