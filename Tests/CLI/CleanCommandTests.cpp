@@ -110,11 +110,12 @@ TEST(CleanCommand, emptiesTheTrashBeforeItMovesAnythingThere) {
 }
 
 TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffAMountedDisk) {
-    inIsolatedProcess([] {
-        const TemporaryTree tree{{"own", directory()},
-                                 {"foreign", directory()},
-                                 {"plain/home", directory()},
-                                 {"mounted", directory()}};
+    // Made outside: it cannot be removed while something is mounted in it.
+    const TemporaryTree tree{{"own", directory()},
+                             {"foreign", directory()},
+                             {"plain/home", directory()},
+                             {"mounted", directory()}};
+    inIsolatedProcess([&] {
         if (!enterMountNamespace() ||
             ::mount("none", (tree / "mounted").path().c_str(), "tmpfs", 0, nullptr) != 0) {
             GTEST_SKIP() << "needs mounts of its own";
