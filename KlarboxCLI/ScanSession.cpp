@@ -167,29 +167,38 @@ bool isMountPoint(const FileURL &folder) {
     return status && status->isMountRoot;
 }
 
-/// Runs nothing out of a home folder that is another user's: what its owner put there would run
-/// as whoever only wanted to look.
-class HomeCommandRunner final : public CommandRunning {
+/// Runs no program that lies in one of some folders: what others put there would run as whoever
+/// only wanted to look.
+class CautiousCommandRunner final : public CommandRunning {
 public:
-    HomeCommandRunner(std::shared_ptr<const CommandRunning> base, FileURL home)
-        : base_(std::move(base)),
-          home_(std::move(home)),
-          isTrusted_(isTrusted(home_)) {}
+    CautiousCommandRunner(std::shared_ptr<const CommandRunning> base,
+                          const std::vector<FileURL> &folders)
+        : base_(std::move(base)) {
+        for (const auto &folder : folders) {
+            folders_.push_back(SafetyGuard::canonicalPath(folder.path()));
+        }
+    }
 
     CommandResult run(const CommandAction &action, std::chrono::nanoseconds timeout,
                       std::stop_token stop) const override {
-        const auto &path = action.executable.path();
-        if (!isTrusted_ && SafetyGuard::isInside(path, home_.path())) {
-            return {CommandResult::notStarted,
-                    fmt::format("“{}” is a program of another user.", Text::visible(path))};
+        if (folders_.empty()) {
+            return base_->run(action, timeout, std::move(stop));
         }
-        return base_->run(action, timeout, std::move(stop));
+        const auto program = SafetyGuard::canonicalPath(action.executable.path());
+        if (std::ranges::any_of(folders_, [&](const std::string &folder) {
+                return SafetyGuard::isInside(program, folder);
+            })) {
+            return {CommandResult::notStarted,
+                    fmt::format("“{}” is somebody else's program.",
+                                Text::visible(action.executable.path()))};
+        }
+        // By the path that was looked at: a link on the way could lead elsewhere by now.
+        return base_->run({FileURL(program), action.arguments}, timeout, std::move(stop));
     }
 
 private:
     std::shared_ptr<const CommandRunning> base_;
-    FileURL home_;
-    bool isTrusted_;
+    std::vector<std::string> folders_;
 };
 
 } // namespace
@@ -226,8 +235,13 @@ ScanSession::ScanSession(const ScanOptions &options)
     requireFolder("the home folder", context_.home);
     context_.environment =
         environment(options.environmentFile, liveEnvironment(context_.home, disk_));
+    auto foreign = enclosures();
+    // Tools are looked for there too.
+    if (const auto own = FileManager::homeDirectory(); !isTrusted(own)) {
+        foreign.push_back(own);
+    }
     context_.environment.runner =
-        std::make_shared<HomeCommandRunner>(std::move(context_.environment.runner), context_.home);
+        std::make_shared<CautiousCommandRunner>(std::move(context_.environment.runner), foreign);
 }
 
 std::vector<FileURL> ScanSession::enclosures() const {

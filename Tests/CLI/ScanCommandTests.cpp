@@ -2,11 +2,13 @@
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -119,26 +121,57 @@ TEST(ScanCommand, refusesAHomeThatItMayNotEnter) {
     EXPECT_THAT(run.err, AllOf(HasSubstr("--home"), HasSubstr("may not be entered")));
 }
 
-TEST(ScanCommand, runsNoProgramOutOfAnotherUsersHome) {
+TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
     if (!isRoot()) {
         GTEST_SKIP() << "needs root, to give a home to another user";
     }
-    const TemporaryTree tree{{"no-tools.json", text(R"({"tools": {}})")}};
-    tree.add({"home/.docker/bin/docker",
-              text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"),
-              {},
-              0755});
-    const auto scan = [&] {
-        return runKlarbox(tree.root(), "scan --home home --environment no-tools.json --category "
-                                       "docker")
-            .exitCode;
+    const TemporaryTree tree{
+        {"mnt", directory()},
+        {"bin/docker", link("../ann/.docker/bin/docker")},
+        {"linked", link("ann")},
+        {"none.json", text(R"({"tools": {}})")},
     };
-    ASSERT_EQ(::chown((tree / "home").path().c_str(), 12345, 12345), 0);
-    EXPECT_EQ(scan(), 0);
-    EXPECT_FALSE(FileManager::exists(tree / "ran"));
-    ASSERT_EQ(::chown((tree / "home").path().c_str(), 0, 0), 0);
-    EXPECT_EQ(scan(), 0);
-    EXPECT_TRUE(FileManager::exists(tree / "ran"));
+    const auto addDocker = [&](const std::string &home) {
+        tree.add({home + "/.docker/bin/docker",
+                  text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"),
+                  {},
+                  0755});
+    };
+    addDocker("mine");
+    addDocker("ann");
+    tree.add(
+        {"bin.json", text(R"({"tools": {"docker": ")" + (tree / "bin/docker").path() + R"("}})")});
+    ASSERT_EQ(::chown((tree / "ann").path().c_str(), 12345, 12345), 0);
+    const struct {
+        const char *owner; ///< whose home the process has as its own
+        const char *home;
+        const char *environment;
+        const char *disk;
+        bool isRun;
+    } cases[] = {
+        {"mine", "mine", "none.json", "/", true},
+        {"mine", "ann", "none.json", "/", false},
+        // By links, in front of the home and into it.
+        {"mine", "linked", "none.json", "/", false},
+        {"mine", "linked", "bin.json", "/", false},
+        {"ann", "mine", "bin.json", "/", false},
+        // Whose files these are, only the machine knows that the disk comes from.
+        {"mine", "mnt/ann", "none.json", "mnt", false},
+    };
+    inIsolatedProcess([&] {
+        if (!enterMountNamespace() ||
+            ::mount("none", (tree / "mnt").path().c_str(), "tmpfs", 0, nullptr) != 0) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        addDocker("mnt/ann");
+        for (const auto &[owner, home, environment, disk, isRun] : cases) {
+            shell(fmt::format("cd {}; HOME=$PWD/{} " KLARBOX_PROGRAM
+                              " scan --category docker --home {} --environment {} --disk {}",
+                              tree.root().path(), owner, home, environment, disk));
+            EXPECT_EQ(std::filesystem::remove((tree / "ran").path()), isRun)
+                << owner << " " << home << " " << environment;
+        }
+    });
 }
 
 TEST(ScanCommand, doesNotEndWellWhenItsOutputIsLost) {
