@@ -1,6 +1,7 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 
 #include "KlarboxKit/Platform/LinkFreePath.hpp"
+#include "KlarboxKit/Platform/OpenForReading.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
@@ -99,10 +100,13 @@ void forEachEntry(const FileURL &url, Visit visit) {
     if (hasNUL(url.path())) {
         throwReadError(url, ENOENT, "folder");
     }
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(::opendir(url.path().c_str()), ::closedir);
+    auto folder = openForReading(AT_FDCWD, url.path().c_str(), O_DIRECTORY | O_NONBLOCK);
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(folder ? ::fdopendir(folder.get()) : nullptr,
+                                                      ::closedir);
     if (!stream) {
         throwReadError(url, errno, "folder");
     }
+    folder.release(); // the stream's to close
     for (;;) {
         errno = 0;
         // Each call has a stream of its own, so the shared state that readdir is known for is not
@@ -220,7 +224,7 @@ std::string contents(const FileURL &url, std::size_t limit) {
     if (hasNUL(url.path())) {
         throwReadError(url, ENOENT, "file");
     }
-    const UniqueFD file(::open(url.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const auto file = openForReading(AT_FDCWD, url.path().c_str(), O_NONBLOCK | O_NOCTTY);
     struct stat st {};
     if (!file || ::fstat(file.get(), &st) != 0) {
         throwReadError(url, errno, "file");

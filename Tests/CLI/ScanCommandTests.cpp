@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -38,9 +40,22 @@ std::size_t widestLine(std::string text) {
 TEST(ScanCommand, findsExactlyWhatTheDemoWorldHoldsAndWritesNothing) {
     const TemporaryDemoWorld demo;
     const auto before = manifest(demo.world.root);
+    // Not even when something was last looked at, but for links, whom nobody follows unseen.
+    constexpr timespec longAgo[] = {{1'000'000, 0}, {0, UTIME_OMIT}};
+    const std::filesystem::recursive_directory_iterator world(demo.world.disk().path());
+    std::vector<std::filesystem::path> paths(begin(world), end(world));
+    std::erase_if(paths, [](const auto &path) { return std::filesystem::is_symlink(path); });
+    for (const auto &path : paths) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), longAgo, AT_SYMLINK_NOFOLLOW), 0);
+    }
     const auto run = demo.run("scan --json --category broken-preferences --category user-caches "
                               "--category trash --category system-logs --category "
                               "project-artifacts");
+    for (const auto &path : paths) {
+        struct stat status {};
+        ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_atim.tv_sec, 1'000'000) << path;
+    }
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(itemIDs(document(run), demo.world.disk().path()),

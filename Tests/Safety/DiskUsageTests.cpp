@@ -343,21 +343,6 @@ TEST(DiskUsage, findsItsWayBackWhenAFolderIsMovedWhileItIsInside) {
     EXPECT_EQ(total, expected);
 }
 
-TEST(DiskUsage, leavesNoTraceOfItsVisit) {
-    const TemporaryTree tree{{"t/a/x", bytes(1)}};
-    constexpr timespec longAgo[] = {{1'000'000, 0}, {0, UTIME_OMIT}};
-    const auto folders = {(tree / "t").path(), (tree / "t/a").path()};
-    for (const auto &folder : folders) {
-        ASSERT_EQ(::utimensat(AT_FDCWD, folder.c_str(), longAgo, 0), 0);
-    }
-    EXPECT_GT(DiskUsage::allocatedSize(tree / "t"), 0);
-    for (const auto &folder : folders) {
-        struct stat status {};
-        ASSERT_EQ(::stat(folder.c_str(), &status), 0);
-        EXPECT_EQ(status.st_atim.tv_sec, 1'000'000) << folder;
-    }
-}
-
 TEST(DiskUsage, manyMeasurementsAtOnceDoNotDisturbEachOther) {
     const TemporaryTree tree(inMemory, {});
     for (int file = 0; file < 6'000; ++file) {

@@ -26,10 +26,11 @@ thread_local bool listsNoTypes = false; // entries come without a type
 
 } // namespace
 
-extern "C" DIR *opendir(const char *path) {
-    static const auto real = reinterpret_cast<decltype(&::opendir)>(::dlsym(RTLD_NEXT, "opendir"));
+extern "C" DIR *fdopendir(int fd) {
+    static const auto real =
+        reinterpret_cast<decltype(&::fdopendir)>(::dlsym(RTLD_NEXT, "fdopendir"));
     errno = openError;
-    return openError != 0 ? nullptr : real(path);
+    return openError != 0 ? nullptr : real(fd);
 }
 
 extern "C" dirent *readdir(DIR *stream) {
