@@ -105,31 +105,39 @@ struct Plan {
         }
     }
 
-    std::string description() const {
-        std::string text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
-                                       DisplayText::size(bytes));
+    /// In sentences that fit so many columns (0: any number).
+    std::string description(std::size_t width) const {
+        auto text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
+                                DisplayText::size(bytes));
+        const auto add = [&](const std::string &sentence) {
+            std::string_view lead = "  ";
+            const auto room = width == 0 ? 0 : std::max(width, DisplayText::narrowest) - 4;
+            for (const auto &line : DisplayText::wrapped(sentence, room)) {
+                text += fmt::format("{}{}\n", lead, line);
+                lead = "    ";
+            }
+        };
         if (trashed > 0) {
-            text += fmt::format("  {} will be moved to the Trash.\n",
-                                DisplayText::count(trashed, "item"));
+            add(DisplayText::count(trashed, "item") + " will be moved to the Trash.");
         }
         if (permanent > 0) {
-            text += fmt::format("  {} will be deleted permanently. This can't be undone.\n",
-                                DisplayText::count(permanent, "item"));
+            add(DisplayText::count(permanent, "item") +
+                " will be deleted permanently. This can't be undone.");
         }
         if (!privilegedRemark.empty()) {
-            text += fmt::format("  {}\n", privilegedRemark);
+            add(privilegedRemark);
         }
         for (const auto &command : commands) {
-            text += fmt::format("  This command will be run: {}\n", command);
+            add("This command will be run: " + command);
         }
         return text;
     }
 };
 
-bool confirmed(const Plan &plan) {
+bool confirmed(const Plan &plan, std::size_t width) {
     const auto answer = ask(fmt::format(
-        "{}Clean {} ({}){}? [y/N] ", plan.description(), DisplayText::count(plan.count, "item"),
-        DisplayText::size(plan.bytes),
+        "{}Clean {} ({}){}? [y/N] ", plan.description(width),
+        DisplayText::count(plan.count, "item"), DisplayText::size(plan.bytes),
         plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
     const auto word = Text::lowercased(Text::trimmed(answer));
     return word == "y" || word == "yes";
@@ -195,14 +203,14 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
         write(stdout, options.scan.json
                           ? encodeJSON(scanDocument(scans), 2) + "\n"
                           : scanTable(scans, {.style = outputStyle, .isSelection = true}) +
-                                plan.description() + "Nothing was touched.\n");
+                                plan.description(outputStyle.width) + "Nothing was touched.\n");
         return ExitCode::done;
     }
     if (!items.empty() && !options.yes) {
         // Whoever chose from the table has seen it.
         write(stderr,
               hasSelection ? scanTable(scans, {.style = errorStyle, .isSelection = true}) : "\n");
-        if (!confirmed(plan)) {
+        if (!confirmed(plan, errorStyle.width)) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
         }

@@ -14,7 +14,7 @@ namespace klarbox::DisplayText {
 /// On a terminal with fewer columns than this, rows of a table are broken into several lines.
 inline constexpr std::size_t narrowestTable = 64;
 /// On one with still fewer, lines wrap; fitting them would leave nothing to read.
-inline constexpr std::size_t narrowest = 24;
+inline constexpr std::size_t narrowest = 30;
 
 /// A size in decimal units: "0 B", "812 B", "4.1 kB", "820.1 MB", "1.24 GB".
 std::string size(std::int64_t bytes);

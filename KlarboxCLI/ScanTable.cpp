@@ -77,10 +77,13 @@ public:
 private:
     bool isNarrow() const { return width_ != 0 && width_ < DisplayText::narrowestTable; }
 
+    /// Where rows begin.
+    std::size_t margin() const { return isNarrow() ? 0 : gap; }
+
     /// Where titles, details and notes begin.
     std::size_t textColumn() const {
         if (isNarrow()) {
-            return gap + numberWidth_;
+            return numberWidth_ + gap;
         }
         return gap + numberWidth_ + markWidth + gap + sizeWidth + gap + tierWidth + gap;
     }
@@ -95,12 +98,7 @@ private:
     }
 
     void writeCategory(const CategoryScan &scan) {
-        auto heading = style_.bold(scan.info.title);
-        if (!scan.items.empty()) {
-            heading += fmt::format(" · {} in {}", DisplayText::size(scan.totalSize()),
-                                   DisplayText::count(scan.items.size(), "item"));
-        }
-        line(heading);
+        writeHeading(scan);
         // Said once where it holds for all.
         const bool allOfTheSystem =
             !scan.items.empty() &&
@@ -122,20 +120,36 @@ private:
         line("");
     }
 
+    void writeHeading(const CategoryScan &scan) {
+        const auto &title = scan.info.title;
+        if (scan.items.empty()) {
+            line(style_.bold(title));
+            return;
+        }
+        const auto sum = fmt::format("{} in {}", DisplayText::size(scan.totalSize()),
+                                     DisplayText::count(scan.items.size(), "item"));
+        constexpr std::string_view dot = " · ";
+        const auto used = Text::displayWidth(title) + Text::displayWidth(dot);
+        const bool fits = width_ == 0 || used + Text::displayWidth(sum) <= width_;
+        line(style_.bold(title) + (fits ? std::string(dot) + sum : ""));
+        if (!fits) {
+            line(std::string(gap, ' ') + sum);
+        }
+    }
+
     void writeItem(const KlarboxItem &item, bool saysSystem) {
-        std::string row(gap, ' ');
+        std::string row(margin(), ' ');
         if (numberWidth_ > 0) {
             row += DisplayText::leftAligned(
                 DisplayText::rightAligned(std::to_string(++number_), numberWidth_ - gap),
                 numberWidth_);
         }
-        row += item.isSelectedByDefault ? style_.green("[x]") : "[ ]";
+        row += item.isSelectedByDefault || isSelection_ ? style_.green("[x]") : "[ ]";
         row += std::string(gap, ' ');
         row += DisplayText::rightAligned(DisplayText::size(item), sizeWidth);
         row += std::string(gap, ' ');
         const auto tier = DisplayText::leftAligned(DisplayText::tier(item.tier), tierWidth);
         row += item.tier == SafetyTier::review ? style_.yellow(tier) : tier;
-        row += std::string(gap, ' ');
 
         const auto title = Text::visible(item.title);
         auto detail = item.detail ? Text::visible(*item.detail) : std::string();
@@ -147,7 +161,7 @@ private:
             indented(title);
             indented(detail);
         } else {
-            line(row + titleAndDetail(title, detail));
+            line(row + std::string(gap, ' ') + titleAndDetail(title, detail));
         }
         if (const auto facts = remarks(item, saysSystem); !facts.empty()) {
             paragraph(facts, textColumn());

@@ -13,7 +13,8 @@ struct ScanTableOptions {
     OutputStyle style = {};
     /// Whether each item has a number (from 1, in the order of `numberedItems`) to choose it by.
     bool numbered = false;
-    /// Whether only chosen items are left, so that an empty category says nothing of what is there.
+    /// Whether only chosen items are left: all are marked, and an empty category says nothing of
+    /// what is there.
     bool isSelection = false;
 };
 

@@ -226,7 +226,7 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
     const auto scan = "scan --category user-caches --category trash --category xcode --category "
                       "system-logs --category project-artifacts --category docker" +
                       demo.options;
-    for (const int columns : {40, 63, 64, 80, 120}) {
+    for (const int columns : {30, 40, 63, 64, 80, 120}) {
         const auto run = runKlarboxOnTerminal(demo.folder.root(), scan, "", columns);
         EXPECT_EQ(run.exitCode, 0);
         EXPECT_THAT(run.out, AllOf(HasSubstr("Scanning: "), HasSubstr("App Caches"),
