@@ -35,21 +35,18 @@ std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault
     }
     std::set<std::string> wanted;
     for (const auto &identifier : identifiers) {
-        const auto found = shownAs.find(Text::repairedUTF8(identifier));
-        if (found == shownAs.end()) {
-            throw UsageError(fmt::format("--item: the scan found no item '{}'; nothing was cleaned",
+        auto meant = shownAs[Text::repairedUTF8(identifier)];
+        if (!Text::isValidUTF8(identifier)) {
+            // The very bytes, not what stands for them.
+            std::erase_if(meant, [&](const std::string &id) { return id != identifier; });
+        }
+        if (meant.size() != 1) {
+            throw UsageError(fmt::format("--item: {} '{}'; nothing was cleaned",
+                                         meant.empty() ? "the scan found no item"
+                                                       : "more than one item is shown as",
                                          Text::visible(identifier)));
         }
-        const auto &meant = found->second;
-        if (meant.size() == 1) {
-            wanted.insert(*meant.begin());
-        } else if (meant.contains(identifier) && !Text::isValidUTF8(identifier)) {
-            wanted.insert(identifier); // the very bytes, not what stands for them
-        } else {
-            throw UsageError(fmt::format("--item: more than one item is shown as '{}'; nothing was "
-                                         "cleaned",
-                                         Text::visible(identifier)));
-        }
+        wanted.merge(meant);
     }
     for (auto &scan : scans) {
         std::erase_if(scan.items, [&](const KlarboxItem &item) {

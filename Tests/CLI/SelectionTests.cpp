@@ -61,6 +61,7 @@ TEST(Selection, takesExactlyWhatIsNamedOrNothing) {
     // Two items are shown alike; guessing which is meant could remove the wrong one.
     EXPECT_THROW(Selection::select(scans(), false, {"bad-\uFFFD"}), UsageError);
     EXPECT_THAT(ids(Selection::select(scans(), false, {"bad-\xe8"})), ElementsAre("bad-\xe8"));
+    EXPECT_THROW(Selection::select(scans(), false, {"bad-\xe7"}), UsageError);
     // Numbers are those of the table, which lists the largest first.
     EXPECT_THAT(ids(Selection::selectNumbers(scans(), {1, 4})), ElementsAre("small", "big"));
 }
