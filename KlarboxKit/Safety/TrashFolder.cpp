@@ -38,7 +38,7 @@ struct stat statusOf(const UniqueFD &folder) {
         fmt::format("The folder “{}” isn’t safe from other users.", name), EPERM);
 }
 
-/// The folder `name` of the folder `at`, made with this mode, and for this user, when it is
+/// The folder `name` of the folder `at`, made with this mode, and by root for this user, when it is
 /// missing.
 UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t owner) {
     auto folder = openFolderToSearch(at.get(), name);
@@ -51,9 +51,12 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
             if (statusOf(folder).st_uid != ::geteuid()) {
                 throwUnsafe(name);
             }
-            if (owner != ::geteuid() &&
+            // Only root can give it away; anybody else who may make it there may keep it.
+            if (::geteuid() == 0 && owner != 0 &&
                 ::fchown(folder.get(), owner, static_cast<gid_t>(-1)) != 0) {
-                throwUnusable(name, errno);
+                const int code = errno;
+                ::unlinkat(at.get(), name, AT_REMOVEDIR);
+                throwUnusable(name, code);
             }
             if (mode != ownMode) {
                 // Where modes mean nothing, as on a memory stick, it stays this user's alone.
@@ -98,7 +101,7 @@ bool isSafeToShare(const struct stat &status) {
 
 TrashFolder TrashFolder::inHome(const FileURL &home) {
     // Whoever names a home by a link means where it leads; below it nothing is followed.
-    const UniqueFD folder(::open(home.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFD folder(::open(home.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folder) {
         throw PlatformError::posix(errno);
     }

@@ -152,6 +152,20 @@ TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
     });
 }
 
+TEST(FileSystemRemover, makesATrashInAHomeThatItMayOnlyWriteTo) {
+    const TemporaryTree tree{{"own/item", bytes(1)}, {"shared/item", bytes(1)}};
+    for (const auto &[folder, mode] : {std::pair("", 0755U), {"own", 0300U}, {"shared", 0777U}}) {
+        std::filesystem::permissions((tree / folder).path(), std::filesystem::perms(mode));
+    }
+    ASSERT_TRUE(!isRoot() || ::chown((tree / "own").path().c_str(), 65534, 65534) == 0);
+    inIsolatedProcess([&] {
+        becomeOrdinaryUser(); // to whom the second does not belong
+        for (const auto *home : {"own", "shared"}) {
+            EXPECT_EQ(trashed((tree / home).appending("item"), tree / home), moved) << home;
+        }
+    });
+}
+
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
     const TemporaryTree tree{
         {"home/mounted", directory()}, {"disk", directory()}, {"unsafe", directory()},
