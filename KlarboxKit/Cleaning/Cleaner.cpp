@@ -287,9 +287,14 @@ std::vector<FileURL> Cleaner::concretePaths(const KlarboxTarget &target,
     if (contents == nullptr) {
         return target.paths();
     }
-    // A root may be emptied, though never removed: the guard would refuse the folder itself.
-    const auto folder =
-        isSamePlace(contents->of, root) ? contents->of : safety_->validate(contents->of, root);
+    // A root may be emptied, though never removed: the guard would refuse the folder itself. But
+    // not what a link in its place leads to, should that be somebody's documents.
+    const bool isRoot = isSamePlace(contents->of, root);
+    if (isRoot && FileManager::type(contents->of) == FileManager::FileType::symbolicLink &&
+        safety_->isProtected(contents->of)) {
+        throw SafetyRefusal(SafetyViolation::protectedLocation);
+    }
+    const auto folder = isRoot ? contents->of : safety_->validate(contents->of, root);
     std::vector<FileURL> entries;
     for (const auto &name : FileManager::contentsOfDirectory(folder)) {
         entries.push_back(folder.appending(name));

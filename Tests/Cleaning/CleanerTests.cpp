@@ -189,7 +189,7 @@ TEST(Cleaner, removesFilesAsTheUserAndTellsWhatCameOfIt) {
         {"home/Documents/x", bytes(1)}, {"home/other", bytes(5000)},
         {"outside/x", bytes(1)},        {"root/vanishing", bytes(1)},
         {"whole/busy", bytes(1)},       {"whole/z", bytes(5000)},
-        {"root/readOnly", bytes(1)},
+        {"root/readOnly", bytes(1)},    {"root/documents", link("../home/Documents")},
     };
     const struct {
         std::string target;
@@ -206,6 +206,7 @@ TEST(Cleaner, removesFilesAsTheUserAndTellsWhatCameOfIt) {
         // A root may be emptied, however it is written.
         {"contents root/../whole", "whole", "partial: 1 of 2 could not be removed (busy)",
          "whole/z"},
+        {"contents root/documents", "root/documents", "refused: protectedLocation"},
         {"item root/gone", "root", "refused: notFound"},
         {"contents root/gone", "root", "refused: notFound"},
         {"item root/a", "gone", "refused: notFound"},
