@@ -13,12 +13,14 @@
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanners/DefaultScanners.hpp"
+#include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
 
 #include <algorithm>
 #include <charconv>
 #include <fcntl.h>
+#include <iterator>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -235,7 +237,7 @@ ScanSession::ScanSession(const ScanOptions &options)
     requireFolder("the home folder", context_.home);
     context_.environment =
         environment(options.environmentFile, liveEnvironment(context_.home, disk_));
-    auto foreign = enclosures();
+    auto foreign = foreignFolders();
     // Tools are looked for there too.
     if (const auto own = FileManager::homeDirectory(); !isTrusted(own)) {
         foreign.push_back(own);
@@ -244,7 +246,7 @@ ScanSession::ScanSession(const ScanOptions &options)
         std::make_shared<CautiousCommandRunner>(std::move(context_.environment.runner), foreign);
 }
 
-std::vector<FileURL> ScanSession::enclosures() const {
+std::vector<FileURL> ScanSession::foreignFolders() const {
     std::vector<FileURL> folders;
     if (!isTrusted(context_.home)) {
         folders.push_back(context_.home);
@@ -253,6 +255,13 @@ std::vector<FileURL> ScanSession::enclosures() const {
     if (disk_ != FileURL("/") && (!isTrusted(disk_) || isMountPoint(disk_))) {
         folders.push_back(disk_);
     }
+    return folders;
+}
+
+std::vector<FileURL> ScanSession::enclosures() const {
+    auto folders = foreignFolders();
+    std::ranges::copy(ScannerSupport::childrenOrNone(disk_.appending("Volumes")),
+                      std::back_inserter(folders));
     return folders;
 }
 

@@ -25,8 +25,8 @@ public:
     const PrivilegedRoots &roots() const { return roots_; }
 
     /// Folders that no link below them may lead out of when their contents are removed: a home that
-    /// another user owns, a disk that is mounted. Whoever put the links there may mean no good. A
-    /// person's own home may have its caches on another disk, and is cleaned there.
+    /// another user owns, a disk that is mounted, every volume. Whoever put the links there may mean
+    /// no good. A person's own home may have its caches on another disk, and is cleaned there.
     std::vector<FileURL> enclosures() const;
 
     /// Scans, showing on `progress` which categories run, how many are done and what was found so
@@ -34,6 +34,9 @@ public:
     std::vector<CategoryScan> scan(ProgressLine &progress, std::stop_token stop) const;
 
 private:
+    /// Where what lies there need not be this person's.
+    std::vector<FileURL> foreignFolders() const;
+
     FileURL disk_;
     PrivilegedRoots roots_;
     ScannerList scanners_;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <iterator>
 
 namespace klarbox {
 
@@ -103,7 +104,8 @@ std::vector<std::string> components(const FileURL &url) {
 
 } // namespace
 
-SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures) {
+SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures)
+    : home_(place(homeDirectory)) {
     const auto home = canonicalPath(homeDirectory.path());
     std::vector<std::string> listed(systemProtectedPaths.begin(), systemProtectedPaths.end());
     for (const auto entry : homeProtectedPaths) {
@@ -117,12 +119,14 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> 
         protectedPaths_.insert(Text::lowercased(canonicalPath(lowered)));
         protectedPaths_.insert(Text::lowercased(canonicalPath(path)));
     }
-    for (const auto &folder : enclosures) {
-        enclosures_.push_back({components(folder.standardized()),
-                               Text::foldedPathComponents(canonicalPath(folder.path()))});
-    }
+    std::ranges::transform(enclosures, std::back_inserter(enclosures_), place);
     std::ranges::stable_sort(enclosures_, std::greater{},
-                             [](const Enclosure &each) { return each.real.size(); });
+                             [](const Place &each) { return each.real.size(); });
+}
+
+SafetyGuard::Place SafetyGuard::place(const FileURL &folder) {
+    return {.written = components(folder.standardized()),
+            .real = Text::foldedPathComponents(canonicalPath(folder.path()))};
 }
 
 FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
@@ -171,8 +175,13 @@ FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
     return FileURL(candidate.path(), *type == FileManager::FileType::directory);
 }
 
-bool SafetyGuard::leadsOut(const Components &written, const Components &candidate) const {
-    const auto holding = std::ranges::find_if(enclosures_, [&](const Enclosure &each) {
+bool SafetyGuard::leadsOut(Components written, const Components &candidate) const {
+    if (klarbox::isInside(written, home_.written)) {
+        written.erase(written.begin(),
+                      written.begin() + static_cast<std::ptrdiff_t>(home_.written.size()));
+        written.insert(written.begin(), home_.real.begin(), home_.real.end());
+    }
+    const auto holding = std::ranges::find_if(enclosures_, [&](const Place &each) {
         return klarbox::isInside(written, each.written) || klarbox::isInside(written, each.real);
     });
     return holding != enclosures_.end() && !klarbox::isInside(candidate, holding->real);

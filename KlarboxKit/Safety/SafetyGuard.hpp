@@ -23,7 +23,8 @@ public:
     ///
     /// `enclosures` are folders that no link may lead out of, not even one in the place of a root:
     /// what is written as lying in one is accepted only when it really lies in it. Where one lies
-    /// in another the inner one decides. For trees that somebody else made.
+    /// in another the inner one decides. A home that is spelled through links lies where these
+    /// lead. For trees that somebody else made.
     explicit SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures = {});
 
     /// Returns the resolved location to act on in place of `url`: links in its parent folders are
@@ -43,15 +44,18 @@ public:
 private:
     using Components = std::vector<std::string>; ///< of a path, lower-cased
 
-    struct Enclosure {
+    /// A folder by the path it was given as, and by the one with links resolved.
+    struct Place {
         Components written;
         Components real;
     };
 
-    bool leadsOut(const Components &written, const Components &candidate) const;
+    static Place place(const FileURL &folder);
+    bool leadsOut(Components written, const Components &candidate) const;
 
     std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased
-    std::vector<Enclosure> enclosures_;              ///< the deepest first
+    Place home_;
+    std::vector<Place> enclosures_; ///< the deepest first
 };
 
 } // namespace klarbox

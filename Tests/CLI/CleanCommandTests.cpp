@@ -109,7 +109,7 @@ TEST(CleanCommand, emptiesTheTrashBeforeItMovesAnythingThere) {
     EXPECT_THAT(FileManager::contentsOfDirectory(trash), ElementsAre("previews.db"));
 }
 
-TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffAMountedDisk) {
+TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffADiskOrVolume) {
     // Made outside: it cannot be removed while something is mounted in it.
     const TemporaryTree tree{{"own", directory()},
                              {"foreign", directory()},
@@ -146,6 +146,16 @@ TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffAMountedDisk) {
             EXPECT_NE(FileManager::exists(target.appending("com.example.a/x")), leadsOut) << home;
         }
     });
+    // A stick with something else in the place of its Trash.
+    const auto uid = std::to_string(::getuid());
+    tree.add({"plain/Volumes/Stick/.Trashes", link("../../../precious")});
+    tree.add({"precious/" + uid + "/x", bytes(2'000'000)});
+    const auto run = runKlarbox(
+        tree.root(), fmt::format("clean --yes --category trash --home own --disk plain --item "
+                                 "trash:{}/.Trashes/{}",
+                                 (tree / "plain/Volumes/Stick").path(), uid));
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_TRUE(FileManager::exists(tree / ("precious/" + uid + "/x")));
 }
 
 TEST(CleanCommand, refusesWithoutASelectionOrSomebodyToAsk) {

@@ -137,6 +137,13 @@ TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
     for (const auto &[root, expected] : cases) {
         EXPECT_EQ(violation(guard, (tree / root).appending("x"), tree / root), expected) << root;
     }
+    // Nor when the way to the home begins elsewhere.
+    tree.add({"elsewhere/home", link("../disk/home")});
+    const SafetyGuard linking(tree / "elsewhere/home", std::vector{tree / "disk"});
+    EXPECT_EQ(violation(linking, tree / "elsewhere/home/Caches/x", tree / "elsewhere/home/Caches"),
+              escape);
+    EXPECT_EQ(violation(linking, tree / "elsewhere/home/Logs/x", tree / "elsewhere/home/Logs"),
+              std::nullopt);
 }
 
 TEST(SafetyGuard, knowsProtectedPlacesThatDoNotExist) {
