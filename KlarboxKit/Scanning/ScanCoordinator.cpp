@@ -7,6 +7,7 @@
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -94,9 +95,14 @@ ScanCoordinator::scan(const ScanContext &context,
     std::vector<std::jthread> threads;
     threads.reserve(relevant.size());
     for (std::size_t position = 0; position < relevant.size(); ++position) {
-        threads.emplace_back([&, position, scanner = relevant[position]] {
+        const auto run = [&, position, scanner = relevant[position]] {
             finished.put(position, scanned(*scanner, context, stop));
-        });
+        };
+        try {
+            threads.emplace_back(run);
+        } catch (const std::system_error &) {
+            run(); // no more threads to be had: one after the other then
+        }
     }
 
     std::vector<std::optional<CategoryScan>> byPosition(relevant.size());
