@@ -182,7 +182,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     Interrupt::Hook hook(interrupt, [&] { progress.close(); });
     auto scans = session.scan(progress, interrupt.token());
     if (interrupt.wasRequested()) {
-        return ExitCode::interrupted;
+        return interrupt.exitCode();
     }
 
     // The shell's prompt shall not stand in the line of a question that was not answered.
@@ -249,7 +249,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
             tell(fmt::format("Stopped; {} left as found.\n",
                              DisplayText::count(left, "selected item")));
         }
-        return ExitCode::interrupted;
+        return interrupt.exitCode();
     }
     return isReported && report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;
 }

@@ -73,6 +73,7 @@ void Interrupt::watch(const std::stop_token &quit) {
         if (quit.stop_requested()) {
             return;
         }
+        signal_ = signal;
         const bool isSecond = source_.stop_requested();
         source_.request_stop();
         if (!isSecond) {
@@ -84,7 +85,7 @@ void Interrupt::watch(const std::stop_token &quit) {
         if (!finishesWorkFirst_ || isSecond) {
             std::this_thread::sleep_for(grace);
             // Other threads are in the middle of reading; nobody waits for what they would find.
-            ::_exit(128 + signal);
+            ::_exit(exitCode());
         }
     }
 }

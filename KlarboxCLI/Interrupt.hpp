@@ -43,6 +43,9 @@ public:
     /// Whether a stop was requested by a signal.
     bool wasRequested() const { return source_.stop_requested(); }
 
+    /// What a process that was stopped so exits with: 130 for Ctrl-C.
+    int exitCode() const { return 128 + signal_; }
+
     /// Stops the work that this token is given to.
     std::stop_token token() const { return source_.get_token(); }
 
@@ -53,6 +56,7 @@ private:
     std::mutex mutex_;
     std::function<void()> tidyUp_;
     std::atomic<bool> finishesWorkFirst_ = false;
+    std::atomic<int> signal_ = 0; ///< the last one
     std::jthread watcher_;
 };
 

@@ -17,7 +17,7 @@ int runScan(const ScanOptions &options, Interrupt &interrupt) {
 
     const auto scans = session.scan(progress, interrupt.token());
     if (interrupt.wasRequested()) {
-        return ExitCode::interrupted;
+        return interrupt.exitCode();
     }
     if (options.json) {
         write(stdout, encodeJSON(scanDocument(scans), 2) + "\n");

@@ -16,7 +16,6 @@ namespace ExitCode {
 inline constexpr int done = 0;
 inline constexpr int cleaningFailed = 1; ///< at least one item did not come out clean
 inline constexpr int usage = 2;
-inline constexpr int interrupted = 130;
 } // namespace ExitCode
 
 } // namespace klarbox
