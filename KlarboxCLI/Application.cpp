@@ -225,9 +225,8 @@ int run(int argc, char **argv, Interrupt &interrupt) {
         write(stdout, app.get_formatter()->make_help(&app, "klarbox", CLI::AppFormatMode::Normal));
         return ExitCode::done;
     }
-    const auto topics = app.get_subcommands([&](const CLI::App *command) {
-        return command != help && command->get_name() == helpTopic;
-    });
+    const auto topics = app.get_subcommands(
+        [&](const CLI::App *command) { return command->get_name() == helpTopic; });
     if (topics.empty()) {
         throw UsageError(fmt::format("help: there is no command '{}'", Text::visible(helpTopic)));
     }

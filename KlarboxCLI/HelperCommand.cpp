@@ -40,9 +40,12 @@ std::optional<std::string> signedVersion(const FileURL &executable,
 
 /// Why the helper turns this program away.
 std::string ownProblem(const XPCConnection::Service &service) {
+    if (HelperIdentity::currentProcessCanUseHelper()) {
+        return "This copy of klarbox is signed, but it is not the installed one.";
+    }
     try {
         static_cast<void>(Code::ofCurrentProcess().signingInformation(service.anchors));
-        return "This copy of klarbox is signed, but it is not the installed one.";
+        return "This program is signed as another one.";
     } catch (const PlatformError &error) {
         return error.message();
     }
@@ -56,14 +59,12 @@ HelperStatus helperStatus(const FileURL &executable, const XPCConnection::Servic
     try {
         const XPCConnection connection(service);
         status.isReachable = true;
-        status.acceptsThisProgram = true;
         status.version = connection.service().version;
         return status;
     } catch (const XPCError &error) {
         status.isReachable = error.kind() != XPCError::Kind::unreachable;
         status.problem = error.message();
         if (error.kind() == XPCError::Kind::unverified) {
-            status.acceptsThisProgram = true;
             status.remedy = reinstall;
             return status;
         }

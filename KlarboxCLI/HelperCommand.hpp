@@ -13,7 +13,6 @@ namespace klarbox {
 struct HelperStatus {
     bool isInstalled = false;           ///< its executable is there
     bool isReachable = false;           ///< something listens at its socket
-    bool acceptsThisProgram = false;    ///< it let this program in
     std::optional<std::string> version; ///< set when it is correctly signed
     std::string problem;                ///< a sentence; empty when requests can be made
     std::string remedy;                 ///< what to do about it; empty with `problem`

@@ -13,8 +13,8 @@
 
 namespace klarbox {
 
-/// Everything that a scan needs, made from the options: input is read and checked here, before
-/// anything is looked at.
+/// Everything that a scan needs, made from the options: input is read and checked here, before any
+/// scanner looks at anything.
 class ScanSession {
 public:
     /// Throws `UsageError` for a home that is no folder, an unreadable or wrong settings or
@@ -25,8 +25,8 @@ public:
     const PrivilegedRoots &roots() const { return roots_; }
 
     /// Folders that no link below them may lead out of when their contents are removed: a home that
-    /// another user owns, a disk that is mounted, every volume. Whoever put the links there may mean
-    /// no good. A person's own home may have its caches on another disk, and is cleaned there.
+    /// another user owns, a disk that is mounted, every volume. Whoever put the links there may
+    /// mean no good. A person's own home may have its caches on another disk, and is cleaned there.
     std::vector<FileURL> enclosures() const;
 
     /// Scans, showing on `progress` which categories run, how many are done and what was found so

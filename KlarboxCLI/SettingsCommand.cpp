@@ -12,6 +12,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <unistd.h>
 #include <variant>
 
 #include <fmt/format.h>
@@ -50,7 +51,7 @@ const Key &keyNamed(const std::string &name) {
     return *found;
 }
 
-/// The value as lines that `set` and `add` take back.
+/// The value in lines, paths as they can be shown.
 std::string valueText(const ScanSettings &settings, const Key &key) {
     return std::visit(
         overloaded{
@@ -107,7 +108,8 @@ std::vector<std::string> &listOf(ScanSettings &settings, const Key &key, std::st
     throw UsageError(fmt::format("settings {}: {} is not a list; use set", action, key.name));
 }
 
-/// Paths that no scan could act on are refused here, where the person can still see the slip.
+/// Refuses, where the person can still see the slip, what would mean another place in every folder
+/// that klarbox is run in, and what a settings file cannot hold.
 void checkPaths(std::string_view where, const Key &key, const std::vector<std::string> &values) {
     for (const auto &value : values) {
         if (!Text::isValidUTF8(value)) {
@@ -182,7 +184,7 @@ int runSettings(const SettingsOptions &options) {
         options.file.empty() ? SettingsStore::defaultLocation() : FileURL(options.file);
     const auto shownFile = Text::visible(file.path());
     if (options.action == "path") {
-        write(stdout, file.path() + "\n");
+        write(stdout, (::isatty(STDOUT_FILENO) == 1 ? shownFile : file.path()) + "\n");
         return ExitCode::done;
     }
     auto settings = SettingsStore::loadOrFirstRun(file);

@@ -21,7 +21,7 @@ struct RawValues<ScanSection> {
 
 /// What describes one category of findings.
 struct CategoryInfo {
-    std::string id;      ///< lower-case words joined by hyphens; prefix of its items' identifiers
+    std::string id;      ///< lower-case words joined by hyphens
     std::string title;   ///< shown name
     std::string summary; ///< one or two sentences
     std::string symbol;  ///< name of the symbol image shown for it

@@ -13,7 +13,7 @@ namespace klarbox {
 /// One finding of a scan: a removable thing, its size, and how it may be removed. Texts that come
 /// from file names are bytes; whoever shows them makes them safe to show.
 struct KlarboxItem {
-    std::string id;    ///< the category's identifier, a colon and a key; unique within one scan
+    std::string id;    ///< unique within one scan, and the same in the next for the same finding
     std::string title; ///< shown name
     std::optional<std::string> detail = std::nullopt; ///< shown with the title, often the location
     KlarboxTarget target;

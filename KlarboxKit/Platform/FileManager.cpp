@@ -212,8 +212,8 @@ std::vector<std::string> contentsOfDirectory(const FileURL &url) {
     return names;
 }
 
-std::vector<DirectoryEntry> entriesOfDirectory(const FileURL &url) {
-    std::vector<DirectoryEntry> entries;
+std::vector<ListedEntry> entriesOfDirectory(const FileURL &url) {
+    std::vector<ListedEntry> entries;
     forEachEntry(url, [&](std::string_view name, unsigned char type) {
         entries.push_back({std::string(name), listedType(type)});
     });

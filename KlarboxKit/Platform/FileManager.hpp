@@ -49,13 +49,13 @@ std::optional<std::string> realPath(std::string_view path);
 std::vector<std::string> contentsOfDirectory(const FileURL &url);
 
 /// One entry of a folder as its listing tells it.
-struct DirectoryEntry {
+struct ListedEntry {
     std::string name;
     std::optional<FileType> type; ///< nothing when the file system keeps no types in its listings
 };
 
 /// The same entries with the types that the listing gives without a look at each entry.
-std::vector<DirectoryEntry> entriesOfDirectory(const FileURL &url);
+std::vector<ListedEntry> entriesOfDirectory(const FileURL &url);
 
 /// The bytes of a regular file, symbolic links followed. Never waits (on a FIFO, say). Throws when
 /// the file cannot be read, is no regular file, or is longer than `limit` bytes.
