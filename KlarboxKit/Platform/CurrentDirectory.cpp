@@ -1,5 +1,8 @@
 #include "KlarboxKit/Platform/CurrentDirectory.hpp"
 
+#include "KlarboxKit/Platform/PlatformError.hpp"
+
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
@@ -9,9 +12,14 @@ namespace klarbox {
 
 std::string currentDirectory() {
     const std::unique_ptr<char, void (*)(void *)> path(::getcwd(nullptr, 0), std::free);
-    // "(unreachable)…" is what the kernel says of a folder outside this process's root.
+    const int code = path ? ENOENT : errno;
+    // "(unreachable)…" is what the kernel says of a folder that a disk took along when it went.
     const std::string_view found = path ? path.get() : "";
-    return found.starts_with('/') && found != "/" ? std::string(found) : "";
+    if (!found.starts_with('/')) {
+        throw PlatformError::cocoa(PlatformError::fileReadNoSuchFile,
+                                   "There is no current folder any more.", code);
+    }
+    return std::string(found == "/" ? "" : found);
 }
 
 } // namespace klarbox

@@ -4,8 +4,8 @@
 
 namespace klarbox {
 
-/// The process's current folder without a trailing slash, so that the root is the empty string (and
-/// stands in when the current folder is gone).
+/// The process's current folder without a trailing slash, so that the root is the empty string.
+/// Throws `PlatformError` when the folder is gone: nothing else may stand in for it.
 std::string currentDirectory();
 
 } // namespace klarbox

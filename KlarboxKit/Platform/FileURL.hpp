@@ -7,15 +7,17 @@ namespace klarbox {
 
 /// An absolute file-system location. The path is bytes, not text: it need not be UTF-8.
 ///
-/// Immutable value; every operation is lexical and touches no disk. Safe from any thread.
+/// Immutable value; every operation but the making of one from a relative path is lexical and
+/// touches no disk. Safe from any thread.
 class FileURL {
 public:
     /// The root folder.
     FileURL() = default;
 
-    /// Takes a path as written. A relative path is resolved against the process's current folder.
-    /// Trailing slashes are dropped (a system call given one would follow a final link); one marks
-    /// the location as a directory, as `isDirectory` does. Nothing else is normalised.
+    /// Takes a path as written. A relative path is resolved against the process's current folder;
+    /// throws `PlatformError` when that is gone. Trailing slashes are dropped (a system call given
+    /// one would follow a final link); one marks the location as a directory, as `isDirectory`
+    /// does. Nothing else is normalised.
     explicit FileURL(std::string_view path, bool isDirectory = false);
 
     /// The path, beginning with "/" and without a trailing slash (but for "/" itself).

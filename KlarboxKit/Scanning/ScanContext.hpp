@@ -41,7 +41,7 @@ struct ScanContext {
     std::int64_t minimumSize; ///< bytes; most scanners offer nothing smaller
 
     /// The location that a path as typed stands for: "~" and "~/…" lie in `home`, a relative path
-    /// in the process's current folder. Nothing is standardised.
+    /// in the process's current folder. Nothing is standardised. Throws as `FileURL` does.
     FileURL expand(std::string_view path) const;
 
     /// `home` with a relative path appended.

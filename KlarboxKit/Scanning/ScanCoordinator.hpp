@@ -19,7 +19,8 @@ public:
     /// Blocks until every relevant scanner has returned; one entry per relevant scanner, in the
     /// order of the list. `progress` is called on the calling thread, one call at a time: once
     /// before any scanner starts and once after each. A requested `stop` is passed on to the
-    /// scanners, which then return early. Nothing is thrown.
+    /// scanners, which then return early. Throws `PlatformError` only when an excluded path is
+    /// relative and there is no current folder.
     std::vector<CategoryScan> scan(const ScanContext &context,
                                    const std::function<void(const ScanProgress &)> &progress,
                                    std::stop_token stop = {}) const;

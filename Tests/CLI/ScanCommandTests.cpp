@@ -126,6 +126,14 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
     }
 }
 
+TEST(ScanCommand, takesNoOtherFolderForACurrentOneThatIsGone) {
+    const TemporaryTree tree{{"root/home/Library/Caches", directory()}, {"root/gone", directory()}};
+    const auto run = shell("cd " + (tree / "root/gone").path() +
+                           "; rmdir ../gone; " KLARBOX_PROGRAM " scan --home . --disk .");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.out, "klarbox: There is no current folder any more.\n");
+}
+
 TEST(ScanCommand, refusesAHomeThatItMayNotEnter) {
     if (isRoot()) {
         GTEST_SKIP() << "root may enter every folder";
