@@ -2,6 +2,7 @@
 
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 
@@ -55,9 +56,9 @@ PrivilegedRemovalResult withFailuresAsResults(const Attempt &attempt) {
 
 /// Adds the outcome of one entry; the first refusal and the first message stay.
 void add(PrivilegedRemovalResult &total, const PrivilegedRemovalResult &one) {
-    total.removedCount += one.removedCount;
-    total.failedCount += one.failedCount;
-    total.bytes += one.bytes;
+    total.removedCount = saturatingAdd(total.removedCount, one.removedCount);
+    total.failedCount = saturatingAdd(total.failedCount, one.failedCount);
+    total.bytes = saturatingAdd(total.bytes, one.bytes);
     if (!total.refusal) {
         total.refusal = one.refusal;
     }

@@ -1,6 +1,7 @@
 #include "KlarboxKit/Safety/TreeWalk.hpp"
 
 #include "KlarboxKit/Platform/OpenFolder.hpp"
+#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/ThreadWaits.hpp"
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
 #include "KlarboxKit/Safety/WalkerPool.hpp"
@@ -140,15 +141,15 @@ std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *na
     }
     if (!status->isDirectory) {
         if (status->links <= 1 || walk_.counted.insert({status->device, status->inode})) {
-            total_ += status->allocatedBytes;
+            total_ = saturatingAdd(total_, status->allocatedBytes);
         }
         return std::nullopt;
     }
-    total_ += status->allocatedBytes;
+    total_ = saturatingAdd(total_, status->allocatedBytes);
     if (!level.at.folder) {
         return status; // a given path may lie on any file system
     }
-    if (status->device != level.at.device) {
+    if (status->device != level.at.device || status->mountsWhenEntered) {
         visit(); // on the way back
         return std::nullopt;
     }
