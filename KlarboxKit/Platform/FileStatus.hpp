@@ -13,8 +13,9 @@ struct FileStatus {
     std::uint32_t links;         ///< hard links to it
     std::int64_t allocatedBytes; ///< space its blocks take on disk
     bool isDirectory;
-    bool mayBeMountRoot; ///< false only when the system vouches that nothing is mounted there
-    bool isMountRoot;    ///< true only when the system says that something is
+    bool mayBeMountRoot;    ///< false only when the system vouches that nothing is mounted there
+    bool isMountRoot;       ///< true only when the system says that something is
+    bool mountsWhenEntered; ///< another file system stands there as soon as it is opened
 
     /// Of an entry of the open folder `folder` (AT_FDCWD for an absolute `name`); nothing, with
     /// errno set, when it cannot be had.

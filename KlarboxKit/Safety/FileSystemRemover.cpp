@@ -1,5 +1,6 @@
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 
+#include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
@@ -53,6 +54,9 @@ int trash(const PinnedEntry &entry, const FileURL &home) {
 }
 
 } // namespace
+
+FileSystemRemover::FileSystemRemover(const FileURL &home)
+    : home_(FileManager::realPath(home.path()).value_or(home.path())) {}
 
 void FileSystemRemover::moveToTrash(const FileURL &url) const {
     naming(url, "moved to the Trash", [&] {

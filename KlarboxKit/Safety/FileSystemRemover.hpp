@@ -13,8 +13,9 @@ namespace klarbox {
 /// underneath. Immutable; safe from any thread.
 class FileSystemRemover final : public ItemRemover {
 public:
-    /// `home` is the folder whose ".Trash" is used.
-    explicit FileSystemRemover(FileURL home) : home_(std::move(home)) {}
+    /// `home` is the folder whose ".Trash" is used; by whatever links it is named, what counts is
+    /// where they lead.
+    explicit FileSystemRemover(const FileURL &home);
 
     void moveToTrash(const FileURL &url) const override;
     void deletePermanently(const FileURL &url) const override;

@@ -113,10 +113,15 @@ int RemovalWalk::enter(const EntryList::Entry &entry, const FileStatus &seen) {
         return EXDEV;
     }
     makeRoom(removal_.openFolders());
-    auto folder = openFolder(levels_.back().folder.get(), entry.name);
+    const auto open = [&] {
+        const int above = levels_.back().folder.get();
+        return seen.mayBeMountRoot ? openFolderOnSameMount(above, entry.name)
+                                   : openFolder(above, entry.name);
+    };
+    auto folder = open();
     if (!folder && (errno == EMFILE || errno == ENFILE)) {
         makeRoom(0); // others took more than they were expected to
-        folder = openFolder(levels_.back().folder.get(), entry.name);
+        folder = open();
     }
     if (!folder) {
         return errno;

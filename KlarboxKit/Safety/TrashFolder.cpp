@@ -1,5 +1,6 @@
 #include "KlarboxKit/Safety/TrashFolder.hpp"
 
+#include "KlarboxKit/Platform/DirectoryReader.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
@@ -38,6 +39,17 @@ struct stat statusOf(const UniqueFD &folder) {
         fmt::format("The folder “{}” isn’t safe from other users.", name), EPERM);
 }
 
+bool isEmpty(const UniqueFD &folder) {
+    DirectoryReader reader;
+    DirectoryEntry entry;
+    while (reader.fill(folder.get())) {
+        if (reader.next(entry)) {
+            return false;
+        }
+    }
+    return reader.error() == 0;
+}
+
 /// The folder `name` of the folder `at`, made with this mode, and by root for this user, when it is
 /// missing.
 UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t owner) {
@@ -48,17 +60,21 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
             // Somebody may have been faster.
             folder = errno == EEXIST ? openFolderToSearch(at.get(), name) : UniqueFD();
         } else if ((folder = openFolder(at.get(), name))) {
-            if (statusOf(folder).st_uid != ::geteuid()) {
+            // Only root can give it away; anybody else who may make it there may keep it.
+            const bool isGiven = ::geteuid() == 0 && owner != 0;
+            const bool isShared = mode != ownMode;
+            // Another of this user's may have been put into its place. An empty one holds nothing
+            // that anybody could come to own or see.
+            if (statusOf(folder).st_uid != ::geteuid() ||
+                ((isGiven || isShared) && !isEmpty(folder))) {
                 throwUnsafe(name);
             }
-            // Only root can give it away; anybody else who may make it there may keep it.
-            if (::geteuid() == 0 && owner != 0 &&
-                ::fchown(folder.get(), owner, static_cast<gid_t>(-1)) != 0) {
+            if (isGiven && ::fchown(folder.get(), owner, static_cast<gid_t>(-1)) != 0) {
                 const int code = errno;
                 ::unlinkat(at.get(), name, AT_REMOVEDIR);
                 throwUnusable(name, code);
             }
-            if (mode != ownMode) {
+            if (isShared) {
                 // Where modes mean nothing, as on a memory stick, it stays this user's alone.
                 (void)::fchmod(folder.get(), mode);
             }

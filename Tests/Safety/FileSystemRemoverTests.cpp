@@ -6,15 +6,45 @@
 #include "Tests/Safety/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <set>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+namespace {
+
+/// As on a file system that knows no way to rename without replacing.
+std::atomic<bool> renamesPlainly = false;
+
+/// What somebody puts into the place of the next folder that is made.
+std::string exchangedFolder;
+
+} // namespace
+
+extern "C" int renameat2(int from, const char *name, int to, const char *newName,
+                         unsigned flags) noexcept {
+    if (renamesPlainly && flags != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_renameat2, from, name, to, newName, flags));
+}
+
+extern "C" int mkdirat(int at, const char *name, mode_t mode) noexcept {
+    const auto code = static_cast<int>(::syscall(SYS_mkdirat, at, name, mode));
+    if (code == 0 && !exchangedFolder.empty()) {
+        ::renameat2(AT_FDCWD, exchangedFolder.c_str(), at, name, RENAME_EXCHANGE);
+        exchangedFolder.clear();
+    }
+    return code;
+}
 
 namespace klarbox::test {
 namespace {
@@ -63,7 +93,7 @@ TEST(FileSystemRemover, numbersNamesBeforeTheirExtension) {
     }
 }
 
-TEST(FileSystemRemover, movesWholeItemsAndReplacesNothing) {
+void expectWholeMoves() {
     const TemporaryTree tree{
         {"home/a/notes.txt", text("1")},      {"home/b/notes.txt", text("2")},
         {"home/c/notes.txt/deep", text("3")}, {"home/link", link("../outside")},
@@ -84,9 +114,13 @@ TEST(FileSystemRemover, movesWholeItemsAndReplacesNothing) {
     EXPECT_EQ(FileManager::type(trash.appending("link")), FileManager::FileType::symbolicLink);
     EXPECT_EQ(modeOf(trash), 0700U);
     EXPECT_EQ(manifest(tree / "outside"), outside);
+    // What cannot be moved leaves nothing behind.
+    const auto before = manifest(trash);
+    EXPECT_EQ(trashed(trash, home), std::pair(int(PlatformError::fileWriteUnknown), EINVAL));
+    EXPECT_EQ(manifest(trash), before);
 }
 
-TEST(FileSystemRemover, concurrentMovesOfOneNameAllArrive) {
+void expectConcurrentMoves() {
     constexpr int each = 50;
     const TemporaryTree tree{{"home", directory()}};
     const auto home = tree / "home";
@@ -106,6 +140,15 @@ TEST(FileSystemRemover, concurrentMovesOfOneNameAllArrive) {
         contents.insert(FileManager::contents(item));
     }
     EXPECT_EQ(contents.size(), 4U * each);
+}
+
+TEST(FileSystemRemover, movesWholeItemsAndReplacesNothing) {
+    for (const bool plainly : {false, true}) {
+        renamesPlainly = plainly;
+        expectWholeMoves();
+        expectConcurrentMoves();
+    }
+    renamesPlainly = false;
 }
 
 TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
@@ -166,6 +209,21 @@ TEST(FileSystemRemover, makesATrashInAHomeThatItMayOnlyWriteTo) {
     });
 }
 
+TEST(FileSystemRemover, givesNobodyAFolderThatItDidNotMake) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "only root gives folders away";
+    }
+    const TemporaryTree tree{{"home/secret/key", bytes(1)}, {"home/item", bytes(1)}};
+    ASSERT_EQ(::chown((tree / "home").path().c_str(), 12345, 12345), 0);
+    exchangedFolder = (tree / "home/secret").path();
+    EXPECT_EQ(trashed(tree / "home/item", tree / "home", "isn’t safe from other users"),
+              std::pair(int(PlatformError::fileWriteNoPermission), EPERM));
+    struct stat status {};
+    ASSERT_EQ(::stat((tree / "home/.Trash/key").path().c_str(), &status), 0) << "not exchanged";
+    ASSERT_EQ(::stat((tree / "home/.Trash").path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 0U);
+}
+
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
     const TemporaryTree tree{
         {"home/mounted", directory()}, {"disk", directory()}, {"unsafe", directory()},
@@ -184,6 +242,11 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
         ASSERT_TRUE(mountOn(tree / "full", "nr_inodes=3"));
         tree.add({"disk/a/b/item", text("moved")});
         EXPECT_EQ(trashed(tree / "disk/a/b/item", home), moved);
+        // A home on that disk, by a link to it, has its own.
+        tree.add({"disk/ann/item", bytes(1)});
+        tree.add({"ann", link("disk/ann")});
+        EXPECT_EQ(trashed(tree / "disk/ann/item", tree / "ann"), moved);
+        EXPECT_TRUE(FileManager::exists(tree / "disk/ann/.Trash/item"));
         EXPECT_EQ(FileManager::contents(tree / ("disk/" + own + "/item")), "moved");
         EXPECT_EQ(modeOf(tree / "disk/.Trashes"), 01333U);
         EXPECT_EQ(modeOf(tree / ("disk/" + own)), 0700U);

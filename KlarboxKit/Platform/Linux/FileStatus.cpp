@@ -1,5 +1,6 @@
 #include "KlarboxKit/Platform/FileStatus.hpp"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -7,6 +8,13 @@
 namespace klarbox {
 
 namespace {
+
+/// The number may come over a network, and be absurd.
+std::int64_t bytesOf(std::uint64_t blocks) {
+    constexpr std::int64_t blockSize = 512;
+    constexpr std::uint64_t most = INT64_MAX / blockSize;
+    return static_cast<std::int64_t>(std::min(blocks, most)) * blockSize;
+}
 
 std::optional<FileStatus> status(int fd, const char *name, int flags) {
     struct statx raw;
@@ -17,14 +25,16 @@ std::optional<FileStatus> status(int fd, const char *name, int flags) {
     }
     const bool saysMountRoot = (raw.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
     const bool isMountRoot = saysMountRoot && (raw.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    const bool mountsWhenEntered = (raw.stx_attributes & STATX_ATTR_AUTOMOUNT) != 0;
     return FileStatus{
         .device = ::makedev(raw.stx_dev_major, raw.stx_dev_minor),
         .inode = raw.stx_ino,
         .links = raw.stx_nlink,
-        .allocatedBytes = static_cast<std::int64_t>(raw.stx_blocks * 512),
+        .allocatedBytes = bytesOf(raw.stx_blocks),
         .isDirectory = S_ISDIR(raw.stx_mode),
         .mayBeMountRoot = !saysMountRoot || isMountRoot,
         .isMountRoot = isMountRoot,
+        .mountsWhenEntered = mountsWhenEntered,
     };
 }
 
@@ -43,10 +53,11 @@ std::optional<FileStatus> FileStatus::ofFile(int folder, const char *name) {
         .device = raw.st_dev,
         .inode = raw.st_ino,
         .links = static_cast<std::uint32_t>(raw.st_nlink),
-        .allocatedBytes = raw.st_blocks * 512,
+        .allocatedBytes = bytesOf(static_cast<std::uint64_t>(raw.st_blocks)),
         .isDirectory = S_ISDIR(raw.st_mode),
         .mayBeMountRoot = true,
         .isMountRoot = false,
+        .mountsWhenEntered = false,
     };
 }
 
