@@ -373,8 +373,8 @@ std::optional<int> ChildProcess::wait(std::chrono::nanoseconds timeout, std::sto
             if (status_) {
                 // What the child itself wrote is in the pipe by now: at most a pipe's worth, while
                 // others who hold the pipe may go on writing for ever.
-                std::size_t limit = output_.size() + std::size_t{1024} * 1024;
-                while (pipe_ && output_.size() < limit && readSome()) {
+                constexpr std::size_t most = std::size_t{1024} * 1024;
+                for (std::size_t read = 0; pipe_ && read < most && readSome(); read += chunkSize) {
                 }
             }
             return status_;

@@ -256,11 +256,13 @@ StoreOwner anchorStore(const CodeAnchors &anchors) {
         throw invalid("The anchors could not be loaded: " + cryptoReason());
     }
     auto folder = openAnchorFolder(anchors);
-    const std::unique_ptr<DIR, Releaser<::closedir>> listing(
-        ::fdopendir(::fcntl(folder.get(), F_DUPFD_CLOEXEC, 0)));
+    UniqueFD listed(::fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
+    const std::unique_ptr<DIR, Releaser<::closedir>> listing(listed ? ::fdopendir(listed.get())
+                                                                    : nullptr);
     if (!listing) {
         throw PlatformError::posix(errno);
     }
+    listed.release(); // the stream's to close
     // The stream is this call's own. NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent *entry = ::readdir(listing.get())) {
         const std::string name = entry->d_name;

@@ -41,6 +41,10 @@ timeval timeLimit(std::chrono::milliseconds limit) {
 /// How often it is looked whether a place has become free, while somebody waits for one.
 constexpr int newcomersTick = 5;
 
+/// Peers that are let in before those that wait are looked at again: all of them are looked at, so
+/// that one look for each would cost everybody time when a crowd connects.
+constexpr int acceptedAtOnce = 64;
+
 /// A peer that has not been given a place yet.
 struct Newcomer {
     UniqueFD socket;
@@ -111,9 +115,13 @@ public:
     // The rest under the state's mutex.
     bool isBusy = true; ///< being verified or answered, so not to be blamed for being silent
     bool wasAnswered = false;
+    bool hasEnded = false; ///< so that no reply could be sent
     Clock::time_point lastHeard = Clock::now();
     /// Makes its thread end. The socket is open for as long as the state lists the connection.
-    void end() const { ::shutdown(socket_.get(), SHUT_RDWR); }
+    void end() {
+        hasEnded = true;
+        ::shutdown(socket_.get(), SHUT_RDWR);
+    }
 
 private:
     void serve();
@@ -121,7 +129,8 @@ private:
     void awaitTurn();
     void holdToClientRules(const PeerProcess &peer);
     bool answerNext();
-    void setBusy(bool busy, bool answered = false);
+    bool beginAnswer();
+    void setIdle(bool answered);
 
     std::shared_ptr<State> state_;
     UniqueFD socket_;
@@ -149,7 +158,7 @@ void XPCListener::Connection::resume() {
             // what it ran.
             std::notify_all_at_thread_exit(state->changed, std::move(lock));
         }).detach();
-    } catch (const std::system_error &) {
+    } catch (...) {
         const std::lock_guard lock(state_->mutex);
         std::erase(state_->connections, shared_from_this());
         throw;
@@ -208,7 +217,7 @@ void XPCListener::Connection::verify() {
     if (information.isXPCClient) {
         holdToClientRules(peer);
     }
-    setBusy(false);
+    setIdle(false);
 }
 
 void XPCListener::Connection::awaitTurn() {
@@ -249,7 +258,9 @@ bool XPCListener::Connection::answerNext() {
     if (method == nullptr) {
         return false;
     }
-    setBusy(true);
+    if (!beginAnswer()) {
+        return false;
+    }
     std::string answer;
     try {
         (*method)(packet->bytes.substr(nul + 1),
@@ -259,13 +270,21 @@ bool XPCListener::Connection::answerNext() {
         answer.clear();
     }
     sendPacket(socket_, answer);
-    setBusy(false, true);
+    setIdle(true);
     return true;
 }
 
-void XPCListener::Connection::setBusy(bool busy, bool answered) {
+/// False when the connection was ended since the packet was received: nothing may be done that
+/// nobody would be told of.
+bool XPCListener::Connection::beginAnswer() {
     const std::lock_guard lock(state_->mutex);
-    isBusy = busy;
+    isBusy = !hasEnded;
+    return isBusy;
+}
+
+void XPCListener::Connection::setIdle(bool answered) {
+    const std::lock_guard lock(state_->mutex);
+    isBusy = false;
     wasAnswered = wasAnswered || answered;
     lastHeard = Clock::now();
 }
@@ -311,7 +330,7 @@ std::size_t XPCListener::connectionCount() const {
 /// Ends one of the eligible connections that have been silent for too long, if there is one.
 void XPCListener::State::dropSilent(const std::function<bool(const Connection &)> &eligible) {
     const auto now = Clock::now();
-    const Connection *dropped = nullptr;
+    Connection *dropped = nullptr;
     auto longest = Clock::duration::zero();
     for (const auto &connection : connections) {
         const auto &limits = options.limits;
@@ -376,7 +395,11 @@ void XPCListener::run(const std::stop_token &stop) {
             errno != EINTR) {
             throw PlatformError::posix(errno);
         }
-        if (auto newcomer = state_->accept()) {
+        for (int accepted = 0; accepted < acceptedAtOnce; ++accepted) {
+            auto newcomer = state_->accept();
+            if (!newcomer) {
+                break;
+            }
             const auto waiting = std::ranges::count(newcomers, newcomer->user, &Newcomer::user);
             if (static_cast<std::size_t>(waiting) < limits.newcomersPerUser) {
                 newcomers.push_back(*std::move(newcomer));
