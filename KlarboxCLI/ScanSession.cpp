@@ -169,13 +169,18 @@ bool isMountPoint(const FileURL &folder) {
     return status && status->isMountRoot;
 }
 
+/// Where tools are, by their names.
+using Locator = decltype(ScanEnvironment::locateTool);
+
 /// Runs no program that lies in one of some folders: what others put there would run as whoever
-/// only wanted to look.
+/// only wanted to look. But a program that the person named is one that the person means.
 class CautiousCommandRunner final : public CommandRunning {
 public:
+    /// `named` is empty when no programs were named.
     CautiousCommandRunner(std::shared_ptr<const CommandRunning> base,
-                          const std::vector<FileURL> &folders)
-        : base_(std::move(base)) {
+                          const std::vector<FileURL> &folders, Locator named)
+        : base_(std::move(base)),
+          named_(std::move(named)) {
         for (const auto &folder : folders) {
             folders_.push_back(SafetyGuard::canonicalPath(folder.path()));
         }
@@ -183,16 +188,16 @@ public:
 
     CommandResult run(const CommandAction &action, std::chrono::nanoseconds timeout,
                       std::stop_token stop) const override {
-        if (folders_.empty()) {
+        const auto &written = action.executable;
+        if (folders_.empty() || (named_ && named_(written.lastComponent()) == written)) {
             return base_->run(action, timeout, std::move(stop));
         }
-        const auto program = SafetyGuard::canonicalPath(action.executable.path());
+        const auto program = SafetyGuard::canonicalPath(written.path());
         if (std::ranges::any_of(folders_, [&](const std::string &folder) {
                 return SafetyGuard::isInside(program, folder);
             })) {
             return {CommandResult::notStarted,
-                    fmt::format("“{}” is somebody else's program.",
-                                Text::visible(action.executable.path()))};
+                    fmt::format("“{}” is somebody else's program.", Text::visible(written.path()))};
         }
         // By the path that was looked at: a link on the way could lead elsewhere by now.
         return base_->run({FileURL(program), action.arguments}, timeout, std::move(stop));
@@ -201,6 +206,7 @@ public:
 private:
     std::shared_ptr<const CommandRunning> base_;
     std::vector<std::string> folders_;
+    Locator named_;
 };
 
 } // namespace
@@ -235,15 +241,20 @@ ScanSession::ScanSession(const ScanOptions &options)
           .minimumSize = parseMinimumSize(options.minimumSize),
       } {
     requireFolder("the home folder", context_.home);
-    context_.environment =
-        environment(options.environmentFile, liveEnvironment(context_.home, disk_));
+    auto live = liveEnvironment(context_.home, disk_);
+    const auto search = std::exchange(live.locateTool, nullptr);
+    context_.environment = environment(options.environmentFile, std::move(live));
+    const auto named = context_.environment.locateTool;
+    if (!named) {
+        context_.environment.locateTool = search;
+    }
     auto foreign = foreignFolders();
     // Tools are looked for there too.
     if (const auto own = FileManager::homeDirectory(); !isTrusted(own)) {
         foreign.push_back(own);
     }
-    context_.environment.runner =
-        std::make_shared<CautiousCommandRunner>(std::move(context_.environment.runner), foreign);
+    context_.environment.runner = std::make_shared<CautiousCommandRunner>(
+        std::move(context_.environment.runner), foreign, named);
 }
 
 std::vector<FileURL> ScanSession::foreignFolders() const {

@@ -149,48 +149,48 @@ TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
         GTEST_SKIP() << "needs root, to give a home to another user";
     }
     const TemporaryTree tree{
-        {"mnt", directory()},
-        {"bin/docker", link("../ann/.docker/bin/docker")},
-        {"linked", link("ann")},
-        {"none.json", text(R"({"tools": {}})")},
+        {"mnt", directory()},      {"mine/.local/bin/brew", link("../../../ann/.local/bin/brew")},
+        {"linked", link("ann")},   {"no-tools.json", text(R"({"tools": {}})")},
+        {"live.json", text("{}")},
     };
-    const auto addDocker = [&](const std::string &home) {
-        tree.add({home + "/.docker/bin/docker",
-                  text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"),
-                  {},
-                  0755});
+    const auto addProgram = [&](const std::string &path) {
+        tree.add({path, text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"), {}, 0755});
     };
-    addDocker("mine");
-    addDocker("ann");
-    tree.add(
-        {"bin.json", text(R"({"tools": {"docker": ")" + (tree / "bin/docker").path() + R"("}})")});
+    for (const auto *path :
+         {"mine/.docker/bin/docker", "ann/.docker/bin/docker", "ann/.local/bin/brew"}) {
+        addProgram(path);
+    }
+    tree.add({"named.json", text(R"({"tools": {"docker": ")" +
+                                 (tree / "ann/.docker/bin/docker").path() + R"("}})")});
     ASSERT_EQ(::chown((tree / "ann").path().c_str(), 12345, 12345), 0);
     const struct {
         const char *owner; ///< whose home the process has as its own
         const char *home;
-        const char *environment;
         const char *disk;
+        const char *environment;
+        const char *category;
         bool isRun;
     } cases[] = {
-        {"mine", "mine", "none.json", "/", true},
-        {"mine", "ann", "none.json", "/", false},
+        {"mine", "mine", "/", "no-tools", "docker", true},
+        {"mine", "ann", "/", "no-tools", "docker", false},
+        {"mine", "ann", "/", "named", "docker", true}, // for it was meant
         // By links, in front of the home and into it.
-        {"mine", "linked", "none.json", "/", false},
-        {"mine", "linked", "bin.json", "/", false},
-        {"ann", "mine", "bin.json", "/", false},
+        {"mine", "linked", "/", "no-tools", "docker", false},
+        {"mine", "ann", "/", "live", "homebrew", false},
+        {"ann", "mine", "/", "live", "homebrew", false},
         // Whose files these are, only the machine knows that the disk comes from.
-        {"mine", "mnt/ann", "none.json", "mnt", false},
+        {"mine", "mnt/ann", "mnt", "no-tools", "docker", false},
     };
     inIsolatedProcess([&] {
         if (!enterMountNamespace() ||
             ::mount("none", (tree / "mnt").path().c_str(), "tmpfs", 0, nullptr) != 0) {
             GTEST_SKIP() << "needs mounts of its own";
         }
-        addDocker("mnt/ann");
-        for (const auto &[owner, home, environment, disk, isRun] : cases) {
+        addProgram("mnt/ann/.docker/bin/docker");
+        for (const auto &[owner, home, disk, environment, category, isRun] : cases) {
             shell(fmt::format("cd {}; HOME=$PWD/{} " KLARBOX_PROGRAM
-                              " scan --category docker --home {} --environment {} --disk {}",
-                              tree.root().path(), owner, home, environment, disk));
+                              " scan --home {} --disk {} --environment {}.json --category {}",
+                              tree.root().path(), owner, home, disk, environment, category));
             EXPECT_EQ(std::filesystem::remove((tree / "ran").path()), isRun)
                 << owner << " " << home << " " << environment;
         }
