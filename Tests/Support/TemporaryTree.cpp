@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 namespace klarbox::test {
 
@@ -103,7 +104,9 @@ TemporaryTree::~TemporaryTree() {
             fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
         }
     }
-    fs::remove_all(root_.path(), ignored);
+    std::error_code failed;
+    fs::remove_all(root_.path(), failed);
+    EXPECT_FALSE(failed) << root_.path() << " is left behind: " << failed.message();
 }
 
 void makeEntry(const FileURL &root, const Entry &entry) {
