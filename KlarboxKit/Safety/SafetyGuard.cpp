@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <iterator>
 
 namespace klarbox {
@@ -120,8 +119,6 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> 
         protectedPaths_.insert(Text::lowercased(canonicalPath(path)));
     }
     std::ranges::transform(enclosures, std::back_inserter(enclosures_), place);
-    std::ranges::stable_sort(enclosures_, std::greater{},
-                             [](const Place &each) { return each.real.size(); });
 }
 
 SafetyGuard::Place SafetyGuard::place(const FileURL &folder) {
@@ -181,10 +178,11 @@ bool SafetyGuard::leadsOut(Components written, const Components &candidate) cons
                       written.begin() + static_cast<std::ptrdiff_t>(home_.written.size()));
         written.insert(written.begin(), home_.real.begin(), home_.real.end());
     }
-    const auto holding = std::ranges::find_if(enclosures_, [&](const Place &each) {
-        return klarbox::isInside(written, each.written) || klarbox::isInside(written, each.real);
+    return std::ranges::any_of(enclosures_, [&](const Place &each) {
+        const bool holdsIt =
+            klarbox::isInside(written, each.written) || klarbox::isInside(written, each.real);
+        return holdsIt && !klarbox::isInside(candidate, each.real);
     });
-    return holding != enclosures_.end() && !klarbox::isInside(candidate, holding->real);
 }
 
 bool SafetyGuard::isProtected(const FileURL &url) const {

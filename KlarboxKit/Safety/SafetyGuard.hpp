@@ -22,8 +22,8 @@ public:
     /// resolved once, here).
     ///
     /// `enclosures` are folders that no link may lead out of, not even one in the place of a root:
-    /// what is written as lying in one is accepted only when it really lies in it. Where one lies
-    /// in another the inner one decides. A home that is spelled through links lies where these
+    /// what is written as lying in one is accepted only when it really lies in it, and in every
+    /// other that it is written as lying in. A home that is spelled through links lies where these
     /// lead. For trees that somebody else made.
     explicit SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures = {});
 
@@ -55,7 +55,7 @@ private:
 
     std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased
     Place home_;
-    std::vector<Place> enclosures_; ///< the deepest first
+    std::vector<Place> enclosures_;
 };
 
 } // namespace klarbox

@@ -137,6 +137,11 @@ TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
     for (const auto &[root, expected] : cases) {
         EXPECT_EQ(violation(guard, (tree / root).appending("x"), tree / root), expected) << root;
     }
+    // An enclosure that is itself a link out of another opens no way.
+    tree.add({"outside/far/down/here/x", bytes(1)});
+    tree.add({"disk/volume", link("../outside/far/down/here")});
+    const SafetyGuard nested(tree / "disk/home", std::vector{tree / "disk", tree / "disk/volume"});
+    EXPECT_EQ(violation(nested, tree / "disk/volume/x", tree / "disk/volume"), escape);
     // Nor when the way to the home begins elsewhere.
     tree.add({"elsewhere/home", link("../disk/home")});
     const SafetyGuard linking(tree / "elsewhere/home", std::vector{tree / "disk"});
