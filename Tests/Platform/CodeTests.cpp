@@ -390,18 +390,43 @@ TEST_F(CodeOf, aSignatureOfAnotherShapeIsRefusedBeforeItCostsAnything) {
     parts.content = Parts(signature).content;
     write("program.cms", parts.bytes());
     EXPECT_THAT(verdict(), HasSubstr("not one over data"));
+}
 
-    // Not even a length may be written in two ways.
-    ASSERT_EQ(signature[1], '\x82');
-    auto indefinite = signature + std::string(2, '\0');
-    indefinite.replace(1, 3, "\x80");
-    auto longer = signature;
-    longer.insert(2, 1, '\0').replace(1, 1, "\x83");
-    for (const auto &bytes : {indefinite, longer}) {
-        EXPECT_THROW(SignatureShape::of(bytes), PlatformError);
-    }
-    for (std::size_t size = 0; size < signature.size(); ++size) {
-        EXPECT_THROW(SignatureShape::of(signature.substr(0, size)), PlatformError) << size;
+TEST(DERReader, takesNothingThatCouldHaveBeenWrittenOtherwise) {
+    const struct {
+        std::string header;
+        std::size_t content; ///< bytes that follow
+        bool isWhole;
+    } cases[] = {
+        {{"\x04\x00", 2}, 0, true},
+        {"\x04\x7f", 127, true},
+        {"\x04\x81\x80", 128, true},
+        {{"\x04\x82\x01\x00", 4}, 256, true},
+        {"", 0, false},
+        {"\x04", 0, false},
+        {"\x04\x03", 2, false},
+        {"\x04\x81", 0, false},
+        {"\x04\x81\x7f", 127, false},
+        {"\x04\x81\x80", 127, false},
+        {"\x04\x82\x01", 0, false},
+        {{"\x04\x82\x00\xff", 4}, 255, false},
+        {{"\x04\x83\x00\x01\x00", 5}, 256, false},
+        {{"\x04\x80\x01x\x00\x00", 6}, 0, false},
+        {"\x04\xff", 200, false},
+        {"\x30\x01", 1, false},
+    };
+    for (const auto &[header, content, isWhole] : cases) {
+        const auto bytes = header + std::string(content, 'x');
+        // With no room to spare, so that reading beyond the end is seen.
+        const std::vector<char> exact(bytes.begin(), bytes.end());
+        DERReader reader({exact.data(), exact.size()});
+        const auto element = reader.take(Tag::octetString);
+        ASSERT_EQ(element.has_value(), isWhole) << testing::PrintToString(header);
+        if (element) {
+            EXPECT_EQ(element->whole, bytes);
+            EXPECT_EQ(element->content.size(), content);
+            EXPECT_TRUE(reader.atEnd());
+        }
     }
 }
 
