@@ -36,4 +36,16 @@ std::optional<DERReader::Element> DERReader::take(Tag tag) {
     return element;
 }
 
+std::string derElement(DERReader::Tag tag, std::string_view content) {
+    const auto length = content.size();
+    std::string element(1, static_cast<char>(tag));
+    if (length > 0xff) {
+        element += {'\x82', static_cast<char>(length >> 8)};
+    } else if (length >= 0x80) {
+        element += '\x81';
+    }
+    element += static_cast<char>(length);
+    return element.append(content);
+}
+
 } // namespace klarbox

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace klarbox {
@@ -40,5 +41,8 @@ public:
 private:
     std::string_view rest_;
 };
+
+/// The element with this tag and a content of at most 65,535 bytes.
+std::string derElement(DERReader::Tag tag, std::string_view content);
 
 } // namespace klarbox

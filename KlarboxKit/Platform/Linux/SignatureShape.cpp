@@ -83,18 +83,6 @@ void checkSigner(std::string_view signer, std::string_view digest) {
     require(reader.atEnd(), "The signature has attributes that are not signed.");
 }
 
-std::string element(Tag tag, const std::string &content) {
-    std::string header(1, static_cast<char>(tag));
-    const auto length = content.size();
-    if (length > 0xff) {
-        header += {'\x82', static_cast<char>(length >> 8)};
-    } else if (length >= 0x80) {
-        header += '\x81';
-    }
-    header += static_cast<char>(length);
-    return header + content;
-}
-
 } // namespace
 
 SignatureShape SignatureShape::of(std::string_view bytes) {
@@ -131,9 +119,9 @@ SignatureShape SignatureShape::of(std::string_view bytes) {
     for (const auto &part : {version, digestSet, signedContent, signers}) {
         rest += part.whole;
     }
-    return {.message =
-                element(Tag::sequence, std::string(type.whole) +
-                                           element(Tag::context0, element(Tag::sequence, rest))),
+    return {.message = derElement(Tag::sequence,
+                                  std::string(type.whole) +
+                                      derElement(Tag::context0, derElement(Tag::sequence, rest))),
             .certificates = std::move(certificates)};
 }
 
