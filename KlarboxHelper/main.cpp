@@ -18,6 +18,8 @@ int main() {
         ListenerDelegate delegate;
         XPCListener listener(std::move(socket), {.clientGroup = ProcessSecurity::groupNamed(
                                                      HelperIdentity::clientGroup)});
+        // Only now: the process that verifies peers was to have what this one gives up.
+        ProcessSecurity::confineDaemon();
         listener.setDelegate(&delegate);
         XPC::announceReady();
         listener.run();

@@ -17,6 +17,11 @@ void setGroupAside();
 /// of threads it had at some time, and it may open as many files as many connections take.
 void prepareDaemon();
 
+/// For a daemon that removes files: gives up, for good, every privilege that its start took and its
+/// work does not. It may override permissions of files, and delete in sticky folders; nothing else.
+/// Before it starts a thread. Throws a POSIX `PlatformError`.
+void confineDaemon();
+
 /// The group of this name; nothing when the system has none. Throws a POSIX `PlatformError` when
 /// that cannot be told.
 std::optional<gid_t> groupNamed(const char *name);

@@ -21,7 +21,8 @@ using XPCReply = std::function<void(std::string_view data)>;
 class XPCInterface {
 public:
     /// Calls its second argument once before it returns.
-    using Method = std::function<void(const std::string &argument, const XPCReply &reply)>;
+    using Method = std::function<void(const std::string &argument, const XPCReply &reply,
+                                      const std::function<bool()> &isCancelled)>;
 
     XPCInterface() = default;
     explicit XPCInterface(std::map<std::string, Method, std::less<>> methods)

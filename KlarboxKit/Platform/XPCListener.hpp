@@ -41,39 +41,40 @@ public:
     virtual void connectionRefused(uid_t user, std::string_view reason) = 0;
 };
 
-/// How much of the process one listener and one user may take.
+/// How much of the process all peers, and those of one user, may take. A newcomer always gets a
+/// place: where there is none left, the one that is missed least makes room (see `XPCListener`).
 struct XPCLimits {
     /// In all. A thread each, so this bounds memory: a waiting thread holds some 30 kB.
     std::size_t connections = 256;
     /// Of one user: several times what an application with many requests in flight opens, and too
     /// few for one user to keep all others out.
     std::size_t connectionsPerUser = 96;
-    /// Of one user, newcomers that wait for a place of their user's or at all; one more is turned
-    /// away. A descriptor each.
-    std::size_t newcomersPerUser = 256;
-    /// How long they wait before they are turned away.
-    std::chrono::milliseconds patience{5000};
-    /// Programs of one user that are looked at at the same time: hashing is the one thing that an
-    /// unknown peer can make this process work on, and must leave processor time to others.
-    std::size_t verificationsPerUser = 4;
-    /// How long a peer that has not asked for anything yet may be silent while another waits for
-    /// its place: hardly longer than anyone should wait.
-    std::chrono::milliseconds silence{100};
-    /// How long one may be that was answered before. Cut off, it connects again.
-    std::chrono::milliseconds pause{5000};
+    /// How long a peer may take from connecting until it is verified.
+    std::chrono::milliseconds verification{10'000};
     /// How long a peer may leave replies unread.
     std::chrono::milliseconds unreadReply{10'000};
 };
 
 /// Accepts connections on a listening socket and serves each on a thread of its own.
 ///
-/// A peer whose program declares itself a client (every program that contains `XPCConnection`
-/// does) is held to more than its signature, because copies of such programs are in everyone's
-/// hands: what it sent before it was verified is not accepted, since another program may have sent
-/// it and then turned itself into the client; and where the machine has the clients' group, it must
-/// have connected with it (installed clients are set-group-ID, which keeps debuggers, preloaded
-/// libraries and private copies out). In return it is told when it may begin, with this process's
-/// executable attached, so that it can verify this side.
+/// A connection belongs to the program that was verified, for as long as the process that connected
+/// runs it without interruption. Nothing is accepted that was sent before the verification, since
+/// another program may have sent it and then turned itself into the verified one; nor anything that
+/// another process sends.
+///
+/// A peer whose program declares itself a client (every program that contains `XPCConnection` does)
+/// is told when it may begin, with this process's executable attached, so that it can verify this
+/// side. It is also held to more than its signature, because copies of such programs are in
+/// everyone's hands: where the machine has the clients' group, it must have connected with it
+/// (installed clients are set-group-ID, which keeps debuggers, preloaded libraries and private
+/// copies out).
+///
+/// Verifying is the one thing that an unknown peer can make the machine work on: of one user, no
+/// more programs are verified at the same time than half the cores, in the order in which they
+/// came. Where a place is needed and none is free, it is taken from the user's own connections, or
+/// from those of the user with most of them: from one that was never answered before one that was,
+/// and of these from the one that has been silent for longest. One that is being answered keeps
+/// its place.
 class XPCListener {
 public:
     struct Options {
@@ -82,7 +83,8 @@ public:
         XPCLimits limits = {};
     };
 
-    /// Takes a listening socket. Throws `PlatformError`.
+    /// Takes a listening socket. Starts the process that verifies peers, so this one must have no
+    /// other thread yet, and must not have given up its privileges. Throws `PlatformError`.
     XPCListener(UniqueFD socket, Options options);
     /// Ends all connections and waits for their threads.
     ~XPCListener();
@@ -91,17 +93,15 @@ public:
     void setDelegate(XPCListenerDelegate *delegate);
 
     /// Accepts connections on the calling thread until asked to stop. Uses no processor time while
-    /// nobody connects. Throws `PlatformError` when the listening socket fails.
+    /// nobody connects. Throws `PlatformError` when the listening socket fails, or peers can no
+    /// longer be verified.
     void run(const std::stop_token &stop = {});
 
     /// Connections that are being served at this moment.
     std::size_t connectionCount() const;
 
 private:
-    struct State;
-    class Connection;
-
-    std::shared_ptr<State> state_;
+    std::shared_ptr<struct XPCListenerState> state_;
 };
 
 } // namespace klarbox

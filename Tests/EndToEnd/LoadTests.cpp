@@ -57,6 +57,14 @@ protected:
         EXPECT_LT(delay, bound) << what;
     }
 
+    /// A signed program that takes long to verify, and is no longer what was signed.
+    static std::string installLarge() {
+        const auto large = install("packet-client", "large");
+        sign(large);
+        std::filesystem::resize_file(large, 60 << 20);
+        return large;
+    }
+
     /// Round trips of one client that removes small files, pausing between them.
     Latency latency(int count, int pauseInMilliseconds = 0,
                     std::optional<uid_t> user = std::nullopt,
@@ -91,10 +99,7 @@ TEST_F(Load, ofManyClientsIsAnsweredAndLoggedExactlyOnce) {
 
 TEST_F(Load, ofHostilePeersDelaysNobody) {
     const auto unsignedClient = install("packet-client", "unsigned");
-    const auto large = install("packet-client", "large");
-    sign(large);
-    // Takes long to hash, and is no longer what was signed.
-    std::filesystem::resize_file(large, 60 << 20);
+    const auto large = installLarge();
     startHelper();
     const std::pair<const char *, std::string> cases[] = {
         {"verified ones that misbehave", application_ + " hostile 1000000"},
@@ -150,7 +155,35 @@ TEST_F(Load, ofOneUserKeepsNoOtherOut) {
         GTEST_SKIP() << "the rest needs root, for an ordinary user beside it";
     }
     EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}, ann).exitCode, 0);
+    std::list<Running> crowds;
+    for (const uid_t user : {ann + 1, ann + 2, ann + 3}) {
+        ASSERT_EQ(crowds.emplace_back(foreign("silent 120", user)).readLine(), "connected");
+    }
+    EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}, ann).exitCode, 0);
+    crowds.clear();
     expectNoDelay("another user's crowd", {foreign("hostile 1000000")}, ann);
+}
+
+TEST_F(Load, ofVerificationsTakesHalfTheCoresAndEndsWithThePeers) {
+    const auto large = installLarge();
+    startHelper();
+    const auto pid = verifier();
+    const long halfTheCores = std::max(std::thread::hardware_concurrency() / 2, 1U);
+    long most = 0;
+    {
+        const Running crowd({.arguments = words(large + " silent 50")});
+        eventually(
+            [&] {
+                most = std::max(most, statusValue(pid, "Threads") - 1);
+                return most > halfTheCores;
+            },
+            std::chrono::milliseconds(500));
+    }
+    EXPECT_EQ(most, halfTheCores);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto before = processorTime(pid);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LE(processorTime(pid), before + 1) << "works for peers that are gone";
 }
 
 TEST_F(Load, ofOneSmallFileIsAMatterOfMicroseconds) {

@@ -171,6 +171,13 @@ void EndToEnd::startHelper() {
     ASSERT_TRUE(eventually([&] { return socket() != 0 && socket() != earlier; }));
 }
 
+pid_t EndToEnd::verifier() const {
+    // Whoever was answered knows that it works.
+    run(foreign("ask " + removeItem + " /Library/Caches/none"));
+    const auto pid = std::to_string(helper_->pid());
+    return std::stoi(readFile("/proc/" + pid + "/task/" + pid + "/children"));
+}
+
 void EndToEnd::stopHelper() {
     helper_->signal(SIGTERM);
     const auto outcome = helper_->finish();

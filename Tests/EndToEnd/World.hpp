@@ -55,6 +55,8 @@ protected:
     /// Runs Packaging/sign on a file.
     static void sign(const std::string &file, const std::string &options = "");
     void startHelper();
+    /// The helper's process that verifies peers.
+    pid_t verifier() const;
     /// Also checks that it ended as daemons do and was quiet.
     void stopHelper();
     /// What the signed foreign client gets for these selectors and paths in turn.

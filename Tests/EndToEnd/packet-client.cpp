@@ -9,15 +9,18 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/sched.h>
 #include <map>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -30,6 +33,11 @@ constexpr const char *socketPath = "/run/klarbox/app.klarbox.Klarbox.SystemHelpe
 constexpr int served = 0;
 constexpr int failed = 1;
 constexpr int refused = 3;
+constexpr int unsupported = 77;
+
+/// Declares this program to be a client, which is told when it may begin. Some tests take the
+/// declaration out again before they sign a copy.
+[[gnu::section("__xpc_client"), gnu::used, gnu::retain]] const char clientRules[] = "1";
 
 const std::string removeItem = "removeItemAtPath:withReply:";
 
@@ -82,6 +90,12 @@ bool received(int fd, std::string &bytes) {
     return got > 0;
 }
 
+/// Waits until the helper has verified this program.
+bool letIn(int fd) {
+    std::string told;
+    return received(fd, told) && told == "welcome";
+}
+
 int printReply(int fd) {
     std::string reply;
     if (!received(fd, reply)) {
@@ -99,8 +113,7 @@ void makeFile(const std::string &path) {
     }
 }
 
-int ask(const std::vector<std::string> &arguments) {
-    const int fd = connected();
+int askOn(int fd, const std::vector<std::string> &arguments) {
     for (std::size_t i = 0; i + 1 < arguments.size(); i += 2) {
         if (!sent(fd, packet(arguments[i], arguments[i + 1]))) {
             return refused;
@@ -110,6 +123,19 @@ int ask(const std::vector<std::string> &arguments) {
         }
     }
     return served;
+}
+
+int ask(const std::vector<std::string> &arguments) {
+    const int fd = connected();
+    return letIn(fd) ? askOn(fd, arguments) : refused;
+}
+
+/// Asks as a program does that does not declare itself and so is told nothing: some time after it
+/// connected. The time comes first.
+int askLater(const std::vector<std::string> &arguments) {
+    const int fd = connected();
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[0].c_str())));
+    return askOn(fd, {arguments.begin() + 1, arguments.end()});
 }
 
 /// Sends what is no message, or not the way messages are sent; nothing if that is unknown.
@@ -135,17 +161,24 @@ void misbehave(int fd, std::string_view how) {
 /// Misbehaves once and sees what becomes of the connection.
 int raw(const std::vector<std::string> &arguments) {
     const int fd = connected();
+    if (!letIn(fd)) {
+        return failed;
+    }
     misbehave(fd, arguments[0]);
     return printReply(fd);
 }
 
-/// Misbehaves in every way in turn, without ever waiting for what comes of it.
+/// Misbehaves in every way in turn, before it is let in and after, without ever waiting for what
+/// comes of it.
 int hostile(const std::vector<std::string> &arguments) {
     constexpr std::array ways{"silent",     "garbage", "oversized", "empty",
                               "attachment", "vanish",  "selector",  "unended"};
     const auto count = static_cast<std::size_t>(std::atoi(arguments[0].c_str()));
     for (std::size_t i = 0; i < count; ++i) {
         const int fd = connected();
+        if (i / ways.size() % 2 == 1) {
+            letIn(fd);
+        }
         misbehave(fd, ways[i % ways.size()]);
         ::close(fd);
     }
@@ -192,6 +225,9 @@ int impostor(const std::vector<std::string> &arguments) {
 /// the median and the longest round trip in microseconds.
 int series(const std::vector<std::string> &arguments) {
     const int fd = connected();
+    if (!letIn(fd)) {
+        return refused;
+    }
     const bool isServed = arguments[1].starts_with("/Library/");
     const std::string expected =
         isServed ? R"({"removedCount":1,"failedCount":0,"bytes":4096})"
@@ -226,6 +262,9 @@ int series(const std::vector<std::string> &arguments) {
 /// Removes the same path over and over until the input is closed.
 int repeat(const std::vector<std::string> &arguments) {
     const int fd = connected();
+    if (!letIn(fd)) {
+        return refused;
+    }
     ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
     char byte = 0;
     long count = 0;
@@ -240,50 +279,133 @@ int repeat(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// A process connects, and a child of it, which was not looked at, asks and reports what it got.
-/// The process itself stays, ends, or, having asked, becomes another program before anyone looks.
+/// Runs in a child process, which reports what it got by its exit code.
+template <typename Body>
+pid_t inChild(const Body &body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int outcome = body();
+        std::fflush(nullptr);
+        ::_exit(outcome);
+    }
+    return child;
+}
+
+int exitCode(pid_t child) {
+    int status = 0;
+    return ::waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status)
+                                                                      : failed;
+}
+
+/// A verified process passes its connection to a child of it, which asks. It stays, or ends first.
 int child(const std::vector<std::string> &arguments) {
-    const auto &fate = arguments[0];
-    const auto question = packet(removeItem, arguments[1]);
-    int report[2];
-    if (::pipe(report) != 0) {
+    const bool stays = arguments[0] == "stays";
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const auto address = serviceAddress();
+    const pid_t verified = inChild([&] {
+        const bool isIn =
+            ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+            letIn(fd);
+        if (!isIn || !stays) {
+            return isIn ? served : failed;
+        }
+        return exitCode(inChild([&] { return askOn(fd, {removeItem, arguments[1]}); }));
+    });
+    const int outcome = exitCode(verified);
+    return stays || outcome != served ? outcome : askOn(fd, {removeItem, arguments[1]});
+}
+
+/// The same, but the child gets the number of the process, which ended.
+int recycled(const std::vector<std::string> &arguments) {
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const auto address = serviceAddress();
+    const pid_t verified = inChild([&] {
+        return ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+                       letIn(fd)
+                   ? served
+                   : failed;
+    });
+    if (exitCode(verified) != served) {
         return failed;
     }
-    const pid_t parent = ::fork();
-    if (parent == 0) {
-        const int fd = connected(0);
-        if (fate == "becomes") {
-            sent(fd, question);
-        }
-        if (::fork() == 0) {
-            if (fate != "becomes") {
-                sent(fd, question);
-            }
-            const char outcome = static_cast<char>(printReply(fd));
-            ::_exit(::write(report[1], &outcome, 1) == 1 ? 0 : 1);
-        }
-        ::close(report[1]);
-        if (fate == "becomes") {
-            ::execl(arguments[2].c_str(), arguments[2].c_str(), "wait", nullptr);
-        } else if (fate == "stays") {
-            ::pause();
-        }
-        ::_exit(failed);
+    clone_args wanted{};
+    wanted.exit_signal = SIGCHLD;
+    wanted.set_tid = reinterpret_cast<std::uintptr_t>(&verified);
+    wanted.set_tid_size = 1;
+    const auto heir = static_cast<pid_t>(::syscall(SYS_clone3, &wanted, sizeof wanted));
+    if (heir == 0) {
+        const bool isHeir = ::syscall(SYS_getpid) == verified;
+        ::_exit(isHeir ? askOn(fd, {removeItem, arguments[0]}) : unsupported);
     }
-    ::close(report[1]);
-    char outcome = failed;
-    const bool isTold = ::read(report[0], &outcome, 1) == 1;
-    ::kill(parent, SIGKILL);
-    ::waitpid(parent, nullptr, 0);
-    return isTold ? outcome : failed;
+    return heir < 0 ? unsupported : exitCode(heir);
+}
+
+void become(const std::string &program, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), program);
+    std::vector<char *> pointers;
+    for (auto &argument : arguments) {
+        pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    ::execv(program.c_str(), pointers.data());
+    std::perror("packet-client: execv");
+}
+
+/// Connects and becomes another program, which goes on with the connection as the remaining
+/// arguments say: at once, having asked, once it was let in, or once it was answered.
+int turns(const std::vector<std::string> &arguments) {
+    const int fd = connected(0);
+    const auto &when = arguments[0];
+    if (when == "asking") {
+        sent(fd, packet(removeItem, arguments[1]));
+    } else if (when != "silent" && !letIn(fd)) {
+        return failed;
+    }
+    if (when == "answered" && askOn(fd, {removeItem, "/Library/Caches/none"}) != served) {
+        return failed;
+    }
+    std::vector<std::string> rest(arguments.begin() + 3, arguments.end());
+    rest.push_back(std::to_string(fd));
+    rest.push_back(arguments[1]);
+    become(arguments[2], rest);
+    return failed;
+}
+
+/// Goes on with a connection that another program left behind.
+int continues(const std::vector<std::string> &arguments) {
+    return askOn(std::atoi(arguments[0].c_str()), {removeItem, arguments[1]});
+}
+
+/// The same, but the program it becomes then reads the reply.
+int continuesAs(const std::vector<std::string> &arguments) {
+    sent(std::atoi(arguments[1].c_str()), packet(removeItem, arguments[2]));
+    become(arguments[0], {"reply", arguments[1]});
+    return failed;
+}
+
+/// Waits for a reply on a connection that another program left behind.
+int reply(const std::vector<std::string> &arguments) {
+    return printReply(std::atoi(arguments[0].c_str()));
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
     const std::map<std::string_view, int (*)(const std::vector<std::string> &)> modes{
-        {"ask", ask},       {"raw", raw},       {"hostile", hostile}, {"silent", silent},
-        {"series", series}, {"repeat", repeat}, {"child", child},     {"impostor", impostor}};
+        {"ask", ask},
+        {"raw", raw},
+        {"hostile", hostile},
+        {"silent", silent},
+        {"series", series},
+        {"repeat", repeat},
+        {"child", child},
+        {"impostor", impostor},
+        {"recycled", recycled},
+        {"turns", turns},
+        {"continues", continues},
+        {"continues-as", continuesAs},
+        {"reply", reply},
+        {"ask-later", askLater}};
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         std::fputs("usage: packet-client MODE [ARGUMENT…]\n", stderr);

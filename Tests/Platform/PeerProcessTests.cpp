@@ -1,4 +1,5 @@
 #include "KlarboxKit/Platform/Linux/PeerProcess.hpp"
+#include "KlarboxKit/Platform/Linux/RunningProgram.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include "Tests/Support/TemporaryTree.hpp"
@@ -80,15 +81,20 @@ TEST(PeerProcess, isTheOneThatConnectedAndNoneOnceThatEnded) {
         EXPECT_EQ(process.pid(), peer.pid());
         EXPECT_EQ(process.user(), ::geteuid());
         EXPECT_EQ(process.group(), ::getegid());
-        EXPECT_TRUE(process.isAlive());
-        const auto executable = process.openExecutable();
-        EXPECT_TRUE(std::filesystem::equivalent("/proc/self/exe",
-                                                fmt::format("/proc/self/fd/{}", executable.get())));
+        EXPECT_FALSE(hasEnded(process.descriptor()));
+        const auto lookAt = [](const PeerProcess &each) {
+            return RunningProgram::of(each.pid(), each.descriptor());
+        };
+        const auto program = lookAt(process);
+        EXPECT_TRUE(program.isRunning());
+        EXPECT_TRUE(std::filesystem::equivalent(
+            "/proc/self/exe", fmt::format("/proc/self/fd/{}", program.executable.get())));
 
         peer.end();
-        EXPECT_FALSE(process.isAlive());
-        EXPECT_EQ(failure([&] { static_cast<void>(process.openExecutable()); }), ESRCH);
-        EXPECT_NE(failure([&] { static_cast<void>(find(peer.socket()).openExecutable()); }), 0);
+        EXPECT_TRUE(hasEnded(process.descriptor()));
+        EXPECT_FALSE(program.isRunning());
+        EXPECT_EQ(failure([&] { static_cast<void>(lookAt(process)); }), ESRCH);
+        EXPECT_NE(failure([&] { static_cast<void>(lookAt(find(peer.socket()))); }), 0);
     }
 }
 

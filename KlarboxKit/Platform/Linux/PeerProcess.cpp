@@ -81,34 +81,19 @@ PeerProcess PeerProcess::ofNumber(const UniqueFD &socket) {
     }
     // The number may have passed on before it was opened. A process of the same user may have got
     // it, but that one has to pass every check itself, and what it did not send is not listened to.
-    if (effectiveUser(process.pid_) != process.user_ || !process.isAlive()) {
+    if (effectiveUser(process.pid_) != process.user_ || hasEnded(process.pidfd_)) {
         throw PlatformError::posix(ESRCH);
     }
     return process;
 }
 
-UniqueFD PeerProcess::openExecutable() const {
-    UniqueFD executable(::open(fmt::format("/proc/{}/exe", pid_).c_str(),
-                               O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    const int code = errno;
-    // As long as the pinned process exists its number is its own, so looking after the opening
-    // proves that it was this process's executable that was opened.
-    if (!isAlive() || (!executable && code == ENOENT)) {
-        throw PlatformError::posix(ESRCH);
-    }
-    if (!executable) {
-        throw PlatformError::posix(code);
-    }
-    return executable;
-}
-
-bool PeerProcess::isAlive() const {
-    pollfd ended{.fd = pidfd_.get(), .events = POLLIN, .revents = 0};
+bool hasEnded(const UniqueFD &process) {
+    pollfd ended{.fd = process.get(), .events = POLLIN, .revents = 0};
     int ready = 0;
     do {
         ready = ::poll(&ended, 1, 0);
     } while (ready < 0 && errno == EINTR);
-    return ready == 0;
+    return ready != 0;
 }
 
 } // namespace klarbox

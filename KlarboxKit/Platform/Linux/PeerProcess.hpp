@@ -22,14 +22,8 @@ public:
     /// Effective user and group at the time of `connect`.
     uid_t user() const { return user_; }
     gid_t group() const { return group_; }
-
-    /// The file that the process runs, open for reading; not opened by name, so it is that very
-    /// file whatever its name leads to by now. Throws a POSIX `PlatformError`, ESRCH when the
-    /// process ended meanwhile.
-    UniqueFD openExecutable() const;
-
-    /// Whether the process has not ended yet.
-    bool isAlive() const;
+    /// What pins it.
+    const UniqueFD &descriptor() const { return pidfd_; }
 
 private:
     explicit PeerProcess(const ucred &peer) : pid_(peer.pid), user_(peer.uid), group_(peer.gid) {}
@@ -39,5 +33,8 @@ private:
     uid_t user_;
     gid_t group_;
 };
+
+/// Whether the process of a descriptor has ended. Safe from any thread.
+bool hasEnded(const UniqueFD &process);
 
 } // namespace klarbox

@@ -1,10 +1,13 @@
 #include "KlarboxKit/Platform/ProcessSecurity.hpp"
 
+#include "KlarboxKit/Platform/Linux/Capabilities.hpp"
+#include "KlarboxKit/Platform/Linux/SystemCallFilter.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <grp.h>
+#include <linux/capability.h>
 #include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -42,6 +45,11 @@ void prepareDaemon() {
         limit.rlim_cur = std::min(limit.rlim_max, descriptors);
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
+}
+
+void confineDaemon() {
+    keepCapabilities({CAP_DAC_OVERRIDE, CAP_FOWNER});
+    forbidSystemCalls(FileAccess::readingAndRemoving);
 }
 
 std::optional<gid_t> groupNamed(const char *name) {
