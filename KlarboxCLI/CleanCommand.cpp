@@ -16,6 +16,7 @@
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <memory>
 #include <system_error>
@@ -134,6 +135,17 @@ struct Plan {
     }
 };
 
+/// What the progress line says while the helper works on one request; nothing while that takes no
+/// longer than people expect.
+std::string helperRemark(std::chrono::seconds elapsed) {
+    constexpr auto expected = std::chrono::seconds(3);
+    if (elapsed < expected) {
+        return "";
+    }
+    return fmt::format(" · the Klarbox helper is still working ({}:{:02})", elapsed.count() / 60,
+                       elapsed.count() % 60);
+}
+
 bool confirmed(const Plan &plan, std::size_t width) {
     const auto answer = ask(fmt::format(
         "{}Clean {} ({}){}? [y/N] ", plan.description(width),
@@ -178,9 +190,11 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto mode = options.permanent ? RemovalMode::deletePermanently : RemovalMode::moveToTrash;
     const auto errorStyle = OutputStyle::of(stderr, options.scan.color);
     const auto outputStyle = OutputStyle::of(stdout, options.scan.color);
-    ProgressLine progress(errorStyle, errorStyle.canErase && !options.scan.noProgress);
-    Interrupt::Hook hook(interrupt, [&] { progress.close(); });
-    auto scans = session.scan(progress, interrupt.token());
+    // Shared, as a request that ran out of time may be heard of once more after this command's end.
+    const auto progress =
+        std::make_shared<ProgressLine>(errorStyle, errorStyle.canErase && !options.scan.noProgress);
+    Interrupt::Hook hook(interrupt, [&] { progress->close(); });
+    auto scans = session.scan(*progress, interrupt.token());
     if (interrupt.wasRequested()) {
         return interrupt.exitCode();
     }
@@ -196,7 +210,9 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
         return item.removalPolicy == RemovalPolicy::permanentOnly && !item.requiresPrivileges;
     });
     const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());
-    const PrivilegedAccess access(session.roots(), guard);
+    const PrivilegedAccess access(session.roots(), guard, [progress](std::chrono::seconds elapsed) {
+        progress->remark(helperRemark(elapsed));
+    });
     const Plan plan(items, mode, access);
 
     if (options.dryRun) {
@@ -214,11 +230,13 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
         }
+    } else if (!access.canRemove() && !plan.privilegedRemark.empty()) {
+        tell(plan.privilegedRemark + "\n"); // nobody has seen the plan
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.
     hook.replace([&] {
-        progress.close();
+        progress->close();
         tell(
             "Finishing the item in hand. Ctrl-C again stops at once, without a report; a tool that "
             "is running goes on.\n");
@@ -234,12 +252,12 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
         items, mode,
         [&](std::int64_t index, std::int64_t total, const std::string &title) {
             if (index < total) {
-                progress.show(
+                progress->show(
                     fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
             }
         },
         interrupt.token());
-    progress.clear();
+    progress->clear();
 
     const auto text = options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
                                         : reportTable(items, report, outputStyle);

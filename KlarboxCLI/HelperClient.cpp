@@ -73,7 +73,8 @@ std::unique_ptr<XPCConnection> HelperClient::takeIdle() const {
     return connection;
 }
 
-PrivilegedRemovalResult HelperClient::perform(const PrivilegedRequest &request) const {
+PrivilegedRemovalResult HelperClient::perform(const PrivilegedRequest &request,
+                                              std::stop_token stop) const {
     const auto [selector, path] = message(request);
     if (selector.size() + 1 + path.size() > XPC::maximumMessageSize) {
         // What the helper says of every path that is too long; this one would not even fit a
@@ -85,10 +86,10 @@ PrivilegedRemovalResult HelperClient::perform(const PrivilegedRequest &request) 
         std::string reply;
         if (connection) {
             try {
-                reply = connection->send(selector, path);
+                reply = connection->send(selector, path, stop, waiting_);
             } catch (const XPCError &) {
                 // The helper may have been restarted since, or have given the place to others.
-                if (!connection->lastMessageWasUnsent()) {
+                if (!connection->lastMessageWasUnsent() || stop.stop_requested()) {
                     throw;
                 }
                 connection.reset();
@@ -96,7 +97,7 @@ PrivilegedRemovalResult HelperClient::perform(const PrivilegedRequest &request) 
         }
         if (!connection) {
             connection = std::make_unique<XPCConnection>(service_);
-            reply = connection->send(selector, path);
+            reply = connection->send(selector, path, stop, waiting_);
         }
         auto result = PrivilegedRemovalResult::decode(reply);
         const std::lock_guard lock(mutex_);

@@ -2,12 +2,12 @@
 
 #include "KlarboxCLI/DisplayText.hpp"
 #include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxKit/Cleaning/Cleaner.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 #include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
-#include <chrono>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -18,13 +18,15 @@ namespace klarbox {
 
 namespace {
 
-/// Long enough for a big folder, short enough that a helper that hangs is noticed.
-constexpr auto helperTimeLimit = std::chrono::seconds(30);
+/// A folder of millions of files is as much work as a tool's. That the helper is there at all is
+/// known much sooner: connecting to it has a limit of its own.
+constexpr auto requestTimeLimit = Cleaner::commandTimeout;
 
 } // namespace
 
 PrivilegedAccess::PrivilegedAccess(const PrivilegedRoots &roots,
-                                   std::shared_ptr<const SafetyGuard> guard) {
+                                   std::shared_ptr<const SafetyGuard> guard,
+                                   XPCConnection::Waiting waiting) {
     const auto folders = roots.all();
     if (::geteuid() == 0) {
         way_ = Way::itself;
@@ -33,17 +35,20 @@ PrivilegedAccess::PrivilegedAccess(const PrivilegedRoots &roots,
             std::make_shared<SecureDeleter>());
         return;
     }
-    const auto helper = HelperClient::installedHelper();
-    const bool isInstalled = FileManager::exists(helper.socket);
-    if (isInstalled) {
-        remover_ = std::make_shared<TimeLimitedPrivilegedRemover>(
-            std::make_shared<HelperClient>(helper), helperTimeLimit);
-    }
     if (folders != PrivilegedRoots::ofThisMachine().all()) {
-        way_ = Way::onlyRoot; // the helper will refuse: it knows no disk but its own
-    } else {
-        way_ = isInstalled ? Way::helper : Way::missingHelper;
+        // What is written as lying on another disk may by links lie in a folder of this machine,
+        // and that the helper would remove.
+        way_ = Way::onlyRoot;
+        return;
     }
+    const auto helper = HelperClient::installedHelper();
+    if (!FileManager::exists(helper.socket)) {
+        way_ = Way::missingHelper;
+        return;
+    }
+    way_ = Way::helper;
+    remover_ = std::make_shared<TimeLimitedPrivilegedRemover>(
+        std::make_shared<HelperClient>(helper, std::move(waiting)), requestTimeLimit);
 }
 
 std::string PrivilegedAccess::remark(std::size_t count) const {

@@ -6,7 +6,7 @@ namespace klarbox {
 
 namespace {
 
-constexpr std::string_view eraseLine = "\r\x1b[K";
+constexpr std::string_view eraseToEnd = "\x1b[K";
 
 } // namespace
 
@@ -15,16 +15,31 @@ void ProgressLine::show(std::string_view text) {
     if (!enabled_) {
         return;
     }
+    text_ = Text::visible(text);
+    remark_.clear();
+    draw();
+    isShown_ = true;
+}
+
+void ProgressLine::remark(std::string_view text) {
+    const std::lock_guard lock(mutex_);
+    if (isShown_ && text != remark_) {
+        remark_ = text;
+        draw();
+    }
+}
+
+void ProgressLine::draw() {
     // The last column stays free: a full line would wrap and could not be erased.
     const auto width = style_.width > 1 ? style_.width - 1 : 1;
-    tell(std::string(eraseLine) + Text::middleTruncated(Text::visible(text), width));
-    isShown_ = true;
+    // What stays the same is written over itself and not erased first, or it would flicker.
+    tell("\r" + Text::middleTruncated(text_ + remark_, width) + std::string(eraseToEnd));
 }
 
 void ProgressLine::clear() {
     const std::lock_guard lock(mutex_);
     if (isShown_) {
-        tell(eraseLine);
+        tell("\r" + std::string(eraseToEnd));
         isShown_ = false;
     }
 }

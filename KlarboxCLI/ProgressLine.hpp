@@ -20,6 +20,10 @@ public:
     /// Replaces what the line shows, cut to the terminal's width.
     void show(std::string_view text);
 
+    /// Puts a remark behind what the line shows, in the place of an earlier one; an empty one takes
+    /// it away. Nothing when the line shows nothing.
+    void remark(std::string_view text);
+
     /// Takes the line away.
     void clear();
 
@@ -27,10 +31,14 @@ public:
     void close();
 
 private:
+    void draw();
+
     OutputStyle style_;
     std::mutex mutex_;
     bool enabled_;
     bool isShown_ = false;
+    std::string text_;
+    std::string remark_;
 };
 
 } // namespace klarbox

@@ -47,16 +47,38 @@ void requireFolder(std::string_view name, const FileURL &url) {
     }
 }
 
+bool isSameFolder(const std::string &a, const std::string &b) {
+    struct stat ofA {};
+    struct stat ofB {};
+    return ::stat(a.c_str(), &ofA) == 0 && ::stat(b.c_str(), &ofB) == 0 &&
+           ofA.st_dev == ofB.st_dev && ofA.st_ino == ofB.st_ino;
+}
+
 /// The folder that an option names. A path through ".." is resolved on the disk, as a shell would:
 /// folding it as text would lead elsewhere when a link comes before it.
 FileURL folder(std::string_view option, const std::string &path) {
     FileURL url(path, true);
     requireFolder(option, url);
-    if (const auto resolved = FileManager::realPath(url.path());
-        resolved && (url.path() + "/").find("/../") != std::string::npos) {
+    // What lies in a container is reached through the root of one of its processes, and has no
+    // other path here: resolved, its paths are those of this machine's own files.
+    const auto resolved = FileManager::realPath(url.path());
+    if (!resolved || !isSameFolder(url.path(), *resolved)) {
+        throw UsageError(
+            fmt::format("{}: {} leads into a system of its own, whose paths mean other "
+                        "files here",
+                        option, Text::visible(path)));
+    }
+    if ((url.path() + "/").find("/../") != std::string::npos) {
         return FileURL(*resolved, true);
     }
     return url.standardized();
+}
+
+/// The disk to look at. One that is this machine's own, whatever links lead to it, is known by the
+/// name that everything of this machine has.
+FileURL startupDisk(const std::string &path) {
+    auto url = folder("--disk", path);
+    return FileManager::realPath(url.path()) == "/" ? FileURL("/", true) : url;
 }
 
 ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerList all) {
@@ -227,7 +249,7 @@ std::int64_t parseMinimumSize(const std::string &text) {
 }
 
 ScanSession::ScanSession(const ScanOptions &options)
-    : disk_(folder("--disk", options.disk)),
+    : disk_(startupDisk(options.disk)),
       roots_(PrivilegedRoots::below(disk_)),
       scanners_(scannersNamed(options.categories,
                               defaultScanners(roots_, disk_.appending("Volumes", true)))),
@@ -271,6 +293,10 @@ std::vector<FileURL> ScanSession::foreignFolders() const {
 
 std::vector<FileURL> ScanSession::enclosures() const {
     auto folders = foreignFolders();
+    if (disk_ != FileURL("/")) {
+        // This person's too: its links were made on another machine.
+        folders.push_back(disk_);
+    }
     std::ranges::copy(ScannerSupport::childrenOrNone(disk_.appending("Volumes")),
                       std::back_inserter(folders));
     return folders;

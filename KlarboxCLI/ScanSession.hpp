@@ -25,8 +25,9 @@ public:
     const PrivilegedRoots &roots() const { return roots_; }
 
     /// Folders that no link below them may lead out of when their contents are removed: a home that
-    /// another user owns, a disk that is mounted, every volume. Whoever put the links there may
-    /// mean no good. A person's own home may have its caches on another disk, and is cleaned there.
+    /// another user owns, every disk but this machine's own, every volume. Whoever put the links
+    /// there may mean no good, and a link that meant a folder of its own disk leads to this
+    /// machine's. A person's own home may have its caches on another disk, and is cleaned there.
     std::vector<FileURL> enclosures() const;
 
     /// Scans, showing on `progress` which categories run, how many are done and what was found so

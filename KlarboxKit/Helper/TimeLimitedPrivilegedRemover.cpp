@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <optional>
+#include <stop_token>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -62,18 +63,20 @@ Outcome race(std::shared_ptr<const PrivilegedRemoving> base, const PrivilegedReq
              std::chrono::nanoseconds timeout) {
     const auto first = std::make_shared<FirstResult>();
     const auto end = deadline(timeout);
-    std::thread([first, base = std::move(base), request] {
+    std::stop_source work;
+    std::thread([first, base = std::move(base), request, stop = work.get_token()] {
         Outcome outcome;
         try {
-            outcome = base->perform(request);
+            outcome = base->perform(request, stop);
         } catch (...) {
             outcome = std::current_exception();
         }
         first->finish(std::move(outcome));
     }).detach();
-    if (!first->wait(end)) {
-        // An answer that comes in this very moment may still be the first.
-        first->finish(std::make_exception_ptr(TimeLimitedPrivilegedRemover::TimedOut(timeout)));
+    // An answer that comes in this very moment may still be the first.
+    if (!first->wait(end) &&
+        first->finish(std::make_exception_ptr(TimeLimitedPrivilegedRemover::TimedOut(timeout)))) {
+        work.request_stop();
     }
     return first->take();
 }

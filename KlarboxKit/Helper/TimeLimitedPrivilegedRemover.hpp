@@ -12,7 +12,8 @@ namespace klarbox {
 
 /// Gives every request to a remover that may never answer a time limit, and stops asking once one
 /// request has ended in an error: every later one fails at once with that error, so that a dead
-/// helper costs one time limit, not one per item. A new attempt needs a new wrapper.
+/// helper costs one time limit, not one per item. A new attempt needs a new wrapper. A request that
+/// ran out of time is asked to stop.
 ///
 /// Safe from any thread; several requests may be under way at once. The wrapper may be destroyed
 /// while the base still works on a request that ran out of time: each request runs on a thread of

@@ -6,6 +6,8 @@
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>
+#include <functional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -45,7 +47,7 @@ public:
         uid_t user = 0;          ///< who must be running it
         CodeAnchors anchors = {};
         /// How long the service may take to let this program in.
-        std::chrono::milliseconds patience{30'000};
+        std::chrono::milliseconds patience{10'000};
     };
 
     /// Connects, waits until the service has verified this program, and verifies the service.
@@ -56,8 +58,16 @@ public:
     /// What the service's signature vouches for.
     const SigningInformation &service() const { return information_; }
 
-    /// Sends one message and waits for its reply, however long that takes. Throws `XPCError`.
-    std::string send(std::string_view selector, std::string_view argument);
+    /// Called once a second while a reply is awaited, with how long that has been, and with zero
+    /// when it is over; not at all when it is over sooner. On the thread that waits; must not
+    /// throw.
+    using Waiting = std::function<void(std::chrono::seconds elapsed)>;
+
+    /// Sends one message and waits for its reply, however long that takes. A requested stop ends
+    /// the wait and the connection, from which the service learns that nobody wants its answer.
+    /// Throws `XPCError`.
+    std::string send(std::string_view selector, std::string_view argument,
+                     std::stop_token stop = {}, const Waiting &waiting = {});
 
     /// Whether the last `send` failed before its message left this process.
     bool lastMessageWasUnsent() const { return unsent_; }

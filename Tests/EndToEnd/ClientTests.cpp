@@ -1,7 +1,12 @@
+#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
+
 #include "Tests/EndToEnd/World.hpp"
+#include "Tests/Support/TemporaryTree.hpp"
 
 #include <csignal>
 #include <filesystem>
+#include <future>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -10,6 +15,7 @@
 namespace klarbox::test {
 namespace {
 
+using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -25,6 +31,16 @@ protected:
         }
     }
 
+    /// Puts somebody into the helper's place who claims to run this program.
+    void startImpostor(const std::string &program, const std::string &reply = "",
+                       std::optional<uid_t> user = std::nullopt) {
+        // The folder lets anybody put a socket into it, as no machine's would.
+        std::filesystem::create_directories("/run/klarbox");
+        std::filesystem::permissions("/run/klarbox", std::filesystem::perms::all);
+        impostor_.emplace(foreign("impostor " + program + " " + reply, user));
+        ASSERT_EQ(impostor_->readLine(), "listening");
+    }
+
     /// What the application's client says when it is to remove one file.
     Outcome remove(const std::string &path) const {
         Running client({.arguments = {client_, "removeItem"}});
@@ -33,6 +49,7 @@ protected:
     }
 
     std::string client_;
+    std::optional<Running> impostor_;
 };
 
 TEST_F(Client, keepsAConnectionAndMakesAnotherWhenTheHelperWasRestarted) {
@@ -52,31 +69,55 @@ TEST_F(Client, keepsAConnectionAndMakesAnotherWhenTheHelperWasRestarted) {
     EXPECT_EQ(client.finish().exitCode, 0);
 }
 
-TEST_F(Client, tellsNothingToWhoeverIsNotTheHelper) {
+TEST_F(Client, tellsNothingToWhoeverIsNotTheHelperAndBelievesNobodyElse) {
     const auto unsignedHelper = install("KlarboxHelper", "unsigned");
     const auto otherTeam = install("KlarboxHelper", "other-team");
     sign(otherTeam, "--team AAAAAAAAAA");
+    const std::string notIt = "What answers is not the service.";
     const std::string another = "What answers is not the service but another signed program.";
-    std::vector<std::tuple<std::string, std::optional<uid_t>, std::string>> cases{
-        {unsignedHelper, std::nullopt,
-         "The service is not correctly signed: There is no signature"},
-        {otherTeam, std::nullopt, another},
-        {application_, std::nullopt, another},
+    struct Case {
+        std::string claimed; ///< to be its executable
+        std::string replier;
+        std::string reason;
+        std::optional<uid_t> user = std::nullopt;
+    };
+    std::vector<Case> cases{
+        {unsignedHelper, "", "The service is not correctly signed: There is no signature"},
+        {otherTeam, "", another},
+        {application_, "", another},
+        {helperPath_, "child", notIt},
+        {helperPath_, "itself", ""},
     };
     if (hasUsers()) {
-        cases.emplace_back(helperPath_, ann, "What answers is not the service.");
+        cases.push_back({helperPath_, "", notIt, ann});
+        cases.push_back({helperPath_, std::to_string(ann), notIt});
     }
-    for (const auto &[claimed, user, reason] : cases) {
-        // The folder lets anybody put a socket into it, as no machine's would.
-        std::filesystem::create_directories("/run/klarbox");
-        std::filesystem::permissions("/run/klarbox", std::filesystem::perms::all);
-        Running impostor(foreign("impostor " + claimed, user));
-        ASSERT_EQ(impostor.readLine(), "listening");
+    for (const auto &[claimed, replier, reason, user] : cases) {
+        startImpostor(claimed, replier, user);
         const auto outcome = remove("/Library/Caches/secret");
-        EXPECT_EQ(outcome.exitCode, 1);
-        EXPECT_THAT(outcome.err, StartsWith("The Klarbox helper isn’t the genuine one. " + reason));
-        EXPECT_EQ(impostor.finish().out, "0\n") << "bytes were told to " << claimed;
+        EXPECT_EQ(outcome.exitCode, reason.empty() ? 0 : 1) << outcome.err;
+        EXPECT_THAT(outcome.err, HasSubstr(reason));
+        EXPECT_EQ(outcome.err.starts_with("The Klarbox helper isn’t the genuine one. "),
+                  !reason.empty());
+        EXPECT_EQ(impostor_->finish().out == "0\n", replier.empty())
+            << "bytes were told to " << claimed;
     }
+}
+
+TEST_F(Client, waitsNoLongerThanThereIsAnAnswerToBeHad) {
+    const auto client = std::make_shared<HelperClient>();
+    const auto request = PrivilegedRequest::removeItem("/Library/Caches/x");
+    startImpostor(helperPath_);
+    EXPECT_THROW(TimeLimitedPrivilegedRemover(client, 300ms).perform(request),
+                 TimeLimitedPrivilegedRemover::TimedOut);
+    EXPECT_NE(impostor_->readLine(), "0");
+    EXPECT_EQ(impostor_->readLine(), "hung up"); // while this process lives on
+
+    startImpostor(helperPath_);
+    auto answer = std::async(std::launch::async, [&] { return client->perform(request); });
+    EXPECT_NE(impostor_->readLine(), "0");
+    impostor_->signal(SIGKILL);
+    EXPECT_THROW(answer.get(), XPCError);
 }
 
 TEST_F(Client, saysWhyItCannotAskTheHelper) {
@@ -134,7 +175,77 @@ TEST_F(Client, tellsTheStateOfTheHelperAndHowToMendIt) {
                  "\nThe service is not correctly signed: There is no signature");
 }
 
-TEST_F(Client, ofAnOrdinaryUserCleansSystemFiles) {
+TEST_F(Client, hasNothingRemovedHereThatALinkOfAnotherDiskLeadsTo) {
+    const auto klarbox = install("klarbox", "klarbox");
+    sign(klarbox);
+    makeClientGroup();
+    const std::string host = "/private/var/log/nginx/deep";
+    const std::string disk = "/tmp/disk"; // the home of somebody else is an enclosure already
+    std::filesystem::create_directories(disk + "/private/var");
+    std::filesystem::create_directory_symlink(host, disk + "/private/var/log");
+    std::filesystem::create_directory_symlink("/", "/Users/ann/self");
+    startHelper();
+    std::vector<std::optional<uid_t>> users{std::nullopt};
+    if (whyNoInstalledClients().empty()) {
+        users.emplace_back(ann);
+    }
+    for (const auto user : users) {
+        check(!user || ::chown(disk.c_str(), *user, *user) == 0, disk);
+        const auto clean = [&](const std::string &options) {
+            const auto group = user ? std::optional(clientGroup) : std::nullopt;
+            return run({.arguments = words(klarbox +
+                                           " clean --home /Users/ann --minimum-size 0 "
+                                           "--category system-logs " +
+                                           options),
+                        .user = user,
+                        .effectiveGroup = group});
+        };
+        const auto onDisk = "--disk " + disk + " --item system-logs:" + disk +
+                            "/private/var/log/access.log.0.gz " + "--item system-logs:" + disk +
+                            "/Library/Logs/its-own ";
+        writeFile(host + "/access.log.0.gz", "x");
+        writeFile(disk + "/Library/Logs/its-own/x", "x");
+        EXPECT_THAT(clean(onDisk + "--dry-run").out,
+                    HasSubstr(user ? "only root can remove: 2 items" : "Of the system: 2 items"));
+        const auto other = clean(onDisk + "--yes");
+        EXPECT_EQ(other.exitCode, 1) << other.out << other.err;
+        EXPECT_TRUE(exists(host + "/access.log.0.gz")) << other.out;
+        EXPECT_EQ(exists(disk + "/Library/Logs/its-own/x"), user.has_value());
+        // A link to this machine's own disk is this machine.
+        const auto own = clean("--disk /Users/ann/self --yes --item "
+                               "system-logs:/private/var/log/nginx");
+        EXPECT_EQ(own.exitCode, 0) << own.out << own.err;
+        EXPECT_FALSE(exists(host + "/access.log.0.gz"));
+        EXPECT_EQ(journal_->messages("requests", user ? 1 : 0).size(), user ? 1U : 0U); // for that
+    }
+}
+
+TEST_F(Client, showsThatTheHelperIsStillWorking) {
+    if (!hasUsers()) {
+        GTEST_SKIP() << "needs root, for an ordinary user beside it";
+    }
+    const auto klarbox = install("klarbox", "klarbox");
+    writeFile("/Library/Caches/com.example.tool/a", "x");
+    startImpostor(helperPath_, "itself 5");
+    const auto run =
+        test::run({.arguments = {"/usr/bin/script", "-qec",
+                                 klarbox + " clean --yes --home /Users/ann --color never "
+                                           "--minimum-size 0 --item "
+                                           "system-caches:com.example.tool",
+                                 "/dev/null"},
+                   .user = ann,
+                   .environment = {"TERM=xterm", "SHELL=/bin/sh"}});
+    EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
+    const std::string begin = "\rCleaning 1 of 1: com.example.tool";
+    const std::string remark = " · the Klarbox helper is still working (0:0";
+    // A line each second, the first after what people expect anyway, and none once it is over.
+    EXPECT_THAT(run.out, HasSubstr(begin + "\x1b[K" + begin + remark + "3)\x1b[K" + begin + remark +
+                                   "4)\x1b[K"));
+    const auto last = run.out.rfind(begin);
+    EXPECT_THAT(run.out.substr(last), StartsWith(begin + "\x1b[K\r\x1b[K✓ com.example.tool"));
+}
+
+TEST_F(Client, ofAnOrdinaryUserCleansSystemFilesAndGivesItsGroupToNoTool) {
     if (const auto reason = whyNoInstalledClients(); !reason.empty()) {
         GTEST_SKIP() << reason;
     }
@@ -145,8 +256,17 @@ TEST_F(Client, ofAnOrdinaryUserCleansSystemFiles) {
     writeFile("/Library/Caches/com.example.tool/.git/config", "kept");
     writeFile("/Library/Caches/com.example.other/c", "kept");
     writeFile("/private/var/log/system.log.0.gz", "x", 0600);
+    writeFile("/opt/klarbox/brew", R"(#!/bin/sh
+set -- $(cat /proc/$$/stat) $(grep ^Gid /proc/$$/status) $(grep ^Groups /proc/$$/status)
+[ $1 = $6 ] && session=own
+shift 52
+echo $session $* >>/tmp/started
+)",
+              0755);
+    writeFile("/tmp/environment.json", R"({"tools": {"brew": "/opt/klarbox/brew"}})");
     const auto clean = [&](std::optional<gid_t> group) {
         return run({.arguments = words(klarbox + " clean --yes --json --home /Users/ann "
+                                                 "--environment /tmp/environment.json "
                                                  "--minimum-size 0 --item "
                                                  "system-caches:com.example.tool --item "
                                                  "system-logs:/private/var/log/system.log.0.gz"),
@@ -178,6 +298,8 @@ TEST_F(Client, ofAnOrdinaryUserCleansSystemFiles) {
         testing::UnorderedElementsAre(
             "removeContents /Library/Caches/com.example.tool: removed 1, failed 1, 8192 bytes",
             "removeItem /private/var/log/system.log.0.gz: removed 1, failed 0, 4096 bytes"));
+    EXPECT_THAT(readFile("/tmp/started"),
+                testing::MatchesRegex("(own Gid: 1000 1000 1000 1000 Groups:\n)+"));
 }
 
 } // namespace

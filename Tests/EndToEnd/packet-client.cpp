@@ -198,7 +198,8 @@ int silent(const std::vector<std::string> &arguments) {
 }
 
 /// Stands in the helper's place: welcomes whoever connects as the helper does, with any file as the
-/// executable that it claims to run, and prints how much it was told then.
+/// executable that it claims to run, and prints how much it was told then. Replies after so many
+/// seconds, itself, through a child, or as another user; or waits until the client hangs up.
 int impostor(const std::vector<std::string> &arguments) {
     const int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     const auto address = serviceAddress();
@@ -215,9 +216,28 @@ int impostor(const std::vector<std::string> &arguments) {
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     std::string told;
     sent(fd, "welcome", executable);
-    received(fd, told);
+    const bool isAsked = received(fd, told);
     std::printf("%zu\n", told.size());
-    return served;
+    std::fflush(stdout);
+    if (!isAsked) {
+        return served;
+    }
+    const auto &replier = arguments[1];
+    if (replier.empty()) {
+        const timeval patience{.tv_sec = 20, .tv_usec = 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        std::puts(::recv(fd, told.data(), told.size(), 0) == 0 ? "hung up" : "still there");
+        return served;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(std::atoi(arguments[2].c_str())));
+    if (replier == "child" && ::fork() != 0) {
+        return ::wait(nullptr) > 0 ? served : failed;
+    }
+    if (const auto user = static_cast<uid_t>(std::atoi(replier.c_str()));
+        user != 0 && ::setresuid(user, user, user) != 0) {
+        return failed;
+    }
+    return sent(fd, R"({"removedCount":1,"failedCount":0,"bytes":4096})") ? served : failed;
 }
 
 /// Removes small files of its own one by one on one connection, or asks for what is refused when

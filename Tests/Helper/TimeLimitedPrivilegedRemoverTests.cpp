@@ -23,9 +23,15 @@ const PrivilegedRemovalResult removedOne{.removedCount = 1, .bytes = 4096};
 struct ScriptedRemover final : PrivilegedRemoving {
     std::function<PrivilegedRemovalResult(int)> answer;
     mutable std::atomic<int> calls = 0;
+    mutable std::atomic<bool> wasStopped = false;
 
     PrivilegedRemovalResult perform(const PrivilegedRequest &) const override {
         return answer(calls++);
+    }
+    PrivilegedRemovalResult perform(const PrivilegedRequest &each,
+                                    std::stop_token stop) const override {
+        const std::stop_callback note(stop, [&] { wasStopped = true; });
+        return perform(each);
     }
 };
 
@@ -72,6 +78,7 @@ TEST(TimeLimitedPrivilegedRemover, waitsOnASilentBaseOnlyOnce) {
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_THROW(remover.perform(request), TimedOut);
         EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
+        EXPECT_TRUE(eventually([&] { return base->wasStopped.load(); }));
         EXPECT_THROW(remover.perform(request), TimedOut);
         EXPECT_EQ(base->calls, 1);
     }
@@ -81,22 +88,10 @@ TEST(TimeLimitedPrivilegedRemover, waitsOnASilentBaseOnlyOnce) {
     EXPECT_TRUE(eventually([&] { return alive.expired(); }));
 }
 
-TEST(TimeLimitedPrivilegedRemover, passesOnAndRemembersWhateverTheBaseThrows) {
-    const auto base = scripted([](int) -> PrivilegedRemovalResult { throw 7; });
-    const TimeLimitedPrivilegedRemover remover(base, 1h);
-    EXPECT_THROW(remover.perform(request), int);
-    EXPECT_THROW(remover.perform(request), int);
-    EXPECT_EQ(base->calls, 1);
-}
-
 TEST(TimeLimitedPrivilegedRemover, describesTheLimitInWholeSeconds) {
-    const std::pair<std::chrono::nanoseconds, const char *> cases[] = {
-        {30s, "30"}, {2500ms, "2"}, {999ms, "0"}};
-    for (const auto &[limit, seconds] : cases) {
-        EXPECT_EQ(std::string(TimedOut(limit).what()),
-                  std::string("The Klarbox helper didn't answer within ") + seconds +
-                      " seconds. Turn it off and on again in Settings, then try again.");
-    }
+    EXPECT_STREQ(TimedOut(2999ms).what(),
+                 "The Klarbox helper didn't answer within 2 seconds. Turn it off and on again in "
+                 "Settings, then try again.");
 }
 
 TEST(TimeLimitedPrivilegedRemover, requestsInFlightRunToTheirOwnEndAndTheLastFailureIsKept) {

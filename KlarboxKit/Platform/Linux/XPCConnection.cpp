@@ -5,8 +5,10 @@
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Platform/XPC.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -55,6 +57,35 @@ XPCError systemFailure(Kind kind, std::string_view what, int code) {
     return {kind, code, fmt::format("{}: {}.", what, std::generic_category().message(code))};
 }
 
+XPCError impostor() {
+    return {Kind::unverified, EACCES, "What answers is not the service."};
+}
+
+XPCError silence() {
+    return {Kind::silent, ETIMEDOUT, "The service does not answer."};
+}
+
+/// Blocks until there is something to receive, be it the end of the connection.
+void awaitPacket(const UniqueFD &socket, const XPCConnection::Waiting &waiting) {
+    using namespace std::chrono;
+    const auto begin = steady_clock::now();
+    pollfd events{.fd = socket.get(), .events = POLLIN, .revents = 0};
+    seconds told{};
+    for (;;) {
+        const auto untilNext = ceil<milliseconds>(begin + told + 1s - steady_clock::now());
+        const int ready = ::poll(&events, 1, std::max(0, static_cast<int>(untilNext.count())));
+        if (ready == 0) {
+            told = floor<seconds>(steady_clock::now() - begin);
+            waiting(told);
+        } else if (ready > 0 || errno != EINTR) {
+            break; // should waiting itself have failed, receiving waits
+        }
+    }
+    if (told > 0s) {
+        waiting(0s);
+    }
+}
+
 } // namespace
 
 XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user) {
@@ -83,6 +114,9 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
         connected =
             ::connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
     }
+    if (connected != 0 && errno == EAGAIN) {
+        throw silence();
+    }
     if (connected != 0) {
         throw systemFailure(Kind::unreachable, "The service cannot be reached", errno);
     }
@@ -92,7 +126,7 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
         welcome = receivePacket(socket_, XPC::maximumReplySize, true);
     } catch (const PlatformError &error) {
         if (error.code() == EAGAIN) {
-            throw XPCError(Kind::silent, ETIMEDOUT, "The service does not answer.");
+            throw silence();
         }
         // Being cut off with unread packets in the way is being turned away too.
         throw error.code() == ECONNRESET
@@ -106,7 +140,7 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
     // process may not look into root's.
     if (welcome->sender.uid != service.user || welcome->bytes != XPCPacket::welcome ||
         !welcome->attachment) {
-        throw XPCError(Kind::unverified, EACCES, "What answers is not the service.");
+        throw impostor();
     }
     servicePID_ = welcome->sender.pid;
     const Code code(std::move(welcome->attachment));
@@ -127,7 +161,8 @@ XPCConnection::XPCConnection(const Service &service) : serviceUser_(service.user
     }
 }
 
-std::string XPCConnection::send(std::string_view selector, std::string_view argument) {
+std::string XPCConnection::send(std::string_view selector, std::string_view argument,
+                                std::stop_token stop, const Waiting &waiting) {
     std::string message(selector);
     message += '\0';
     message += argument;
@@ -136,17 +171,24 @@ std::string XPCConnection::send(std::string_view selector, std::string_view argu
         throw systemFailure(Kind::interrupted, "The message cannot be sent", EMSGSIZE);
     }
     std::optional<XPCPacket> reply;
+    const std::stop_callback hangUp(stop, [&] { ::shutdown(socket_.get(), SHUT_RDWR); });
     try {
         sendPacket(socket_, message);
         unsent_ = false;
+        if (waiting) {
+            awaitPacket(socket_, waiting);
+        }
         reply = receivePacket(socket_, XPC::maximumReplySize);
     } catch (const PlatformError &error) {
         throw systemFailure(Kind::interrupted, "The connection to the service failed",
                             error.code());
     }
-    if (!reply || reply->sender.pid != servicePID_ || reply->sender.uid != serviceUser_) {
+    if (!reply) {
         throw XPCError(Kind::interrupted, ECONNRESET,
                        "The service closed the connection without an answer.");
+    }
+    if (reply->sender.pid != servicePID_ || reply->sender.uid != serviceUser_) {
+        throw impostor();
     }
     return std::move(reply->bytes);
 }
