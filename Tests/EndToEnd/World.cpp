@@ -15,8 +15,6 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
-
 namespace klarbox::test {
 
 namespace {
@@ -211,31 +209,6 @@ std::string EndToEnd::whyNoInstalledClients() {
 
 namespace {
 
-/// Puts a program into the place of the shell: this one inside a private world, in which it is
-/// root, with other users beside it only when it is root outside too. Given are the mark of users,
-/// the mount point, the folders of programs and sources, and the mark of the world.
-constexpr std::string_view enterWorld = R"sh(
-for folder in /bin /sbin /lib /lib64; do
-    if [ -L $folder ]; then
-        folders="$folders --symlink $(readlink $folder) $folder"
-    else
-        folders="$folders --ro-bind-try $folder $folder"
-    fi
-done
-if [ $(id -u) = 0 ]; then
-    users='--setenv {0} 1'
-else
-    users='--unsetenv {0} --unshare-user --uid 0 --gid 0'
-fi
-exec bwrap --unshare-pid --die-with-parent --perms 0755 --tmpfs / $users \
-    --perms 0755 --dir /etc --ro-bind /usr /usr $folders \
-    --ro-bind-try /etc/ld.so.cache /etc/ld.so.cache \
-    --ro-bind-try /etc/ssl/openssl.cnf /etc/ssl/openssl.cnf \
-    --proc /proc --dev /dev --dir /tmp --dir /run --dir /opt \
-    --perms 0755 --dir /Library --tmpfs {1} --ro-bind '{2}' /programs --ro-bind '{3}' /source \
-    --dir {4} --chdir / /programs/EndToEndTests "$@"
-)sh";
-
 /// Whether worlds can be made here at all.
 bool canMakeWorlds() {
     return std::system(
@@ -252,11 +225,11 @@ int main(int argc, char **argv) {
         return argument.starts_with("--gtest_list_tests");
     });
     if (!isListing && !isInWorld() && canMakeWorlds()) {
-        const auto script = fmt::format(enterWorld, usersMark, mountPoint, KLARBOX_BINARY_DIR,
-                                        KLARBOX_SOURCE_DIR, worldMark);
-        std::vector<const char *> arguments{"sh", "-c", script.c_str()};
-        arguments.insert(arguments.end(), argv, argv + argc + 1);
-        ::execv("/bin/sh", const_cast<char **>(arguments.data()));
+        const auto enter = std::string(KLARBOX_SOURCE_DIR) + "/Tests/EndToEnd/enter-world";
+        std::vector<const char *> arguments{enter.c_str(), KLARBOX_BINARY_DIR, KLARBOX_SOURCE_DIR,
+                                            "/programs/EndToEndTests"};
+        arguments.insert(arguments.end(), argv + 1, argv + argc + 1);
+        ::execv(arguments[0], const_cast<char **>(arguments.data()));
     }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

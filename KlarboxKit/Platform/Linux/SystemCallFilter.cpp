@@ -127,7 +127,7 @@ public:
         allow();
         const sock_fprog program{.len = static_cast<unsigned short>(steps_.size()),
                                  .filter = steps_.data()};
-        if (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) != 0) {
+        if (::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
             throw PlatformError::posix(errno);
         }
     }
