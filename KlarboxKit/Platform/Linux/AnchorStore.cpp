@@ -71,8 +71,9 @@ std::string anchorBytes(const UniqueFD &folder, const std::string &name, const s
         ::openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0) {
+        const int code = errno;
         throw PlatformError::cocoa(PlatformError::fileReadUnknown,
-                                   fmt::format("The anchor “{}” could not be read.", path), errno);
+                                   fmt::format("The anchor “{}” could not be read.", path), code);
     }
     requireUnforgeable(fd, path, owner);
     if (!S_ISREG(st.st_mode) || st.st_size > static_cast<off_t>(longestAnchor)) {

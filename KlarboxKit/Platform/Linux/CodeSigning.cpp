@@ -170,9 +170,10 @@ UniqueFD Code::openSignature(const UniqueFD &executable) {
     UniqueFD signature(
         ::open(descriptorPath(found).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!signature) {
+        const int code = errno;
         throw PlatformError::cocoa(
             PlatformError::fileReadUnknown,
-            fmt::format("The signature “{}” could not be read.", Text::visible(beside)), errno);
+            fmt::format("The signature “{}” could not be read.", Text::visible(beside)), code);
     }
     return signature;
 }
