@@ -20,8 +20,11 @@ using XPCReply = std::function<void(std::string_view data)>;
 /// connections at once.
 class XPCInterface {
 public:
-    /// Calls its second argument once before it returns.
-    using Method = std::function<void(const std::string &argument, const XPCReply &reply)>;
+    /// Calls its second argument once before it returns. While it works it may ask its third
+    /// (empty: always no), on the thread it was called on, whether nobody waits for the reply any
+    /// more.
+    using Method = std::function<void(const std::string &argument, const XPCReply &reply,
+                                      const std::function<bool()> &isCancelled)>;
 
     XPCInterface() = default;
     explicit XPCInterface(std::map<std::string, Method, std::less<>> methods)

@@ -264,7 +264,7 @@ bool XPCListener::Connection::answerNext() {
     std::string answer;
     try {
         (*method)(packet->bytes.substr(nul + 1),
-                  [&](std::string_view data) { answer.assign(data); });
+                  [&](std::string_view data) { answer.assign(data); }, {});
     } catch (const std::exception &) {
         // The peer waits for exactly one reply; an empty one tells it that there is no answer.
         answer.clear();
