@@ -112,12 +112,7 @@ PrivilegedRequestHandler::resolve(const std::string &path) const {
     if (!folder) {
         throw SafetyRefusal(SafetyViolation::notFound);
     }
-    std::vector<SafetyGuard::Root> real;
-    for (const auto &root : roots_) {
-        if (auto resolved = SafetyGuard::resolved(root)) {
-            real.push_back(*std::move(resolved));
-        }
-    }
+    const auto real = SafetyGuard::resolved(roots_, folder->location.path());
     const auto candidate = folder->location.appending(url.lastComponent());
     if (const auto *root = mostSpecific(real, candidate)) {
         return {url, std::move(folder), *root};
@@ -125,7 +120,8 @@ PrivilegedRequestHandler::resolve(const std::string &path) const {
     // Written as if inside a root but leading elsewhere: the guard knows the right name for it.
     std::vector<SafetyGuard::Root> written;
     for (const auto &root : roots_) {
-        written.push_back({root, Text::foldedPathComponents(root.standardized().path())});
+        const auto standardized = root.standardized().path();
+        written.push_back({root, standardized, Text::foldedPathComponents(standardized)});
     }
     if (const auto *root = mostSpecific(written, url)) {
         safety_->validate(url, root->url);

@@ -200,8 +200,13 @@ std::optional<std::string> realPath(std::string_view path) {
     }
     std::string given(path);
     // Most paths are real already, which is seen at once; resolving looks at every component.
-    if (namesEveryStep(given) && isLinkFree(given)) {
-        return given;
+    if (namesEveryStep(given)) {
+        if (isLinkFree(given)) {
+            return given;
+        }
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
     }
     const std::unique_ptr<char, void (*)(void *)> resolved(::realpath(given.c_str(), nullptr),
                                                            std::free);

@@ -7,7 +7,8 @@
 namespace klarbox {
 
 /// Whether no symbolic link stands anywhere in an absolute path or at its end. False also for what
-/// does not exist, and where it cannot be told in one step. Safe from any thread.
+/// does not exist, and where it cannot be told in one step; errno is ENOENT only when no link
+/// stands before what is missing. Safe from any thread.
 bool isLinkFree(const std::string &path);
 
 /// Opens the folder at an absolute path only if no symbolic link stands anywhere in it or at its

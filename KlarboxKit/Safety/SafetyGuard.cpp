@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <ranges>
+#include <utility>
 
 namespace klarbox {
 
@@ -105,6 +107,17 @@ std::vector<std::string> components(const FileURL &url) {
     throw SafetyRefusal(violation);
 }
 
+SafetyGuard::Root rootAt(const FileURL &root, std::string realPath) {
+    auto components = Text::foldedPathComponents(realPath);
+    return {.url = root, .path = std::move(realPath), .components = std::move(components)};
+}
+
+/// Whether `place` is a real path, or one on the way to it: then there is no link in it.
+bool leadsThrough(std::string_view realPath, std::string_view place) {
+    return realPath.starts_with(place) &&
+           (realPath.size() == place.size() || realPath[place.size()] == '/');
+}
+
 /// The name of what a standardised location names; only an entry of a folder has one.
 std::string nameOf(const FileURL &written) {
     const auto name = written.lastComponent();
@@ -140,8 +153,24 @@ SafetyGuard::Place SafetyGuard::place(const FileURL &folder) {
 }
 
 std::optional<SafetyGuard::Root> SafetyGuard::resolved(const FileURL &root) {
-    const auto path = FileManager::realPath(root.path());
-    return path ? std::optional<Root>({root, Text::foldedPathComponents(*path)}) : std::nullopt;
+    auto path = FileManager::realPath(root.path());
+    return path ? std::optional(rootAt(root, *std::move(path))) : std::nullopt;
+}
+
+std::vector<SafetyGuard::Root> SafetyGuard::resolved(std::span<const FileURL> roots,
+                                                     std::string_view realPath) {
+    std::vector<Root> found;
+    // From the last one on: a root inside another stands after it, and proves that other.
+    for (const auto &root : std::views::reverse(roots)) {
+        const auto proves = [&](std::string_view path) { return leadsThrough(path, root.path()); };
+        if (proves(realPath) || std::ranges::any_of(found, proves, &Root::path)) {
+            found.push_back(rootAt(root, root.path()));
+        } else if (auto one = resolved(root)) {
+            found.push_back(*std::move(one));
+        }
+    }
+    std::ranges::reverse(found);
+    return found;
 }
 
 FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {

@@ -39,11 +39,16 @@ public:
     /// A root with its links resolved, for judging several locations on behalf of it.
     struct Root {
         FileURL url;                         ///< as it was given
-        std::vector<std::string> components; ///< of the real path, lower-cased
+        std::string path;                    ///< with links resolved
+        std::vector<std::string> components; ///< of that path, lower-cased
     };
 
     /// The root as it lies now; nothing when it does not exist.
     static std::optional<Root> resolved(const FileURL &root);
+
+    /// The roots that exist, as they lie now, in their order. What `realPath` (just resolved)
+    /// proves to be free of links is not looked at again, nor what one root proves of another.
+    static std::vector<Root> resolved(std::span<const FileURL> roots, std::string_view realPath);
 
     /// Judges like `validate` and holds what it judged, so that nothing need follow a path again:
     /// the folder that really holds the location is opened first, the entry is looked at in it, and
