@@ -57,8 +57,8 @@ TEST(DescriptorGrant, allHoldersTogetherMayOpenHalfOfWhatTheProcessMay) {
             limitDescriptors(limit);
             std::atomic<std::size_t> held = 0;
             Peak peak;
-            inThreads(150, [&](int) {
-                for (int round = 0; round < 4; ++round) {
+            inThreads(60, [&](int) {
+                for (int round = 0; round < 8; ++round) {
                     const auto grant = DescriptorGrant::wait();
                     EXPECT_GE(grant.descriptors(), DescriptorGrant::fewest);
                     peak.note(held += grant.descriptors());

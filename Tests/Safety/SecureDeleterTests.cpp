@@ -27,6 +27,8 @@ namespace {
 
 /// As on a system that does not tell what is a mount point.
 std::atomic<bool> tellsNoMounts = false;
+/// Found before any thread is started: what makes sure of that later would call it itself.
+const auto realSyscall = reinterpret_cast<decltype(&::syscall)>(::dlsym(RTLD_NEXT, "syscall"));
 /// As on one that cannot open a path without links in one step.
 std::atomic<bool> opensStepByStep = false;
 
@@ -44,9 +46,8 @@ extern "C" long syscall(long number, ...) noexcept {
         argument = va_arg(list, long);
     }
     va_end(list);
-    static const auto real = reinterpret_cast<decltype(&::syscall)>(::dlsym(RTLD_NEXT, "syscall"));
-    return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
-                arguments[5]);
+    return realSyscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                       arguments[5]);
 }
 
 extern "C" int statx(int fd, const char *name, int flags, unsigned wanted,
