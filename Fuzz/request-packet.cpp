@@ -85,12 +85,13 @@ void klarbox::fuzz::run(std::string_view input) {
         nul == std::string::npos ? nullptr : methods.find(std::string_view(bytes).substr(0, nul));
     if (method != nullptr) {
         int replies = 0;
-        (*method)(bytes.substr(nul + 1), [&](std::string_view reply) {
+        const auto count = [&](std::string_view reply) {
             ++replies;
             require(reply.size() <= XPC::maximumReplySize, "a reply fits");
             const auto result = PrivilegedRemovalResult::decode(reply);
             require(result.removedCount + result.failedCount >= 0, "it counts");
-        });
+        };
+        (*method)(bytes.substr(nul + 1), count, {});
         require(replies == 1, "a request has one reply");
     }
 }

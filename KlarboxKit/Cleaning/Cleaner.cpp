@@ -29,8 +29,72 @@ CleanOutcome outcome(const KlarboxItem &item, CleanResult result, std::int64_t b
             .wentToTrash = wentToTrash};
 }
 
+/// The location with links resolved as far down as anything exists.
+FileURL resolved(const FileURL &url) {
+    std::string missing;
+    for (auto at = url.standardized();; at = at.parent()) {
+        if (const auto real = FileManager::realPath(at.path())) {
+            return FileURL(*real + missing);
+        }
+        if (at.path() == "/") {
+            return url;
+        }
+        missing = fmt::format("/{}{}", at.lastComponent(), missing);
+    }
+}
+
+PathTree excludedTree(std::span<const FileURL> excluded) {
+    PathTree tree;
+    for (const auto &url : excluded) {
+        tree.insert(PathTree::components(url));
+        tree.insert(PathTree::components(resolved(url)));
+        // For a link: where the link itself really is.
+        const auto standard = url.standardized();
+        tree.insert(
+            PathTree::components(resolved(standard.parent()).appending(standard.lastComponent())));
+    }
+    return tree;
+}
+
+/// Whether a real path is where the root lies, letter case apart.
+bool isPlaceOf(const FileURL &root, std::string_view realPath) {
+    const auto resolved = SafetyGuard::resolved(root);
+    return resolved && resolved->components == Text::foldedPathComponents(realPath);
+}
+
+/// The last three lines of what a tool printed: where tools say why they failed.
+std::string lastLines(std::string_view output) {
+    const auto lines = Text::lines(output);
+    if (lines.empty()) {
+        return "Command failed";
+    }
+    const auto count = std::min<std::size_t>(lines.size(), 3);
+    return fmt::format(
+        "{}", fmt::join(lines.end() - static_cast<std::ptrdiff_t>(count), lines.end(), "\n"));
+}
+
+CleanOutcome homebrewOutcome(const KlarboxItem &item, std::string_view output,
+                             std::span<const FileURL> stuckKegs) {
+    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
+                       DiskUsage::allocatedSize(stuckKegs);
+    std::vector<std::string> names;
+    for (const auto &keg : stuckKegs) {
+        names.push_back(fmt::format("{} {}", keg.parent().lastComponent(), keg.lastComponent()));
+    }
+    auto message = fmt::format("Homebrew couldn't remove {}: you don't have permission to delete "
+                               "some of its files (often left by running brew with sudo). Fix "
+                               "their ownership, then clean again.",
+                               fmt::join(names, ", "));
+    return outcome(item,
+                   freed >= 1 ? CleanResult::partial(std::move(message))
+                              : CleanResult::failed(std::move(message)),
+                   std::max<std::int64_t>(freed, 0));
+}
+
+} // namespace
+
 /// What became of the parts of one item.
-class Tally {
+class Cleaner::Tally {
 public:
     void addRemoved(std::int64_t count, std::int64_t bytes) {
         removed_ = saturatingAdd(removed_, count);
@@ -90,72 +154,6 @@ private:
     std::optional<std::string> message_;
 };
 
-/// The location with links resolved as far down as anything exists.
-FileURL resolved(const FileURL &url) {
-    std::string missing;
-    for (auto at = url.standardized();; at = at.parent()) {
-        if (const auto real = FileManager::realPath(at.path())) {
-            return FileURL(*real + missing);
-        }
-        if (at.path() == "/") {
-            return url;
-        }
-        missing = fmt::format("/{}{}", at.lastComponent(), missing);
-    }
-}
-
-PathTree excludedTree(std::span<const FileURL> excluded) {
-    PathTree tree;
-    for (const auto &url : excluded) {
-        tree.insert(PathTree::components(url));
-        tree.insert(PathTree::components(resolved(url)));
-        // For a link: where the link itself really is.
-        const auto standard = url.standardized();
-        tree.insert(
-            PathTree::components(resolved(standard.parent()).appending(standard.lastComponent())));
-    }
-    return tree;
-}
-
-/// Whether both paths lead to the same place, letter case apart.
-bool isSamePlace(const FileURL &a, const FileURL &b) {
-    const auto realA = FileManager::realPath(a.path());
-    const auto realB = FileManager::realPath(b.path());
-    return realA && realB &&
-           Text::foldedPathComponents(*realA) == Text::foldedPathComponents(*realB);
-}
-
-/// The last three lines of what a tool printed: where tools say why they failed.
-std::string lastLines(std::string_view output) {
-    const auto lines = Text::lines(output);
-    if (lines.empty()) {
-        return "Command failed";
-    }
-    const auto count = std::min<std::size_t>(lines.size(), 3);
-    return fmt::format(
-        "{}", fmt::join(lines.end() - static_cast<std::ptrdiff_t>(count), lines.end(), "\n"));
-}
-
-CleanOutcome homebrewOutcome(const KlarboxItem &item, std::string_view output,
-                             std::span<const FileURL> stuckKegs) {
-    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
-                       DiskUsage::allocatedSize(stuckKegs);
-    std::vector<std::string> names;
-    for (const auto &keg : stuckKegs) {
-        names.push_back(fmt::format("{} {}", keg.parent().lastComponent(), keg.lastComponent()));
-    }
-    auto message = fmt::format("Homebrew couldn't remove {}: you don't have permission to delete "
-                               "some of its files (often left by running brew with sudo). Fix "
-                               "their ownership, then clean again.",
-                               fmt::join(names, ", "));
-    return outcome(item,
-                   freed >= 1 ? CleanResult::partial(std::move(message))
-                              : CleanResult::failed(std::move(message)),
-                   std::max<std::int64_t>(freed, 0));
-}
-
-} // namespace
-
 Cleaner::Cleaner(std::shared_ptr<const SafetyGuard> guard,
                  std::shared_ptr<const ItemRemover> remover,
                  std::shared_ptr<const CommandRunning> runner,
@@ -208,17 +206,12 @@ CleanOutcome Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
                                   bool usesTrash) const {
     Tally tally;
     tally.attempt([&] {
-        for (const auto &path : concretePaths(item.target, root)) {
-            tally.attempt([&] {
-                const auto validated = validate(path, root);
-                const auto bytes = DiskUsage::allocatedSize(validated);
-                if (usesTrash) {
-                    remover_->moveToTrash(validated);
-                } else {
-                    remover_->deletePermanently(validated);
-                }
-                tally.addRemoved(1, bytes);
-            });
+        if (const auto *contents = std::get_if<KlarboxTarget::Contents>(&item.target.value())) {
+            removeContents(contents->of, root, usesTrash, tally);
+            return;
+        }
+        for (const auto &url : item.target.paths()) {
+            tally.attempt([&] { remove(url, safety_->pin(url, root), usesTrash, tally); });
         }
     });
     return tally.outcome(item, usesTrash ? CleanResult::movedToTrash() : CleanResult::removed(),
@@ -281,35 +274,70 @@ CleanOutcome Cleaner::runCommand(const KlarboxItem &item, const CommandAction &a
                              : homebrewOutcome(item, result.output, stuckKegs);
 }
 
-std::vector<FileURL> Cleaner::concretePaths(const KlarboxTarget &target,
-                                            const FileURL &root) const {
-    const auto *contents = std::get_if<KlarboxTarget::Contents>(&target.value());
-    if (contents == nullptr) {
-        return target.paths();
+void Cleaner::removeContents(const FileURL &folder, const FileURL &root, bool usesTrash,
+                             Tally &tally) const {
+    auto written = folder;
+    const auto opened = openContents(folder, root, written);
+    const auto resolvedRoot = SafetyGuard::resolved(root);
+    if (!resolvedRoot) {
+        throw SafetyRefusal(SafetyViolation::notFound);
     }
+    for (const auto &name : opened->names()) {
+        tally.attempt([&] {
+            const auto child = written.appending(name);
+            remove(child, safety_->pin(child.standardized(), opened, *resolvedRoot), usesTrash,
+                   tally);
+        });
+    }
+}
+
+/// Opens the folder whose entries are to be removed. `written` becomes the spelling by which they
+/// are judged as asked for.
+std::shared_ptr<const PinnedFolder>
+Cleaner::openContents(const FileURL &folder, const FileURL &root, FileURL &written) const {
     // A root may be emptied, though never removed: the guard would refuse the folder itself. But
     // not what a link in its place leads to, should that be somebody's documents.
-    const bool isRoot = isSamePlace(contents->of, root);
-    if (isRoot && FileManager::type(contents->of) == FileManager::FileType::symbolicLink &&
-        safety_->isProtected(contents->of)) {
-        throw SafetyRefusal(SafetyViolation::protectedLocation);
+    auto real = FileManager::realPath(folder.path());
+    if (real && isPlaceOf(root, *real)) {
+        if (FileManager::type(folder) == FileManager::FileType::symbolicLink &&
+            safety_->isProtected(FileURL(*real))) {
+            throw SafetyRefusal(SafetyViolation::protectedLocation);
+        }
+        return PinnedFolder::open(PinnedEntry::open(FileURL(*real)));
     }
-    const auto folder = isRoot ? contents->of : safety_->validate(contents->of, root);
-    std::vector<FileURL> entries;
-    for (const auto &name : FileManager::contentsOfDirectory(folder)) {
-        entries.push_back(folder.appending(name));
+    const auto entry = safety_->pin(folder, root);
+    written = entry.location();
+    if (entry.isKnownNoFolder() && (real = FileManager::realPath(written.path()))) {
+        // What a link leads to is opened where it really is: there the entries are judged.
+        return PinnedFolder::open(PinnedEntry::open(FileURL(*real)));
     }
-    return entries;
+    return PinnedFolder::open(entry);
+}
+
+void Cleaner::remove(const FileURL &written, const PinnedEntry &entry, bool usesTrash,
+                     Tally &tally) const {
+    expectNotExcluded(written, entry.location());
+    const auto bytes = DiskUsage::allocatedSize(entry);
+    if (usesTrash) {
+        remover_->moveToTrash(entry);
+    } else {
+        remover_->deletePermanently(entry, {});
+    }
+    tally.addRemoved(1, bytes);
 }
 
 FileURL Cleaner::validate(const FileURL &url, const FileURL &root) const {
     auto validated = safety_->validate(url, root);
-    if (excluded_.touches(PathTree::components(url)) ||
-        excluded_.touches(PathTree::components(validated))) {
-        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
-                                             Text::visible(url.path())));
-    }
+    expectNotExcluded(url, validated);
     return validated;
+}
+
+void Cleaner::expectNotExcluded(const FileURL &written, const FileURL &location) const {
+    if (excluded_.touches(PathTree::components(written)) ||
+        excluded_.touches(PathTree::components(location))) {
+        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
+                                             Text::visible(written.path())));
+    }
 }
 
 } // namespace klarbox

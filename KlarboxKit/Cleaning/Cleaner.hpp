@@ -6,6 +6,8 @@
 #include "KlarboxKit/Model/KlarboxItem.hpp"
 #include "KlarboxKit/Model/RemovalMode.hpp"
 #include "KlarboxKit/Safety/ItemRemover.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/PinnedFolder.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanning/PathTree.hpp"
 
@@ -48,12 +50,20 @@ public:
                       const Progress &progress, std::stop_token stop = {}) const;
 
 private:
+    class Tally;
+
     CleanOutcome clean(const KlarboxItem &item, RemovalMode mode) const;
     CleanOutcome cleanAsUser(const KlarboxItem &item, const FileURL &root, bool usesTrash) const;
     CleanOutcome cleanWithHelper(const KlarboxItem &item, const FileURL &root) const;
     CleanOutcome runCommand(const KlarboxItem &item, const CommandAction &action) const;
-    std::vector<FileURL> concretePaths(const KlarboxTarget &target, const FileURL &root) const;
+    void removeContents(const FileURL &folder, const FileURL &root, bool usesTrash,
+                        Tally &tally) const;
+    std::shared_ptr<const PinnedFolder> openContents(const FileURL &folder, const FileURL &root,
+                                                     FileURL &written) const;
+    void remove(const FileURL &written, const PinnedEntry &entry, bool usesTrash,
+                Tally &tally) const;
     FileURL validate(const FileURL &url, const FileURL &root) const;
+    void expectNotExcluded(const FileURL &written, const FileURL &location) const;
 
     std::shared_ptr<const SafetyGuard> safety_;
     std::shared_ptr<const ItemRemover> remover_;

@@ -8,17 +8,19 @@
 
 namespace klarbox {
 
-void HelperService::removeItem(const std::string &atPath, const XPCReply &reply) const {
-    answer(PrivilegedRequest::removeItem(atPath), reply);
+void HelperService::removeItem(const std::string &atPath, const XPCReply &reply,
+                               const std::function<bool()> &isCancelled) const {
+    answer(PrivilegedRequest::removeItem(atPath), reply, isCancelled);
 }
 
-void HelperService::removeContents(const std::string &ofDirectoryAtPath,
-                                   const XPCReply &reply) const {
-    answer(PrivilegedRequest::removeContents(ofDirectoryAtPath), reply);
+void HelperService::removeContents(const std::string &ofDirectoryAtPath, const XPCReply &reply,
+                                   const std::function<bool()> &isCancelled) const {
+    answer(PrivilegedRequest::removeContents(ofDirectoryAtPath), reply, isCancelled);
 }
 
-void HelperService::answer(const PrivilegedRequest &request, const XPCReply &reply) const {
-    const auto result = handler_.handle(request);
+void HelperService::answer(const PrivilegedRequest &request, const XPCReply &reply,
+                           const std::function<bool()> &isCancelled) const {
+    const auto result = handler_.handle(request, isCancelled);
     log_(request, result);
     reply(result.encoded());
 }

@@ -22,11 +22,14 @@ public:
         : handler_(std::move(handler)),
           log_(std::move(log)) {}
 
-    void removeItem(const std::string &atPath, const XPCReply &reply) const override;
-    void removeContents(const std::string &ofDirectoryAtPath, const XPCReply &reply) const override;
+    void removeItem(const std::string &atPath, const XPCReply &reply,
+                    const std::function<bool()> &isCancelled = {}) const override;
+    void removeContents(const std::string &ofDirectoryAtPath, const XPCReply &reply,
+                        const std::function<bool()> &isCancelled = {}) const override;
 
 private:
-    void answer(const PrivilegedRequest &request, const XPCReply &reply) const;
+    void answer(const PrivilegedRequest &request, const XPCReply &reply,
+                const std::function<bool()> &isCancelled) const;
 
     PrivilegedRequestHandler handler_;
     Log log_;

@@ -5,12 +5,12 @@ namespace klarbox {
 XPCInterface klarboxHelperInterface(const std::shared_ptr<const KlarboxHelperXPC> &object) {
     return XPCInterface({
         {std::string(KlarboxHelperXPC::removeItemSelector),
-         [object](const std::string &path, const XPCReply &reply, const std::function<bool()> &) {
-             object->removeItem(path, reply);
+         [object](const std::string &path, const XPCReply &reply, const auto &isCancelled) {
+             object->removeItem(path, reply, isCancelled);
          }},
         {std::string(KlarboxHelperXPC::removeContentsSelector),
-         [object](const std::string &path, const XPCReply &reply, const std::function<bool()> &) {
-             object->removeContents(path, reply);
+         [object](const std::string &path, const XPCReply &reply, const auto &isCancelled) {
+             object->removeContents(path, reply, isCancelled);
          }},
     });
 }

@@ -2,6 +2,7 @@
 
 #include "KlarboxKit/Platform/XPC.hpp"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,10 +19,12 @@ public:
     virtual ~KlarboxHelperXPC() = default;
 
     /// Both call `reply` exactly once, before they return, with the JSON of a
-    /// `PrivilegedRemovalResult`. Called from several threads at once.
-    virtual void removeItem(const std::string &atPath, const XPCReply &reply) const = 0;
-    virtual void removeContents(const std::string &ofDirectoryAtPath,
-                                const XPCReply &reply) const = 0;
+    /// `PrivilegedRemovalResult`. Once `isCancelled` (empty: never) answers yes they remove nothing
+    /// more. Called from several threads at once.
+    virtual void removeItem(const std::string &atPath, const XPCReply &reply,
+                            const std::function<bool()> &isCancelled = {}) const = 0;
+    virtual void removeContents(const std::string &ofDirectoryAtPath, const XPCReply &reply,
+                                const std::function<bool()> &isCancelled = {}) const = 0;
 };
 
 /// The interface through which an object is exported to the application.

@@ -1,14 +1,14 @@
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 
-#include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 
 #include <algorithm>
 #include <cstddef>
-#include <optional>
+#include <span>
 #include <string_view>
 
 namespace klarbox {
@@ -18,25 +18,17 @@ namespace {
 /// Longer paths reach no file: this is what the system takes, with room for the NUL behind it.
 constexpr std::size_t longestPath = 1023;
 
-/// A root and the spelling of its path that others are compared with.
-struct RootPath {
-    FileURL root;
-    std::string path;
-};
-
 /// The root with the most components that is, or holds, the path; the earlier one on a tie.
-std::optional<FileURL> mostSpecific(const std::vector<RootPath> &roots, std::string_view path) {
-    const auto components = Text::foldedPathComponents(path);
-    std::optional<FileURL> chosen;
-    std::size_t depth = 0;
-    for (const auto &[root, rootPath] : roots) {
-        const auto rootComponents = Text::foldedPathComponents(rootPath);
-        const bool holds =
-            rootComponents.size() <= components.size() &&
-            std::ranges::equal(rootComponents, std::span(components).first(rootComponents.size()));
-        if (holds && (!chosen || rootComponents.size() > depth)) {
-            chosen = root;
-            depth = rootComponents.size();
+const SafetyGuard::Root *mostSpecific(const std::vector<SafetyGuard::Root> &roots,
+                                      const FileURL &path) {
+    const auto components = Text::foldedPathComponents(path.path());
+    const SafetyGuard::Root *chosen = nullptr;
+    for (const auto &root : roots) {
+        const auto depth = root.components.size();
+        const bool holds = depth <= components.size() &&
+                           std::ranges::equal(root.components, std::span(components).first(depth));
+        if (holds && (chosen == nullptr || depth > chosen->components.size())) {
+            chosen = &root;
         }
     }
     return chosen;
@@ -69,16 +61,43 @@ void add(PrivilegedRemovalResult &total, const PrivilegedRemovalResult &one) {
 
 } // namespace
 
-PrivilegedRemovalResult PrivilegedRequestHandler::handle(const PrivilegedRequest &request) const {
+/// The wish of whoever asked that it be done no more. Once yes it stays.
+class PrivilegedRequestHandler::Cancellation {
+public:
+    explicit Cancellation(const ItemRemover::CancellationTest &isCancelled) {
+        if (isCancelled) {
+            test_ = [this, &isCancelled] { return isRequested_ = isRequested_ || isCancelled(); };
+        }
+    }
+    Cancellation(const Cancellation &) = delete;
+    Cancellation &operator=(const Cancellation &) = delete;
+
+    const ItemRemover::CancellationTest &test() const { return test_; }
+    bool ask() const { return test_ && test_(); }
+    /// Whether anybody was told yes.
+    bool isRequested() const { return isRequested_; }
+
+    static constexpr auto message = "The removal was stopped before it was done.";
+
+private:
+    ItemRemover::CancellationTest test_;
+    bool isRequested_ = false;
+};
+
+PrivilegedRemovalResult
+PrivilegedRequestHandler::handle(const PrivilegedRequest &request,
+                                 const ItemRemover::CancellationTest &isCancelled) const {
+    Cancellation cancellation(isCancelled);
     return withFailuresAsResults([&] {
-        return std::visit(
-            overloaded{
-                [&](const PrivilegedRequest::RemoveItem &item) { return removeItem(item.path); },
-                [&](const PrivilegedRequest::RemoveContents &contents) {
-                    return removeContents(contents.path);
-                },
-            },
-            request.value());
+        return std::visit(overloaded{
+                              [&](const PrivilegedRequest::RemoveItem &item) {
+                                  return removeItem(item.path, cancellation);
+                              },
+                              [&](const PrivilegedRequest::RemoveContents &contents) {
+                                  return removeContents(contents.path, cancellation);
+                              },
+                          },
+                          request.value());
     });
 }
 
@@ -89,66 +108,71 @@ PrivilegedRequestHandler::resolve(const std::string &path) const {
         throw SafetyRefusal(SafetyViolation::notInsideRoot);
     }
     const auto url = FileURL(path).standardized();
-    const auto parent = FileManager::realPath(url.parent().path());
-    if (!parent) {
+    auto folder = PinnedFolder::resolving(url.parent());
+    if (!folder) {
         throw SafetyRefusal(SafetyViolation::notFound);
     }
-    const auto candidate = FileURL(*parent).appending(url.lastComponent());
-
-    std::vector<RootPath> real;
-    std::vector<RootPath> written;
-    for (const auto &root : roots_) {
-        if (auto resolved = FileManager::realPath(root.path())) {
-            real.push_back({root, *std::move(resolved)});
-        }
-        written.push_back({root, root.standardized().path()});
-    }
-    if (const auto root = mostSpecific(real, candidate.path())) {
-        return {url, *root};
+    const auto real = SafetyGuard::resolved(roots_, folder->location.path());
+    const auto candidate = folder->location.appending(url.lastComponent());
+    if (const auto *root = mostSpecific(real, candidate)) {
+        return {url, std::move(folder), *root};
     }
     // Written as if inside a root but leading elsewhere: the guard knows the right name for it.
-    if (const auto root = mostSpecific(written, url.path())) {
-        safety_->validate(url, *root);
+    std::vector<SafetyGuard::Root> written;
+    for (const auto &root : roots_) {
+        const auto standardized = root.standardized().path();
+        written.push_back({root, standardized, Text::foldedPathComponents(standardized)});
+    }
+    if (const auto *root = mostSpecific(written, url)) {
+        safety_->validate(url, root->url);
     }
     throw SafetyRefusal(SafetyViolation::notInsideRoot);
 }
 
-PrivilegedRemovalResult PrivilegedRequestHandler::removeItem(const std::string &path) const {
-    const auto [url, root] = resolve(path);
-    return removeValidated(safety_->validate(url, root));
+PrivilegedRemovalResult PrivilegedRequestHandler::removeItem(const std::string &path,
+                                                             Cancellation &cancellation) const {
+    const auto resolved = resolve(path);
+    return remove(safety_->pin(resolved.url, resolved.folder, resolved.root), cancellation);
 }
 
-PrivilegedRemovalResult PrivilegedRequestHandler::removeContents(const std::string &path) const {
+PrivilegedRemovalResult PrivilegedRequestHandler::removeContents(const std::string &path,
+                                                                 Cancellation &cancellation) const {
     const auto resolved = resolve(path);
-    const auto folder = safety_->validate(resolved.url, resolved.root);
-    if (!folder.isDirectory()) {
+    const auto entry = safety_->pin(resolved.url, resolved.folder, resolved.root);
+    if (entry.isKnownNoFolder()) {
         return PrivilegedRemovalResult::failed("Not a folder");
     }
+    const auto folder = PinnedFolder::open(entry);
+    const auto names = folder->names();
     PrivilegedRemovalResult total;
-    for (const auto &name : FileManager::contentsOfDirectory(folder)) {
-        add(total, withFailuresAsResults(
-                       [&] { return removeChild(folder.appending(name), folder, resolved.root); }));
+    for (std::size_t next = 0; next < names.size(); ++next) {
+        if (cancellation.ask()) {
+            add(total, {.failedCount = static_cast<std::int64_t>(names.size() - next),
+                        .error = Cancellation::message});
+            break;
+        }
+        add(total, withFailuresAsResults([&] {
+                const auto child = folder->location.appending(names[next]);
+                return remove(safety_->pin(child, folder, resolved.root), cancellation);
+            }));
     }
     return total;
 }
 
-PrivilegedRemovalResult PrivilegedRequestHandler::removeChild(const FileURL &child,
-                                                              const FileURL &folder,
-                                                              const FileURL &root) const {
-    const auto validated = safety_->validate(child, root);
-    // The folder may have been replaced by a link to another place in the same root since it was
-    // validated; nobody asked for that place to be emptied.
-    if (Text::foldedPathComponents(validated.parent().path()) !=
-        Text::foldedPathComponents(folder.path())) {
-        return PrivilegedRemovalResult::refused(SafetyViolation::symlinkEscape);
+PrivilegedRemovalResult PrivilegedRequestHandler::remove(const PinnedEntry &entry,
+                                                         Cancellation &cancellation) const {
+    try {
+        const auto bytes = DiskUsage::allocatedSize(entry, cancellation.test());
+        if (!cancellation.isRequested()) {
+            remover_->deletePermanently(entry, cancellation.test());
+            return {.removedCount = 1, .bytes = bytes};
+        }
+    } catch (const PlatformError &) {
+        if (!cancellation.isRequested()) {
+            throw;
+        }
     }
-    return removeValidated(validated);
-}
-
-PrivilegedRemovalResult PrivilegedRequestHandler::removeValidated(const FileURL &url) const {
-    const auto bytes = DiskUsage::allocatedSize(url);
-    remover_->deletePermanently(url);
-    return {.removedCount = 1, .bytes = bytes};
+    return PrivilegedRemovalResult::failed(Cancellation::message);
 }
 
 } // namespace klarbox

@@ -3,6 +3,8 @@
 #include "KlarboxKit/Helper/PrivilegedRemoving.hpp"
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Safety/ItemRemover.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/PinnedFolder.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 
 #include <memory>
@@ -28,7 +30,15 @@ public:
 
     /// Does what the request asks and tells what came of it. Never throws: every failure is part
     /// of the result, and one that concerns a single entry of a folder does not stop the others.
-    PrivilegedRemovalResult handle(const PrivilegedRequest &request) const;
+    ///
+    /// The path is followed once, to open the folder that really holds what it names; all that is
+    /// told of and removed is found through that folder.
+    ///
+    /// `isCancelled` (empty: never) is asked on this thread before every entry of a folder, and now
+    /// and then while one is measured or removed; it must not throw. From its first yes on nothing
+    /// more is removed: what is left counts as failed, what went before as removed.
+    PrivilegedRemovalResult handle(const PrivilegedRequest &request,
+                                   const ItemRemover::CancellationTest &isCancelled = {}) const;
 
     /// The same; throws nothing either.
     PrivilegedRemovalResult perform(const PrivilegedRequest &request) const override {
@@ -36,18 +46,20 @@ public:
     }
 
 private:
+    class Cancellation;
+
     struct Resolved {
-        FileURL url;  ///< the path, lexically standardised
-        FileURL root; ///< the most specific root it falls under
+        FileURL url;                                ///< the path, lexically standardised
+        std::shared_ptr<const PinnedFolder> folder; ///< that really holds what it names
+        SafetyGuard::Root root;                     ///< the most specific one it falls under
     };
 
     /// Throws `SafetyRefusal` for a path that falls under no root.
     Resolved resolve(const std::string &path) const;
-    PrivilegedRemovalResult removeItem(const std::string &path) const;
-    PrivilegedRemovalResult removeContents(const std::string &path) const;
-    PrivilegedRemovalResult removeChild(const FileURL &child, const FileURL &folder,
-                                        const FileURL &root) const;
-    PrivilegedRemovalResult removeValidated(const FileURL &url) const;
+    PrivilegedRemovalResult removeItem(const std::string &path, Cancellation &cancellation) const;
+    PrivilegedRemovalResult removeContents(const std::string &path,
+                                           Cancellation &cancellation) const;
+    PrivilegedRemovalResult remove(const PinnedEntry &entry, Cancellation &cancellation) const;
 
     std::vector<FileURL> roots_;
     std::shared_ptr<const SafetyGuard> safety_;

@@ -1,6 +1,8 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 
+#include "KlarboxKit/Platform/DirectoryReader.hpp"
 #include "KlarboxKit/Platform/LinkFreePath.hpp"
+#include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/OpenForReading.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
@@ -198,8 +200,13 @@ std::optional<std::string> realPath(std::string_view path) {
     }
     std::string given(path);
     // Most paths are real already, which is seen at once; resolving looks at every component.
-    if (namesEveryStep(given) && isLinkFree(given)) {
-        return given;
+    if (namesEveryStep(given)) {
+        if (isLinkFree(given)) {
+            return given;
+        }
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
     }
     const std::unique_ptr<char, void (*)(void *)> resolved(::realpath(given.c_str(), nullptr),
                                                            std::free);
@@ -209,6 +216,28 @@ std::optional<std::string> realPath(std::string_view path) {
 std::vector<std::string> contentsOfDirectory(const FileURL &url) {
     std::vector<std::string> names;
     forEachEntry(url, [&](std::string_view name, unsigned char) { names.emplace_back(name); });
+    return names;
+}
+
+UniqueFD openDirectory(int at, const std::string &name, const FileURL &url) {
+    auto folder = openFolder(at, name.c_str());
+    if (!folder) {
+        throwReadError(url, errno, "folder");
+    }
+    return folder;
+}
+
+std::vector<std::string> contentsOfDirectory(const UniqueFD &folder, const FileURL &url) {
+    std::vector<std::string> names;
+    DirectoryReader reader;
+    for (bool isLast = false; !isLast && reader.fill(folder.get()); isLast = reader.isAtEnd()) {
+        for (DirectoryEntry entry; reader.next(entry);) {
+            names.emplace_back(entry.name);
+        }
+    }
+    if (reader.error() != 0) {
+        throwReadError(url, reader.error(), "folder");
+    }
     return names;
 }
 

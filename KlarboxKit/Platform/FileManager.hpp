@@ -48,6 +48,14 @@ std::optional<std::string> realPath(std::string_view path);
 /// Throws when the folder cannot be listed to its end.
 std::vector<std::string> contentsOfDirectory(const FileURL &url);
 
+/// Opens the folder `name` of the open folder `at` for listing, following no link. Throws when it
+/// cannot be opened; `url` is where it is taken to be, which names it there.
+UniqueFD openDirectory(int at, const std::string &name, const FileURL &url);
+
+/// The names of the entries of a folder that was opened for listing just now, wherever it is by
+/// now.
+std::vector<std::string> contentsOfDirectory(const UniqueFD &folder, const FileURL &url);
+
 /// One entry of a folder as its listing tells it.
 struct ListedEntry {
     std::string name;

@@ -20,7 +20,9 @@ using XPCReply = std::function<void(std::string_view data)>;
 /// connections at once.
 class XPCInterface {
 public:
-    /// Calls its second argument once before it returns.
+    /// Calls its second argument once before it returns. While it works it may ask its third
+    /// (empty: always no), on the thread it was called on, whether nobody waits for the reply any
+    /// more.
     using Method = std::function<void(const std::string &argument, const XPCReply &reply,
                                       const std::function<bool()> &isCancelled)>;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -27,5 +28,9 @@ std::int64_t allocatedSize(std::span<const FileURL> urls, const CancellationTest
 
 /// The same for one tree.
 std::int64_t allocatedSize(const FileURL &url, const CancellationTest &isCancelled = {});
+
+/// The same for one tree that is held: whatever its path leads to by now is not looked at. What is
+/// known to be no folder counts as it was when it was looked at.
+std::int64_t allocatedSize(const PinnedEntry &entry, const CancellationTest &isCancelled = {});
 
 } // namespace klarbox::DiskUsage

@@ -34,12 +34,13 @@ void naming(const FileURL &url, std::string_view whatFailed, Removal removal) {
     }
 }
 
-int trash(const PinnedEntry &entry, const FileURL &home) {
-    const auto status = FileStatus::of(entry.folder.get(), entry.name.c_str());
-    if (!status) {
+int moved(const PinnedEntry &entry, const FileURL &home) {
+    const auto status = FileStatus::of(entry.parent(), entry.name.c_str());
+    const auto folder = status ? FileStatus::ofOpen(entry.parent()) : std::nullopt;
+    if (!folder) {
         return errno;
     }
-    if (status->device != entry.device || status->isMountRoot) {
+    if (status->device != folder->device || status->isMountRoot) {
         return EXDEV; // whatever is mounted there is not the folder's to give away
     }
     const auto ofHome = FileStatus::of(AT_FDCWD, home.path().c_str());
@@ -53,21 +54,33 @@ int trash(const PinnedEntry &entry, const FileURL &home) {
     return TrashFolder::onVolume(entry).take(entry);
 }
 
+void trash(const PinnedEntry &entry, const FileURL &home) {
+    if (const int code = moved(entry, home); code != 0) {
+        throw PlatformError::posix(code);
+    }
+}
+
 } // namespace
 
 FileSystemRemover::FileSystemRemover(const FileURL &home)
     : home_(FileManager::realPath(home.path()).value_or(home.path())) {}
 
 void FileSystemRemover::moveToTrash(const FileURL &url) const {
-    naming(url, "moved to the Trash", [&] {
-        if (const int code = trash(PinnedEntry::open(url), home_); code != 0) {
-            throw PlatformError::posix(code);
-        }
-    });
+    naming(url, "moved to the Trash", [&] { trash(PinnedEntry::open(url), home_); });
+}
+
+void FileSystemRemover::moveToTrash(const PinnedEntry &entry) const {
+    naming(entry.location(), "moved to the Trash", [&] { trash(entry, home_); });
 }
 
 void FileSystemRemover::deletePermanently(const FileURL &url) const {
     naming(url, "removed", [&] { SecureDeleter().deletePermanently(url); });
+}
+
+void FileSystemRemover::deletePermanently(const PinnedEntry &entry,
+                                          const CancellationTest &isCancelled) const {
+    naming(entry.location(), "removed",
+           [&] { SecureDeleter().deletePermanently(entry, isCancelled); });
 }
 
 } // namespace klarbox

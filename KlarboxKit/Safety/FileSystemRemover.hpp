@@ -19,6 +19,9 @@ public:
 
     void moveToTrash(const FileURL &url) const override;
     void deletePermanently(const FileURL &url) const override;
+    void moveToTrash(const PinnedEntry &entry) const override;
+    void deletePermanently(const PinnedEntry &entry,
+                           const CancellationTest &isCancelled) const override;
 
 private:
     FileURL home_;

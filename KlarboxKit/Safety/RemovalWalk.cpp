@@ -62,6 +62,11 @@ void RemovalWalk::run() noexcept {
     for (;;) {
         auto &level = levels_.back();
         if (!level.entries.empty()) {
+            if (removal_.isStopped()) {
+                level.failure.note(level.entries.take().tag, ECANCELED);
+                level.entries.clear();
+                continue;
+            }
             if (removal_.wantsShare()) {
                 share();
             }

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <ranges>
+#include <utility>
 
 namespace klarbox {
 
@@ -101,6 +103,30 @@ std::vector<std::string> components(const FileURL &url) {
     return Text::foldedPathComponents(url.path());
 }
 
+[[noreturn]] void refuse(SafetyViolation violation) {
+    throw SafetyRefusal(violation);
+}
+
+SafetyGuard::Root rootAt(const FileURL &root, std::string realPath) {
+    auto components = Text::foldedPathComponents(realPath);
+    return {.url = root, .path = std::move(realPath), .components = std::move(components)};
+}
+
+/// Whether `place` is a real path, or one on the way to it: then there is no link in it.
+bool leadsThrough(std::string_view realPath, std::string_view place) {
+    return realPath.starts_with(place) &&
+           (realPath.size() == place.size() || realPath[place.size()] == '/');
+}
+
+/// The name of what a standardised location names; only an entry of a folder has one.
+std::string nameOf(const FileURL &written) {
+    const auto name = written.lastComponent();
+    if (name.empty() || name == "/" || name == "." || name == "..") {
+        refuse(SafetyViolation::isRoot);
+    }
+    return std::string(name);
+}
+
 } // namespace
 
 SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> enclosures)
@@ -126,50 +152,93 @@ SafetyGuard::Place SafetyGuard::place(const FileURL &folder) {
             .real = Text::foldedPathComponents(canonicalPath(folder.path()))};
 }
 
-FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
-    const auto refuse = [](SafetyViolation violation) { throw SafetyRefusal(violation); };
+std::optional<SafetyGuard::Root> SafetyGuard::resolved(const FileURL &root) {
+    auto path = FileManager::realPath(root.path());
+    return path ? std::optional(rootAt(root, *std::move(path))) : std::nullopt;
+}
 
-    const auto resolvedRoot = FileManager::realPath(root.path());
+std::vector<SafetyGuard::Root> SafetyGuard::resolved(std::span<const FileURL> roots,
+                                                     std::string_view realPath) {
+    std::vector<Root> found;
+    // From the last one on: a root inside another stands after it, and proves that other.
+    for (const auto &root : std::views::reverse(roots)) {
+        const auto proves = [&](std::string_view path) { return leadsThrough(path, root.path()); };
+        if (proves(realPath) || std::ranges::any_of(found, proves, &Root::path)) {
+            found.push_back(rootAt(root, root.path()));
+        } else if (auto one = resolved(root)) {
+            found.push_back(*std::move(one));
+        }
+    }
+    std::ranges::reverse(found);
+    return found;
+}
+
+FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
+    const auto resolvedRoot = resolved(root);
     if (!resolvedRoot) {
         refuse(SafetyViolation::notFound);
     }
-    const auto standardized = url.standardized();
-    const auto name = standardized.lastComponent();
-    if (name.empty() || name == "/" || name == "." || name == "..") {
-        refuse(SafetyViolation::isRoot);
-    }
-    const auto resolvedParent = FileManager::realPath(standardized.parent().path());
-    if (!resolvedParent) {
+    const auto written = url.standardized();
+    const auto name = nameOf(written);
+    const auto parent = FileManager::realPath(written.parent().path());
+    if (!parent) {
         refuse(SafetyViolation::notFound);
     }
     // The last component stays unresolved: a link is removed itself, never what it leads to.
-    const auto candidate = FileURL(*resolvedParent).appending(name);
-    const auto type = FileManager::type(candidate);
+    const auto location = FileURL(*parent).appending(name);
+    const auto type = FileManager::type(location);
     if (!type) {
         refuse(SafetyViolation::notFound);
     }
+    judge(written, location, *resolvedRoot);
+    return FileURL(location.path(), *type == FileManager::FileType::directory);
+}
 
-    const auto candidateComponents = components(candidate);
-    const auto rootComponents = Text::foldedPathComponents(*resolvedRoot);
-    if (candidateComponents == rootComponents) {
+PinnedEntry SafetyGuard::pin(const FileURL &url, const FileURL &root) const {
+    const auto resolvedRoot = resolved(root);
+    if (!resolvedRoot) {
+        refuse(SafetyViolation::notFound);
+    }
+    const auto written = url.standardized();
+    nameOf(written);
+    return pin(written, PinnedFolder::resolving(written.parent()), *resolvedRoot);
+}
+
+PinnedEntry SafetyGuard::pin(const FileURL &url, const std::shared_ptr<const PinnedFolder> &folder,
+                             const Root &root) const {
+    PinnedEntry entry{.folder = folder, .name = nameOf(url)};
+    if (folder && entry.name.find('\0') == std::string::npos) {
+        entry.status = FileStatus::of(entry.parent(), entry.name.c_str());
+    }
+    if (!entry.status) {
+        refuse(SafetyViolation::notFound);
+    }
+    judge(url, entry.location(), root);
+    return entry;
+}
+
+/// What is left to say of a location that exists: `written` as it was asked for, `location` with
+/// the links in its parent folders resolved.
+void SafetyGuard::judge(const FileURL &written, const FileURL &location, const Root &root) const {
+    const auto candidate = components(location);
+    if (candidate == root.components) {
         refuse(SafetyViolation::isRoot);
     }
-    if (!klarbox::isInside(candidateComponents, rootComponents)) {
-        const auto written = components(standardized);
-        const bool claimsInside = klarbox::isInside(written, components(root.standardized())) ||
-                                  klarbox::isInside(written, rootComponents);
+    if (!klarbox::isInside(candidate, root.components)) {
+        const auto asked = components(written);
+        const bool claimsInside = klarbox::isInside(asked, components(root.url.standardized())) ||
+                                  klarbox::isInside(asked, root.components);
         refuse(claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot);
     }
-    if (!enclosures_.empty() && leadsOut(components(standardized), candidateComponents)) {
+    if (!enclosures_.empty() && leadsOut(components(written), candidate)) {
         refuse(SafetyViolation::symlinkEscape);
     }
-    if (std::ranges::find(candidateComponents, ".git") != candidateComponents.end()) {
+    if (std::ranges::find(candidate, ".git") != candidate.end()) {
         refuse(SafetyViolation::insideGitDirectory);
     }
-    if (protectedPaths_.contains(Text::lowercased(candidate.path()))) {
+    if (protectedPaths_.contains(Text::lowercased(location.path()))) {
         refuse(SafetyViolation::protectedLocation);
     }
-    return FileURL(candidate.path(), *type == FileManager::FileType::directory);
 }
 
 bool SafetyGuard::leadsOut(Components written, const Components &candidate) const {

@@ -1,8 +1,12 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/PinnedFolder.hpp"
 #include "KlarboxKit/Safety/SafetyViolation.hpp"
 
+#include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -32,6 +36,32 @@ public:
     /// itself. Throws `SafetyRefusal`, and nothing else, for the first rule that `url` breaks.
     FileURL validate(const FileURL &url, const FileURL &root) const;
 
+    /// A root with its links resolved, for judging several locations on behalf of it.
+    struct Root {
+        FileURL url;                         ///< as it was given
+        std::string path;                    ///< with links resolved
+        std::vector<std::string> components; ///< of that path, lower-cased
+    };
+
+    /// The root as it lies now; nothing when it does not exist.
+    static std::optional<Root> resolved(const FileURL &root);
+
+    /// The roots that exist, as they lie now, in their order. What `realPath` (just resolved)
+    /// proves to be free of links is not looked at again, nor what one root proves of another.
+    static std::vector<Root> resolved(std::span<const FileURL> roots, std::string_view realPath);
+
+    /// Judges like `validate` and holds what it judged, so that nothing need follow a path again:
+    /// the folder that really holds the location is opened first, the entry is looked at in it, and
+    /// the answer has the entry's status. Throws `SafetyRefusal`, or a `PlatformError` when there
+    /// is no descriptor left.
+    PinnedEntry pin(const FileURL &url, const FileURL &root) const;
+
+    /// The same for an entry of a folder that is held already, null when there is none. `url` is
+    /// the standardised location as it was asked for; of it only the name counts for what is
+    /// looked at, and all of it for which refusal is the right one. Throws `SafetyRefusal` alone.
+    PinnedEntry pin(const FileURL &url, const std::shared_ptr<const PinnedFolder> &folder,
+                    const Root &root) const;
+
     /// Whether the location is protected, or is the top folder of a mounted volume.
     bool isProtected(const FileURL &url) const;
 
@@ -51,6 +81,7 @@ private:
     };
 
     static Place place(const FileURL &folder);
+    void judge(const FileURL &written, const FileURL &location, const Root &root) const;
     bool leadsOut(Components written, const Components &candidate) const;
 
     std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased

@@ -20,6 +20,12 @@ public:
     /// the code of the call that failed. A failing entry does not stop its siblings; the folders
     /// above it stay, and the first failure in listing order is the one thrown.
     void deletePermanently(const FileURL &url) const override;
+
+    void moveToTrash(const PinnedEntry &entry) const override;
+    /// Without the path's failures; ECANCELED when it was stopped. A tree asks the test once for
+    /// every 256 entries or so.
+    void deletePermanently(const PinnedEntry &entry,
+                           const CancellationTest &isCancelled) const override;
 };
 
 } // namespace klarbox

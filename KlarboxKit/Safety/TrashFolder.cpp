@@ -88,7 +88,7 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
 
 /// The highest folder above the entry on the same mounted file system.
 UniqueFD topOfVolume(const PinnedEntry &entry) {
-    auto folder = openFolderToSearch(entry.folder.get(), ".");
+    auto folder = openFolderToSearch(entry.parent(), ".");
     for (;;) {
         const auto status = folder ? FileStatus::ofOpen(folder.get()) : std::nullopt;
         if (!status) {
@@ -143,7 +143,7 @@ int TrashFolder::take(const PinnedEntry &entry) const {
     auto name = entry.name;
     for (int number = 2;; ++number) {
         const int code =
-            renameExclusively(entry.folder.get(), entry.name.c_str(), folder_.get(), name.c_str());
+            renameExclusively(entry.parent(), entry.name.c_str(), folder_.get(), name.c_str());
         if (code != EEXIST || number == INT_MAX) {
             return code;
         }

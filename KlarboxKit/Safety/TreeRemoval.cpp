@@ -1,7 +1,11 @@
 #include "KlarboxKit/Safety/TreeRemoval.hpp"
 
+#include "KlarboxKit/Platform/FileStatus.hpp"
+#include "KlarboxKit/Safety/ProcessorCount.hpp"
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <new>
 #include <system_error>
@@ -19,12 +23,20 @@ constexpr unsigned mostThreads = 4;
 /// Walks begun and not done, for each thread: a waiting one keeps two folders open.
 constexpr std::size_t walksPerThread = 2;
 
+/// Entries removed between two questions whether to stop: a question may cost as much as an entry.
+constexpr std::size_t entriesPerQuestion = 256;
+
+/// How often whoever may ask does so while others remove what is left.
+constexpr std::chrono::milliseconds idleQuestions{20};
+
 } // namespace
 
-TreeRemoval::TreeRemoval(const PinnedEntry &entry)
+TreeRemoval::TreeRemoval(const PinnedEntry &entry, const ItemRemover::CancellationTest &isCancelled)
     : entry_(entry),
       grant_(DescriptorGrant::wait()),
-      threads_(std::clamp(threadsPerCore * std::thread::hardware_concurrency(), 1U, mostThreads)) {}
+      threads_(std::min(threadsPerCore * processorCount(), mostThreads)),
+      isCancelled_(isCancelled),
+      untilAsked_(entriesPerQuestion) {}
 
 std::size_t TreeRemoval::openFolders() const {
     // Set aside: the first folder, one that is handed over, and two for looking upwards.
@@ -32,10 +44,12 @@ std::size_t TreeRemoval::openFolders() const {
 }
 
 int TreeRemoval::run() {
-    UniqueFD folder(::fcntl(entry_.folder.get(), F_DUPFD_CLOEXEC, 0));
+    const auto status = FileStatus::ofOpen(entry_.parent());
+    UniqueFD folder(status ? ::fcntl(entry_.parent(), F_DUPFD_CLOEXEC, 0) : -1);
     if (!folder) {
         return errno;
     }
+    device_ = status->device;
     try {
         EntryList entries;
         entries.append(entry_.name, 0, true);
@@ -47,7 +61,15 @@ int TreeRemoval::run() {
         return ENOMEM;
     }
     work();
-    return failure_.code();
+    const int code = failure_.code();
+    return code != 0 && isStopped_ ? ECANCELED : code;
+}
+
+void TreeRemoval::ask() noexcept {
+    untilAsked_ = entriesPerQuestion;
+    if (!isStopped_ && isCancelled_()) {
+        isStopped_ = true;
+    }
 }
 
 void TreeRemoval::getHelp() noexcept {
@@ -89,7 +111,7 @@ void TreeRemoval::work() noexcept {
     for (;;) {
         ++idle_;
         updateRoom();
-        changed_.wait(lock, [&] { return walks_ == 0 || !ready_.empty(); });
+        awaitWalk(lock);
         --idle_;
         if (walks_ == 0) {
             return;
@@ -101,6 +123,20 @@ void TreeRemoval::work() noexcept {
         walk->run();
         lock.lock();
         settle(std::move(walk));
+    }
+}
+
+/// Until there is something to run, or nothing more to wait for.
+void TreeRemoval::awaitWalk(std::unique_lock<std::mutex> &lock) noexcept {
+    const auto isOver = [&] { return walks_ == 0 || !ready_.empty(); };
+    if (!mayAsk()) {
+        changed_.wait(lock, isOver);
+        return;
+    }
+    while (!changed_.wait_for(lock, idleQuestions, isOver)) {
+        lock.unlock();
+        ask();
+        lock.lock();
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
+#include "KlarboxKit/Safety/ItemRemover.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/RemovalWalk.hpp"
 
@@ -21,15 +22,24 @@ namespace klarbox {
 class TreeRemoval {
 public:
     /// May wait until other walks of this process have closed some descriptors.
-    explicit TreeRemoval(const PinnedEntry &entry);
+    TreeRemoval(const PinnedEntry &entry, const ItemRemover::CancellationTest &isCancelled);
 
     /// Answers the errno value of the failure that comes first in the order of the listings, 0 for
-    /// none. A failing entry and the folders above it stay; everything else is gone.
+    /// none. A failing entry and the folders above it stay; everything else is gone. Once the test
+    /// answered yes all that is left stays, and if that is anything the answer is ECANCELED.
     int run();
 
     // For the walks, on any thread.
 
-    std::uint64_t device() const { return entry_.device; }
+    std::uint64_t device() const { return device_; }
+    /// Counts an entry that is about to be removed, and asks whether to stop when that is due and
+    /// this is the thread that may. Answers whether to stop.
+    bool isStopped() noexcept {
+        if (mayAsk() && --untilAsked_ == 0) {
+            ask();
+        }
+        return isStopped_.load(std::memory_order_relaxed);
+    }
     /// How many folders one walk may keep open beside the first.
     std::size_t openFolders() const;
     /// Whether a walk should hand some of its entries over; the answer may be a moment old.
@@ -41,13 +51,22 @@ public:
     bool isDone(const HandedOver &handedOver) const;
 
 private:
+    bool mayAsk() const { return isCancelled_ && std::this_thread::get_id() == asking_; }
+    void ask() noexcept;
     void work() noexcept;
+    void awaitWalk(std::unique_lock<std::mutex> &lock) noexcept;
     void settle(std::unique_ptr<RemovalWalk> walk);
     void updateRoom();
 
     const PinnedEntry &entry_;
     const DescriptorGrant grant_;
     const std::size_t threads_;
+    std::uint64_t device_ = 0; ///< of the file system that holds the entry's folder
+
+    const ItemRemover::CancellationTest &isCancelled_;
+    const std::thread::id asking_ = std::this_thread::get_id();
+    std::size_t untilAsked_; ///< entries; for the asking thread alone
+    std::atomic<bool> isStopped_ = false;
 
     std::atomic<int> room_ = 0; ///< walks that would find a thread at once
     mutable std::mutex mutex_;  ///< guards what follows

@@ -133,7 +133,7 @@ std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *na
     if (!visit()) {
         return std::nullopt;
     }
-    const int folder = level.at.folder ? level.at.folder.get() : AT_FDCWD;
+    const int folder = level.at.folder ? level.at.folder.get() : walk_.givenIn;
     auto status = kind == DirectoryEntry::Kind::other ? FileStatus::ofFile(folder, name)
                                                       : FileStatus::of(folder, name);
     if (!status) {
@@ -147,7 +147,7 @@ std::optional<FileStatus> TreeWalker::measure(const Level &level, const char *na
     }
     total_ = saturatingAdd(total_, status->allocatedBytes);
     if (!level.at.folder) {
-        return status; // a given path may lie on any file system
+        return status; // what is given may lie on any file system
     }
     if (status->device != level.at.device || status->mountsWhenEntered) {
         visit(); // on the way back
@@ -239,7 +239,7 @@ void TreeWalker::enter(std::uint64_t device, std::uint64_t inode, const char *na
     makeRoom(window_);
     const auto open = [&] {
         const auto &parent = levels_[depth_ - 1].at.folder;
-        return openFolder(parent ? parent.get() : AT_FDCWD, name);
+        return openFolder(parent ? parent.get() : walk_.givenIn, name);
     };
     UniqueFD folder = open();
     if (!folder && (errno == EMFILE || errno == ENFILE)) {
@@ -328,7 +328,7 @@ UniqueFD TreeWalker::reopen(std::size_t index, const UniqueFD &child) const {
         }
     }
     UniqueFD folder;
-    int from = levels_[0].at.folder ? levels_[0].at.folder.get() : AT_FDCWD;
+    int from = levels_[0].at.folder ? levels_[0].at.folder.get() : walk_.givenIn;
     for (std::size_t above = 0; above < index; ++above) {
         folder = openFolder(from, levels_[above].at.entries.lastTaken());
         if (!folder) {

@@ -23,7 +23,7 @@ class WalkerPool;
 /// A folder and the entries of it that are to be walked. The marked ones are folders that were
 /// counted already and are only to be entered; their tag is their inode.
 struct FolderEntries {
-    UniqueFD folder; ///< none when the entries are the absolute paths that were given
+    UniqueFD folder; ///< none when the entries are what was given
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
     std::size_t depth = 0; ///< folders between it and the given path it was reached from
@@ -44,6 +44,7 @@ struct TreeWalk {
 
     const DiskUsage::CancellationTest &isCancelled;
     std::size_t descriptorsPerWalker = 0;
+    int givenIn = -1; ///< open folder that what was given lies in; AT_FDCWD for absolute paths
 
     std::atomic<bool> isStopped = false;
     std::atomic<bool> entersMounts = false; ///< of folders on the same file system

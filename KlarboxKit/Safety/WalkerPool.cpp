@@ -1,6 +1,7 @@
 #include "KlarboxKit/Safety/WalkerPool.hpp"
 
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
+#include "KlarboxKit/Safety/ProcessorCount.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -42,7 +43,7 @@ WalkerPool &WalkerPool::shared() {
 }
 
 WalkerPool::WalkerPool() {
-    const std::size_t cores = std::max(std::thread::hardware_concurrency(), 1U);
+    const std::size_t cores = processorCount();
     usual_ = cores - 1; // the owner walks too
     wanted_ = usual_;
     most_ = std::clamp<std::size_t>(cores * 4, 8, 32) - 1;

@@ -3,16 +3,21 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
+#include "Tests/Support/FileSystemCalls.hpp"
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
+#include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <variant>
 
+#include <climits>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,10 +25,14 @@
 namespace klarbox::test {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using enum RemovalMode;
 using enum SafetyViolation;
+
+constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
 
 /// Keeps what it is asked and touches nothing. Entries named "busy" and "readOnly" fail with their
 /// name as the message; one named "vanishing" is refused.
@@ -467,22 +476,61 @@ TEST(Cleaner, emptiesARootThroughALinkButKeepsTheFolder) {
     EXPECT_TRUE(FileManager::exists(tree / "other"));
 }
 
-TEST(Cleaner, touchesNothingOutsideWhenAParentBecomesALinkAfterTheValidation) {
-    class SwappingRemover final : public RecordingRemover {
-        void deletePermanently(const FileURL &url) const override {
-            const auto app = url.parent();
-            std::filesystem::rename(app.path(), app.path() + "-moved");
-            std::filesystem::create_directory_symlink("../outside", app.path());
-            SecureDeleter().deletePermanently(url);
-        }
+TEST(Cleaner, tellsAndTouchesNothingBeyondAFolderExchangedAtAnyMoment) {
+    const TemporaryTree outside(inMemory, {});
+    for (const auto *name : {"a", "deeper/a", "b", "c"}) {
+        outside.add({name, bytes(1'000'000)});
+    }
+    const auto kept = manifest(outside.root());
+    const struct {
+        const char *target;
+        const char *root;
+        RemovalMode mode;
+    } attacks[] = {
+        {"contents root/app", "root", deletePermanently},
+        {"contents root/alias", "root", deletePermanently},
+        {"contents root/app", "root", moveToTrash},
+        {"item root/app/a", "root", deletePermanently},
+        {"item root/app/deeper", "root", deletePermanently},
+        {"items root/app/a root/alias/deeper", "root", moveToTrash},
     };
-    const TemporaryTree tree{{"root/app/cache/x", bytes(5000)}, {"outside/cache/x", bytes(5000)}};
-    const auto outside = manifest(tree / "outside");
-    EXPECT_THAT(Collaborators{.remover = std::make_shared<SwappingRemover>()}.clean(
-                    fileItem(KlarboxTarget::item(tree / "root/app/cache"), tree / "root")),
-                testing::MatchesRegex("(failed|refused): [^[]*"));
-    EXPECT_EQ(manifest(tree / "outside"), outside);
-    EXPECT_TRUE(FileManager::exists(tree / "root/app-moved/cache/x"));
+    for (const auto &attack : attacks) {
+        for (const int lasting : {1, 4, INT_MAX}) {
+            SCOPED_TRACE(fmt::format("{} within {}, exchanged for {} moments", attack.target,
+                                     attack.root, lasting));
+            std::string app;
+            int removals = 0;
+            const auto exchange = [&] {
+                ::renameat2(AT_FDCWD, app.c_str(), AT_FDCWD, (app + "-link").c_str(),
+                            RENAME_EXCHANGE);
+            };
+            const int moments = atEveryMoment(lasting, exchange, [&](const auto &begin) {
+                const TemporaryTree tree(inMemory,
+                                         {
+                                             {"root/app/a", bytes(5000)},
+                                             {"root/app/deeper/a", bytes(5000)},
+                                             {"root/alias", link("app")},
+                                             {"root/app-link", link(outside.root().path())},
+                                             {"home", directory()},
+                                         });
+                app = (tree / "root/app").path();
+                const Collaborators with{.home = tree / "home",
+                                         .remover =
+                                             std::make_shared<FileSystemRemover>(tree / "home")};
+                const auto cleaner = with.cleaner();
+                const auto item = fileItem(target(tree.root(), attack.target), tree / attack.root);
+                begin();
+                const auto report = cleaner.clean({&item, 1}, attack.mode, ignoreProgress);
+                atEveryCall = nullptr;
+                EXPECT_LT(report.outcomes.at(0).bytes, 100'000);
+                EXPECT_THAT(text(report.outcomes.at(0)), Not(ContainsRegex(" of [^12] could")));
+                removals += report.outcomes.at(0).bytes > 0 ? 1 : 0;
+            });
+            EXPECT_GT(moments, 6);
+            EXPECT_GT(removals, 0);
+            EXPECT_EQ(manifest(outside.root()), kept);
+        }
+    }
 }
 
 } // namespace

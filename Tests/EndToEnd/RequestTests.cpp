@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sstream>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -140,6 +141,7 @@ TEST_F(Requests, thatAreNoMessagesEndTheConnection) {
 
 TEST_F(Requests, neverReachBeyondTheFoldersWhileLinksAreExchanged) {
     const std::string outside = "/Users/ann/outside";
+    const std::string canary(1'000'000, 'k');
     const std::string evil = "/Library/Caches/evil";
     const auto link = "/Library/Caches/link";
     // A folder that takes turns with a link out of the root, and what is asked meanwhile.
@@ -153,8 +155,12 @@ TEST_F(Requests, neverReachBeyondTheFoldersWhileLinksAreExchanged) {
     startHelper();
     for (const auto &[exchanged, selector, path] : attacks) {
         SCOPED_TRACE(selector + " " + path + " exchanging " + exchanged);
-        writeFile(outside + "/canary", "kept");
-        writeFile(outside + "/deeper/canary", "kept");
+        // Far more entries and bytes than there ever are inside.
+        for (const auto &folder : {outside, outside + "/deeper"}) {
+            for (const char *name : {"a", "b", "c", "d", "e", "f", "g", "canary"}) {
+                writeFile(folder + "/" + name, canary);
+            }
+        }
         emptyFolder("/Library/Caches");
         std::filesystem::create_directory_symlink(outside + exchanged.substr(evil.size()), link);
         Running client(foreign("repeat " + selector + " " + path));
@@ -190,10 +196,17 @@ TEST_F(Requests, neverReachBeyondTheFoldersWhileLinksAreExchanged) {
         const auto outcome = client.finish();
         EXPECT_EQ(outcome.exitCode, 0)
             << outcome.err << testing::PrintToString(journal_->messages("connections"));
-        EXPECT_GT(std::atoi(outcome.out.c_str()), 20);
+        std::istringstream numbers(outcome.out);
+        long requests = 0;
+        std::size_t entries = 0;
+        std::size_t bytes = 0;
+        EXPECT_TRUE(numbers >> requests >> entries >> bytes) << outcome.out;
+        EXPECT_GT(requests, 20);
+        EXPECT_LE(entries, 6U); // the four files, the other folder and the link in its place
+        EXPECT_LT(bytes, canary.size());
         EXPECT_GT(count, 100);
-        EXPECT_EQ(readFile(outside + "/canary"), "kept");
-        EXPECT_EQ(readFile(outside + "/deeper/canary"), "kept");
+        EXPECT_EQ(readFile(outside + "/canary"), canary);
+        EXPECT_EQ(readFile(outside + "/deeper/canary"), canary);
     }
     // The race was one: requests found a folder at times and a link at others.
     EXPECT_THAT(journal_->messages("requests", 1),

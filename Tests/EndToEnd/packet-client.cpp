@@ -279,7 +279,8 @@ int series(const std::vector<std::string> &arguments) {
     return served;
 }
 
-/// Removes the same path over and over until the input is closed.
+/// Removes the same path over and over until the input is closed. Prints how often, and the most
+/// entries and bytes that an answer told of.
 int repeat(const std::vector<std::string> &arguments) {
     const int fd = connected();
     if (!letIn(fd)) {
@@ -288,14 +289,25 @@ int repeat(const std::vector<std::string> &arguments) {
     ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
     char byte = 0;
     long count = 0;
+    long mostEntries = 0;
+    long mostBytes = 0;
     std::string reply;
     while (::read(STDIN_FILENO, &byte, 1) != 0) {
         if (!sent(fd, packet(arguments[0], arguments[1])) || !received(fd, reply)) {
             return refused;
         }
+        long removed = 0;
+        long kept = 0;
+        long bytes = 0;
+        if (std::sscanf(reply.c_str(), R"({"removedCount":%ld,"failedCount":%ld,"bytes":%ld)",
+                        &removed, &kept, &bytes) != 3) {
+            return failed;
+        }
         ++count;
+        mostEntries = std::max(mostEntries, removed + kept);
+        mostBytes = std::max(mostBytes, bytes);
     }
-    std::printf("%ld\n", count);
+    std::printf("%ld %ld %ld\n", count, mostEntries, mostBytes);
     return served;
 }
 

@@ -1,3 +1,5 @@
+#include "KlarboxKit/Helper/HelperService.hpp"
+#include "KlarboxKit/Helper/KlarboxHelperXPC.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 #include "KlarboxKit/Helper/PrivilegedRoots.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
@@ -5,14 +7,20 @@
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
+#include "Tests/Support/FileSystemCalls.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <thread>
 
+#include <climits>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
@@ -20,6 +28,8 @@ namespace {
 
 using Result = PrivilegedRemovalResult;
 using enum SafetyViolation;
+
+constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
 
 /// Deletes for real, but for what is done, or thrown, before each deletion.
 struct HookedRemover final : ItemRemover {
@@ -32,13 +42,19 @@ struct HookedRemover final : ItemRemover {
     }
 };
 
+PrivilegedRequestHandler handlerOver(const TemporaryTree &disk,
+                                     std::shared_ptr<const ItemRemover> remover) {
+    const auto roots = PrivilegedRoots::below(disk.root()).all();
+    return {{roots.begin(), roots.end()},
+            std::make_shared<SafetyGuard>(disk / "Users/ann"),
+            std::move(remover)};
+}
+
 PrivilegedRequestHandler handlerOver(
     const TemporaryTree &disk, const std::function<void()> &before = [] {}) {
-    const auto roots = PrivilegedRoots::below(disk.root()).all();
     const auto remover = std::make_shared<HookedRemover>();
     remover->before = before;
-    return {
-        {roots.begin(), roots.end()}, std::make_shared<SafetyGuard>(disk / "Users/ann"), remover};
+    return handlerOver(disk, remover);
 }
 
 PrivilegedRequest removeContents(const TemporaryTree &disk, const std::string &path) {
@@ -199,6 +215,113 @@ TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwa
     EXPECT_EQ(result.failedCount, 2);
     EXPECT_EQ(result.refusal, symlinkEscape);
     EXPECT_EQ(manifest(disk / "Library/Caches/other"), other);
+}
+
+TEST(PrivilegedRequestHandler, tellsAndTouchesNothingBeyondAFolderExchangedAtAnyMoment) {
+    const TemporaryTree outside(inMemory, {});
+    for (const auto *name : {"a", "deepest/a", "deeper/a", "deeper/deepest/a"}) {
+        outside.add({name, bytes(1'000'000)});
+        outside.add({fmt::format("{}-more/x", name), bytes(1)});
+    }
+    const auto kept = manifest(outside.root());
+    const struct {
+        PrivilegedRequest (*request)(std::string);
+        std::string asked;     ///< after app
+        std::string exchanged; ///< the folder that takes turns with a link out of the root
+    } attacks[] = {
+        {PrivilegedRequest::removeContents, "", ""},
+        {PrivilegedRequest::removeContents, "", "/deeper"},
+        {PrivilegedRequest::removeContents, "/deeper", ""},
+        {PrivilegedRequest::removeItem, "/a", ""},
+        {PrivilegedRequest::removeItem, "/deeper", ""},
+        {PrivilegedRequest::removeItem, "/deeper/deepest", "/deeper"},
+        {PrivilegedRequest::removeItem, "-alias/deeper/deepest", "/deeper"},
+    };
+    for (const auto &attack : attacks) {
+        for (const int lasting : {1, 4, INT_MAX}) {
+            SCOPED_TRACE(fmt::format("app{} while app{} is exchanged for {} moments", attack.asked,
+                                     attack.exchanged, lasting));
+            std::string app;
+            int removals = 0;
+            const auto exchange = [&] {
+                ::renameat2(AT_FDCWD, (app + attack.exchanged).c_str(), AT_FDCWD,
+                            (app + "-link").c_str(), RENAME_EXCHANGE);
+            };
+            const int moments = atEveryMoment(lasting, exchange, [&](const auto &begin) {
+                const TemporaryTree disk(
+                    inMemory,
+                    {
+                        {"Library/Caches/app/a", bytes(5000)},
+                        {"Library/Caches/app/deeper/a", bytes(5000)},
+                        {"Library/Caches/app/deeper/deepest/a", bytes(5000)},
+                        {"Library/Caches/app-alias", link("app")},
+                        {"Library/Caches/app-link", link(outside.root().path() + attack.exchanged)},
+                    });
+                app = (disk / "Library/Caches/app").path();
+                const auto handler = handlerOver(disk, std::make_shared<SecureDeleter>());
+                begin();
+                const auto result = handler.handle(attack.request(app + attack.asked));
+                atEveryCall = nullptr;
+                EXPECT_LT(result.bytes, 100'000);
+                EXPECT_LE(result.removedCount + result.failedCount, 2);
+                removals += result.removedCount > 0 ? 1 : 0;
+            });
+            EXPECT_GT(moments, 10);
+            EXPECT_GT(removals, 0);
+            EXPECT_EQ(manifest(outside.root()), kept);
+        }
+    }
+}
+
+/// A test of cancellation that says yes from the `first` question on.
+std::function<bool()> cancelledFrom(int first) {
+    return [first, questions = 0]() mutable { return ++questions >= first; };
+}
+
+TEST(PrivilegedRequestHandler, leavesWhatIsLeftOnceNobodyWaitsAndCountsItAsFailed) {
+    const TemporaryTree disk(inMemory, {});
+    constexpr int files = 3000;
+    for (int file = 0; file < files; ++file) {
+        disk.add({fmt::format("Library/Caches/app/folder/{}", file), bytes(0)});
+    }
+    for (const auto *name : {"a", "b", "c", "d"}) {
+        disk.add({fmt::format("Library/Caches/some/{}", name), bytes(0)});
+    }
+    const auto handler = handlerOver(disk, std::make_shared<SecureDeleter>());
+    const std::string stopped = "The removal was stopped before it was done.";
+    const auto left = [&](const char *path) {
+        const auto entries = std::filesystem::directory_iterator((disk / path).path());
+        return std::distance(begin(entries), end(entries));
+    };
+    // Before any entry, and between two of them.
+    const auto some = removeContents(disk, "Library/Caches/some");
+    EXPECT_EQ(handler.handle(some, cancelledFrom(1)), (Result{0, 4, 0, std::nullopt, stopped}));
+    EXPECT_EQ(handler.handle(some, cancelledFrom(3)), (Result{2, 2, 0, std::nullopt, stopped}));
+    EXPECT_EQ(left("Library/Caches/some"), 2);
+    // While a tree is measured (asked at the 2048th entry), and while it is removed.
+    const auto item = PrivilegedRequest::removeItem((disk / "Library/Caches/app").path());
+    EXPECT_EQ(handler.handle(item, cancelledFrom(1)), Result::failed(stopped));
+    EXPECT_EQ(left("Library/Caches/app/folder"), files);
+    EXPECT_EQ(handler.handle(item, cancelledFrom(4)), Result::failed(stopped));
+    EXPECT_LT(left("Library/Caches/app/folder"), files);
+    EXPECT_GT(left("Library/Caches/app/folder"), 0);
+    // As the helper's connections ask it.
+    int logged = 0;
+    const auto interface = klarboxHelperInterface(
+        std::make_shared<HelperService>(handler, [&](const auto &, const auto &) { ++logged; }));
+    const auto answer = [&](std::string_view selector, const char *path, int first) {
+        std::string reply;
+        const auto keep = [&](std::string_view data) { reply = data; };
+        (*interface.find(selector))((disk / path).path(), keep, cancelledFrom(first));
+        return PrivilegedRemovalResult::decode(reply);
+    };
+    EXPECT_EQ(answer(KlarboxHelperXPC::removeContentsSelector, "Library/Caches/some", 2),
+              (Result{1, 1, 0, std::nullopt, stopped}));
+    EXPECT_EQ(answer(KlarboxHelperXPC::removeItemSelector, "Library/Caches/app", 2),
+              Result::failed(stopped));
+    EXPECT_GT(left("Library/Caches/app/folder"), 0);
+    EXPECT_EQ(logged, 2);
+    EXPECT_EQ(handler.handle(item, cancelledFrom(INT_MAX)).removedCount, 1);
 }
 
 TEST(PrivilegedRequestHandler, countsEveryEntryOnceWhenRequestsOverlap) {

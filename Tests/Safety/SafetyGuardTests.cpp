@@ -17,18 +17,31 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The violation that the guard names, or nothing with the accepted location in `accepted`.
-std::optional<SafetyViolation> violation(const SafetyGuard &guard, const FileURL &url,
-                                         const FileURL &root, FileURL *accepted = nullptr) {
+/// What the guard says: the location that it accepts, or the violation that it names.
+template <typename Judge>
+std::optional<SafetyViolation> verdict(FileURL &accepted, const Judge &judge) {
     try {
-        const auto found = guard.validate(url, root);
-        if (accepted != nullptr) {
-            *accepted = found;
-        }
+        accepted = judge();
         return std::nullopt;
     } catch (const SafetyRefusal &refusal) {
         return refusal.violation();
     }
+}
+
+/// The violation that the guard names, whichever way it is asked, or nothing with the accepted
+/// location in `accepted`.
+std::optional<SafetyViolation> violation(const SafetyGuard &guard, const FileURL &url,
+                                         const FileURL &root, FileURL *accepted = nullptr) {
+    FileURL validated;
+    FileURL pinned;
+    const auto found = verdict(validated, [&] { return guard.validate(url, root); });
+    EXPECT_EQ(verdict(pinned, [&] { return guard.pin(url, root).location(); }), found);
+    EXPECT_EQ(pinned, validated);
+    EXPECT_EQ(pinned.isDirectory(), validated.isDirectory());
+    if (accepted != nullptr && !found) {
+        *accepted = validated;
+    }
+    return found;
 }
 
 TEST(SafetyGuard, namesTheFirstRuleThatIsBroken) {
@@ -41,7 +54,8 @@ TEST(SafetyGuard, namesTheFirstRuleThatIsBroken) {
         {"alias", link("root")},
     };
     for (const auto *file :
-         {"home/Documents/report.pdf", "home/Library/Caches/app/x", "root/sub/file", "root/a/b",
+         {"home/Documents/report.pdf", "home/Library/Caches/app/x", "home/Library/Keychains/x",
+          "home/Library/Mail/x", "home/Library/Messages/x", "root/sub/file", "root/a/b",
           "root/project/.GIT/objects/x", "root/project/.git/objects/x", "root/project/.gitignore",
           "rootOld/x", "outside/x", "strange/\xff\xfe/x", "strange/Ä/x"}) {
         tree.add({file, bytes(1)});
@@ -67,7 +81,8 @@ TEST(SafetyGuard, namesTheFirstRuleThatIsBroken) {
         {"root", V::insideGitDirectory, "root/project/.git root/project/.GIT/objects/x"},
         {"root/project/.git/objects", V::insideGitDirectory, "root/project/.git/objects/x"},
         {"", V::protectedLocation, "home"},
-        {"home", V::protectedLocation, "home/Documents home/Library/Caches"},
+        {"home", V::protectedLocation, "home/Documents home/Library/Caches home/Library/Keychains"},
+        {"home/Library", V::protectedLocation, "home/Library/Mail home/Library/Messages"},
         // Links are themselves the thing to remove.
         {"root", std::nullopt, "root/out root/in root/dangling root/project/.gitignore"},
         {"alias", std::nullopt, "root/sub"},
@@ -156,6 +171,7 @@ TEST(SafetyGuard, knowsProtectedPlacesThatDoNotExist) {
     const std::pair<const char *, bool> cases[] = {
         {"/", true},
         {"/System", true},
+        {"/private/var/log", true},
         {"/LIBRARY/caches/", true},
         {"/Library/Caches/com.example.app", false},
         {"/Library/Developer/CoreSimulator/Caches/dyld", true},

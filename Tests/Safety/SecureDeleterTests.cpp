@@ -1,4 +1,5 @@
 #include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
 #include "Tests/Safety/HardTrees.hpp"
@@ -6,7 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
+#include <dlfcn.h>
 #include <filesystem>
 #include <linux/fs.h>
 #include <map>
@@ -24,8 +27,28 @@ namespace {
 
 /// As on a system that does not tell what is a mount point.
 std::atomic<bool> tellsNoMounts = false;
+/// Found before any thread is started: what makes sure of that later would call it itself.
+const auto realSyscall = reinterpret_cast<decltype(&::syscall)>(::dlsym(RTLD_NEXT, "syscall"));
+/// As on one that cannot open a path without links in one step.
+std::atomic<bool> opensStepByStep = false;
 
 } // namespace
+
+extern "C" long syscall(long number, ...) noexcept {
+    if (number == SYS_openat2 && opensStepByStep) {
+        errno = ENOSYS;
+        return -1;
+    }
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (auto &argument : arguments) {
+        argument = va_arg(list, long);
+    }
+    va_end(list);
+    return realSyscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                       arguments[5]);
+}
 
 extern "C" int statx(int fd, const char *name, int flags, unsigned wanted,
                      struct statx *status) noexcept {
@@ -90,8 +113,11 @@ TEST(SecureDeleter, touchesNothingWhereThePathNamesNoEntryOrLeadsThroughALink) {
         {path + "/" + std::string(300, 'x'), ENAMETOOLONG},
     };
     const auto before = manifest(tree.root());
-    for (const auto &[at, code] : cases) {
-        EXPECT_EQ(deleted(FileURL(at)), code) << at;
+    for (const bool isStepByStep : {true, false}) {
+        opensStepByStep = isStepByStep;
+        for (const auto &[at, code] : cases) {
+            EXPECT_EQ(deleted(FileURL(at)), code) << at;
+        }
     }
     try {
         SecureDeleter().moveToTrash(tree / "file");
@@ -137,6 +163,7 @@ TEST(SecureDeleter, removesBroadAndDeepTreesWithFewDescriptorsAndLittleStack) {
     }
     inIsolatedProcess([&] {
         limitDescriptors(16);
+        opensStepByStep = true;
         for (const auto *name : {"deep", "broad"}) {
             // A thread's stack is smaller than the process's.
             std::jthread([&] { EXPECT_EQ(deleted(tree / name), 0); }).join();
@@ -265,6 +292,44 @@ TEST(SecureDeleter, severalThreadsComeToWhatOneWouldHaveComeTo) {
             }
         });
     }
+}
+
+TEST(SecureDeleter, stopsWhenAskedToAndLeavesTheRest) {
+    const TemporaryTree tree(inMemory, {{"t", directory()}});
+    constexpr std::int64_t files = 20'000;
+    for (int file = 0; file < files; ++file) {
+        tree.add({fmt::format("t/{}/{}", file % 40, file), bytes(0)});
+    }
+    const auto left = [&] {
+        std::int64_t count = 0;
+        for (const auto &entry : fs::recursive_directory_iterator((tree / "t").path())) {
+            count += entry.is_directory() ? 0 : 1;
+        }
+        return count;
+    };
+    const auto caller = std::this_thread::get_id();
+    for (const int last : {1, 3}) {
+        const auto before = left();
+        int questions = 0;
+        try {
+            SecureDeleter().deletePermanently(PinnedEntry::open(tree / "t"), [&] {
+                EXPECT_EQ(std::this_thread::get_id(), caller);
+                return ++questions == last;
+            });
+            ADD_FAILURE() << "not stopped";
+        } catch (const PlatformError &error) {
+            EXPECT_EQ(error.code(), ECANCELED);
+        }
+        EXPECT_EQ(questions, last);
+        // Others may have removed as much as the thread that asks, and a little more.
+        EXPECT_LT(left(), before);
+        EXPECT_GT(left(), before / 2);
+    }
+    int questions = 0;
+    SecureDeleter().deletePermanently(PinnedEntry::open(tree / "t"),
+                                      [&] { return ++questions < 0; });
+    EXPECT_GT(questions, 5);
+    EXPECT_FALSE(isThere(tree / "t"));
 }
 
 /// Deletes small trees while another thread exchanges a folder of theirs with a link, or moves it.

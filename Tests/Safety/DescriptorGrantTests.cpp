@@ -1,0 +1,117 @@
+#include "KlarboxKit/Safety/DescriptorGrant.hpp"
+#include "KlarboxKit/Safety/DiskUsage.hpp"
+#include "KlarboxKit/Safety/SecureDeleter.hpp"
+
+#include "Tests/Safety/HardTrees.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+namespace klarbox::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// The largest of the numbers that it was told.
+class Peak {
+public:
+    void note(std::size_t value) {
+        auto seen = most_.load();
+        while (seen < value && !most_.compare_exchange_weak(seen, value)) {
+        }
+    }
+    std::size_t value() const { return most_; }
+
+private:
+    std::atomic<std::size_t> most_ = 0;
+};
+
+std::size_t openDescriptors() {
+    std::error_code none; // left, which is as many as there can be
+    const std::filesystem::directory_iterator all("/proc/self/fd", none);
+    return none ? SIZE_MAX : static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+void inThreads(int count, const std::function<void(int)> &body) {
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < count; ++thread) {
+        threads.emplace_back([&body, thread] { body(thread); });
+    }
+}
+
+TEST(DescriptorGrant, allHoldersTogetherMayOpenHalfOfWhatTheProcessMay) {
+    const std::pair<unsigned, std::size_t> cases[] = {{64, 32}, {700, 350}, {4096, 512}};
+    for (const auto &[limit, half] : cases) {
+        inIsolatedProcess([limit = limit, half = half] {
+            limitDescriptors(limit);
+            std::atomic<std::size_t> held = 0;
+            Peak peak;
+            inThreads(60, [&](int) {
+                for (int round = 0; round < 8; ++round) {
+                    const auto grant = DescriptorGrant::wait();
+                    EXPECT_GE(grant.descriptors(), DescriptorGrant::fewest);
+                    peak.note(held += grant.descriptors());
+                    std::this_thread::sleep_for(1ms);
+                    held -= grant.descriptors();
+                }
+            });
+            EXPECT_LE(peak.value(), half) << limit;
+            EXPECT_GT(peak.value(), half / 2) << limit;
+            // Whoever can be done without leaves half of the places to others.
+            std::vector<DescriptorGrant> spare;
+            while (auto grant = DescriptorGrant::ifAmple()) {
+                spare.push_back(*std::move(grant));
+            }
+            EXPECT_LE(spare.size() * spare.at(0).descriptors(), half / 2 + half / 4) << limit;
+        });
+    }
+}
+
+TEST(DescriptorGrant, walksKeepWithinTheirs) {
+    constexpr int callers = 12;
+    const TemporaryTree tree(TemporaryTree::Medium::memoryIfPossible, {});
+    for (int caller = 0; caller < callers; ++caller) {
+        tree.add({std::to_string(caller), directory()});
+        makeChain(tree / std::to_string(caller), 200, "d", 2);
+    }
+    inIsolatedProcess([&] {
+        limitDescriptors(64);
+        const auto before = openDescriptors();
+        const auto peakOf = [&](const std::function<void(const FileURL &)> &walk) {
+            Peak peak;
+            const std::jthread sampler([&](const std::stop_token &stop) {
+                while (!stop.stop_requested()) {
+                    peak.note(openDescriptors());
+                }
+            });
+            inThreads(callers, [&](int caller) { walk(tree / std::to_string(caller)); });
+            return peak.value() - before;
+        };
+        const auto measuring = peakOf([](const FileURL &chain) {
+            for (int round = 0; round < 20; ++round) {
+                EXPECT_GT(DiskUsage::allocatedSize(chain), 0);
+            }
+        });
+        EXPECT_LE(measuring, 32U);
+        EXPECT_GT(measuring, DescriptorGrant::fewest);
+        // Whoever removes holds the item's own folder besides.
+        const auto removing = peakOf([](const FileURL &chain) {
+            EXPECT_NO_THROW(SecureDeleter().deletePermanently(chain));
+        });
+        EXPECT_LE(removing, 32U + callers);
+    });
+}
+
+} // namespace
+} // namespace klarbox::test
