@@ -67,15 +67,18 @@ TEST(Text, splitsAndTrimsAtEveryKindOfSpace) {
 TEST(Text, showsNamesThatCannotMisleadATerminal) {
     const std::pair<std::string_view, std::string_view> cases[] = {
         {"a\nb\tc\rd", "a\\nb\\tc\\rd"},
-        {"\x1b[2J\x7f\u009b", "\\x1b[2J\\x7f\\x9b"},
+        {"\x1b[2J\x7f\u009b", "\\x1b[2J\\x7f\\u009b"},
         {"gnp.\u202Eexe\u200B\uFEFF\u2028", "gnp.\\u202eexe\\u200b\\ufeff\\u2028"},
-        {"\U000E0041", "\\ue0041"},
+        {"\U000E0041", "\\U000e0041"},
         {"👨‍👩‍👧 e\u0301\u00A0", "👨‍👩‍👧 e\u0301\u00A0"},
-        {"\xFF", "\uFFFD"},
+        {"\x9b|caf\xE9|\xE2\x82|\uFFFD", "\\x9b|caf\\xe9|\\xe2\\x82|\uFFFD"},
     };
     for (const auto &[text, shown] : cases) {
         EXPECT_EQ(Text::visible(text), shown);
+        EXPECT_EQ(Text::escaped(text), shown);
     }
+    EXPECT_EQ(Text::visible("a\\xff\\"), "a\\xff\\");
+    EXPECT_EQ(Text::escaped("a\\xff\\"), "a\\\\xff\\\\");
 }
 
 TEST(Text, cutsTheMiddleToColumns) {
