@@ -166,7 +166,7 @@ TEST(ScanCoordinator, dropsWhatThePersonExcluded) {
         {"~/\xff", at("\xfe"), false},
         {"~", at("Library"), true},
         {"/", at("Library"), true},
-        {"~other", at("other"), false},
+        {"~other", at({"other", "ther"}), false},
         {"~/b", at({"a", "b/c", "d"}), true},
         {"~", at({}), false},
         {"/", KlarboxTarget::command({FileURL("/usr/bin/true"), {}}), false},
