@@ -118,13 +118,15 @@ TEST(ProcessCommandRunner, putsTheToolFoldersFirstInTheSearchPath) {
 }
 
 TEST(ProcessCommandRunner, stopsWaitingAtTheLimitAndAsksTheToolToTerminate) {
-    // The traps need the loop's short sleeps: a shell waits for its command before it runs a trap.
-    const std::string untilTold = "echo $$ > pid; echo lost; while :; do sleep 0.05; done";
+    // A shell waits for its command before it runs a trap; hence the short sleeps.
+    const auto obedient = "trap 'echo > terminated; exit' TERM; while :; do sleep 0.05; done";
+    const auto deaf = "trap '' TERM; while :; do echo more; done"; // and never silent
     for (const bool obeys : {true, false}) {
         const TemporaryTree tree;
         const auto start = Clock::now();
-        const std::string trap = obeys ? "trap 'echo > terminated; exit' TERM; " : "trap '' TERM; ";
-        EXPECT_EQ(run(scriptIn(tree, trap + untilTold), 1s), (CommandResult{-2, "Timed out"}));
+        const auto tool =
+            scriptIn(tree, std::string("echo $$ > pid; echo lost; ") + (obeys ? obedient : deaf));
+        EXPECT_EQ(run(tool, 1s), (CommandResult{-2, "Timed out"}));
         EXPECT_GE(Clock::now() - start, 1s);
         EXPECT_LT(Clock::now() - start, 20s);
         const auto pid = pidIn(tree / "pid");
