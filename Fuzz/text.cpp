@@ -11,6 +11,7 @@ void klarbox::fuzz::run(std::string_view bytes) {
     require(Text::isValidUTF8(bytes) == (repaired == bytes), "what is sound stays");
     const auto shown = Text::visible(bytes);
     require(Text::visible(shown) == shown, "what is visible stays");
+    require(Text::isValidUTF8(shown), "what is visible is sound");
     const auto controls = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 127; };
     require(std::ranges::none_of(shown, controls), "nothing visible controls a terminal");
     for (const std::size_t width :

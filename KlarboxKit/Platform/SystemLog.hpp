@@ -13,9 +13,9 @@ public:
 
     SystemLog(std::string subsystem, std::string category);
 
-    /// Writes one entry; control characters of the text are made visible, so that one call is
-    /// always one line, whatever names from disk it holds. What cannot be logged is dropped: there
-    /// is no better place to complain.
+    /// Writes one entry, the text as `Text::escaped` has it: one call is always one line, and
+    /// different names from disk are different in it, whatever they hold. What cannot be logged is
+    /// dropped: there is no better place to complain.
     void log(Level level, std::string_view text) const noexcept;
 
 private:

@@ -113,6 +113,42 @@ std::optional<std::string> mapped(std::string_view text, utf8proc_option_t optio
     return std::string(reinterpret_cast<const char *>(bytes), static_cast<std::size_t>(length));
 }
 
+/// The escape of a character. Only below 128 is its number also its byte, and so `\xNN`.
+std::string escape(utf8proc_int32_t scalar) {
+    switch (scalar) {
+    case '\n':
+        return "\\n";
+    case '\t':
+        return "\\t";
+    case '\r':
+        return "\\r";
+    default:
+        return scalar < 0x80      ? fmt::format("\\x{:02x}", scalar)
+               : scalar < 0x10000 ? fmt::format("\\u{:04x}", scalar)
+                                  : fmt::format("\\U{:08x}", scalar);
+    }
+}
+
+std::string shown(std::string_view text, std::string_view backslash) {
+    std::string safe;
+    safe.reserve(text.size());
+    while (!text.empty()) {
+        const auto scalar = decode(text);
+        const auto bytes = text.substr(0, scalar.length);
+        text.remove_prefix(scalar.length);
+        if (!scalar.valid) {
+            for (const char byte : bytes) {
+                safe += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+            }
+        } else if (needsEscape(scalar.value)) {
+            safe += escape(scalar.value);
+        } else {
+            safe += bytes == "\\" ? backslash : bytes;
+        }
+    }
+    return safe;
+}
+
 } // namespace
 
 std::string lowercased(std::string_view text) {
@@ -230,25 +266,11 @@ std::string_view trimmed(std::string_view text) {
 }
 
 std::string visible(std::string_view text) {
-    std::string shown;
-    shown.reserve(text.size());
-    while (!text.empty()) {
-        const auto scalar = decode(text);
-        text.remove_prefix(scalar.length);
-        if (scalar.value == '\n') {
-            shown += "\\n";
-        } else if (scalar.value == '\t') {
-            shown += "\\t";
-        } else if (scalar.value == '\r') {
-            shown += "\\r";
-        } else if (needsEscape(scalar.value)) {
-            shown += scalar.value < 0x100 ? fmt::format("\\x{:02x}", scalar.value)
-                                          : fmt::format("\\u{:04x}", scalar.value);
-        } else {
-            append(shown, scalar.value);
-        }
-    }
-    return shown;
+    return shown(text, "\\");
+}
+
+std::string escaped(std::string_view text) {
+    return shown(text, "\\\\");
 }
 
 std::size_t displayWidth(std::string_view text) {

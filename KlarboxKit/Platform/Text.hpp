@@ -35,10 +35,16 @@ std::vector<std::string_view> lines(std::string_view text);
 /// Without white space (Unicode) at both ends.
 std::string_view trimmed(std::string_view text);
 
-/// Safe to show: invalid UTF-8 repaired, and control, formatting and line-breaking characters
-/// written as escapes (`\n`, `\x1b`, `\u202e`), so that a file name can neither move the cursor
-/// nor forge a line.
+/// Safe to show: control, formatting and line-breaking characters written as escapes (`\n`, `\x1b`,
+/// `\u202e`), so that a file name can neither move the cursor nor forge a line, and each byte that
+/// is no UTF-8 as `\xff`, so that names which differ in such bytes do not look alike. A backslash
+/// stays one: people know their files by the names that they have, and what is visible already does
+/// not change. So a name that spells an escape out looks like one that has what it stands for.
 std::string visible(std::string_view text);
+
+/// `visible` with every backslash doubled, so that no two texts are ever shown alike: for records
+/// that must tell afterwards which file was meant, whoever chose its name.
+std::string escaped(std::string_view text);
 
 /// Columns that `text` (already `visible`) takes on a terminal.
 std::size_t displayWidth(std::string_view text);

@@ -21,7 +21,8 @@ KlarboxItem item(const std::string &title, const std::string &folder) {
 
 TEST(ReportTable, tellsItemsOfOneTitleApartAndFitsTheTerminal) {
     const std::vector items{item("node_modules", "~/shop"), item("node_modules", "~/office"),
-                            item("Photos", "~/Library/Caches"), item("never reached", "~")};
+                            item("Photos", "~/Library/Caches"), item("Notes", "~/Library/Caches"),
+                            item("never reached", "~")};
     CleanReport report;
     const auto add = [&](CleanResult result, std::int64_t bytes, bool wentToTrash = false) {
         report.outcomes.push_back({.id = "",
@@ -33,13 +34,15 @@ TEST(ReportTable, tellsItemsOfOneTitleApartAndFitsTheTerminal) {
     add(CleanResult::removed(), 1'234'567);
     add(CleanResult::failed("Error: \x1b[2J locked\nby it\n"), 0);
     add(CleanResult::movedToTrash(), 5000, true);
+    add(CleanResult::partial("1 of 2 stayed."), 0);
     const auto plain = reportTable(items, report, {});
     EXPECT_EQ(plain,
               "✓ ~/shop/node_modules       1.2 MB  deleted\n"
               "✗ ~/office/node_modules        0 B  failed: Error: \\x1b[2J locked; by it\n"
               "✓ Photos                    5.0 kB  moved to the Trash\n"
+              "✗ Notes                        0 B  partly removed: 1 of 2 stayed.\n"
               "\n"
-              "Freed 1.2 MB, moved 5.0 kB to the Trash (emptying it frees them); 1 item could "
+              "Freed 1.2 MB, moved 5.0 kB to the Trash (emptying it frees them); 2 items could "
               "not be cleaned.\n");
     for (const std::size_t width : {30U, 63U, 64U, 80U}) {
         const auto table = reportTable(items, report, {.width = width});

@@ -1,5 +1,6 @@
 #include "KlarboxKit/Commands/ProcessCommandRunner.hpp"
 
+#include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <csignal>
@@ -8,7 +9,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -25,29 +25,20 @@ using Clock = std::chrono::steady_clock;
 using testing::ExitedWithCode;
 using testing::HasSubstr;
 
-CommandAction shell(std::string script) {
-    return {FileURL("/bin/sh"), {"-c", std::move(script)}};
+CommandAction script(std::string text) {
+    return {FileURL("/bin/sh"), {"-c", std::move(text)}};
 }
 
-CommandAction shellIn(const TemporaryTree &tree, const std::string &script) {
-    return shell("cd '" + tree.root().path() + "'; " + script);
+CommandAction scriptIn(const TemporaryTree &tree, const std::string &text) {
+    return script("cd '" + tree.root().path() + "'; " + text);
 }
 
 CommandResult run(const CommandAction &action, std::chrono::nanoseconds timeout = 60s) {
     return ProcessCommandRunner().run(action, timeout);
 }
 
-/// Polls, as nothing tells when the background has done its work. Long enough for a busy machine.
-bool happensSoon(const std::function<bool()> &condition) {
-    const auto deadline = Clock::now() + 30s;
-    while (!condition() && Clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
-    return condition();
-}
-
 bool appearsSoon(const FileURL &url) {
-    return happensSoon([&] { return FileManager::exists(url); });
+    return eventually([&] { return FileManager::exists(url); });
 }
 
 pid_t pidIn(const FileURL &file) {
@@ -57,7 +48,7 @@ pid_t pidIn(const FileURL &file) {
 }
 
 bool isReapedSoon(pid_t pid) {
-    return pid > 0 && happensSoon([&] { return ::kill(pid, 0) != 0; });
+    return pid > 0 && eventually([&] { return ::kill(pid, 0) != 0; });
 }
 
 std::ptrdiff_t openDescriptors() {
@@ -67,13 +58,13 @@ std::ptrdiff_t openDescriptors() {
 
 TEST(ProcessCommandRunner, returnsTheStatusAndEverythingWritten) {
     const std::pair<CommandAction, CommandResult> cases[] = {
-        {shell("echo a; echo b >&2; echo c"), {0, "a\nb\nc\n"}},
-        {shell("echo why; exit 3"), {3, "why\n"}},
-        {shell("exit 255"), {255, ""}},
-        {shell("printf 'a\\377b\\342\\202'"), {0, "a\uFFFDb\uFFFD"}},
-        {shell("cat; echo end"), {0, "end\n"}}, // standard input is empty, not ours
-        {shell("echo begun; kill -KILL $$"), {SIGKILL, "begun\n"}},
-        {shell("exec >&- 2>&-; exit 7"), {7, ""}}, // output closed long before the exit
+        {script("echo a; echo b >&2; echo c"), {0, "a\nb\nc\n"}},
+        {script("echo why; exit 3"), {3, "why\n"}},
+        {script("exit 255"), {255, ""}},
+        {script("printf 'a\\377b\\342\\202'"), {0, "a\uFFFDb\uFFFD"}},
+        {script("cat; echo end"), {0, "end\n"}}, // standard input is empty, not ours
+        {script("echo begun; kill -KILL $$"), {SIGKILL, "begun\n"}},
+        {script("exec >&- 2>&-; exit 7"), {7, ""}}, // output closed long before the exit
         {{FileURL("/usr/bin/printf"), {"%s|", "a b", "*", "", "$HOME"}}, {0, "a b|*||$HOME|"}},
     };
     for (const auto &[action, expected] : cases) {
@@ -120,42 +111,40 @@ TEST(ProcessCommandRunner, putsTheToolFoldersFirstInTheSearchPath) {
     }
     ::setenv("HOMEBREW_NO_AUTO_UPDATE", "0", 1);
     ::setenv("KLARBOX_TEST", "a=b\nc", 1);
-    EXPECT_EQ(run(shell("echo \"$PATH|$HOMEBREW_NO_AUTO_UPDATE|$HOMEBREW_NO_ENV_HINTS|"
-                        "$KLARBOX_TEST\""))
+    EXPECT_EQ(run(script("echo \"$PATH|$HOMEBREW_NO_AUTO_UPDATE|$HOMEBREW_NO_ENV_HINTS|"
+                         "$KLARBOX_TEST\""))
                   .output,
               preferred + ":/custom/bin|1|1|a=b\nc\n");
 }
 
 TEST(ProcessCommandRunner, stopsWaitingAtTheLimitAndAsksTheToolToTerminate) {
-    const TemporaryTree tree;
-    const auto start = Clock::now();
-    // The trap needs the loop's short sleeps: a shell waits for its command before it runs a trap.
-    const auto result = run(shellIn(tree, "echo $$ > pid; echo lost; "
-                                          "trap 'echo > terminated; exit' TERM; "
-                                          "while :; do sleep 0.05; done"),
-                            1s);
-    EXPECT_EQ(result, (CommandResult{-2, "Timed out"}));
-    EXPECT_GE(Clock::now() - start, 1s);
-    EXPECT_LT(Clock::now() - start, 20s);
-    EXPECT_TRUE(appearsSoon(tree / "terminated"));
-    EXPECT_TRUE(isReapedSoon(pidIn(tree / "pid")));
-}
-
-TEST(ProcessCommandRunner, doesNotWaitForAToolThatIgnoresTheRequest) {
-    const TemporaryTree tree;
-    const auto deaf = shellIn(tree, "trap '' TERM; echo $$ > pid; while :; do echo more; done");
-    EXPECT_EQ(run(deaf, 1s).exitCode, -2);
-    const auto pid = pidIn(tree / "pid");
-    ASSERT_GT(pid, 0);
-    EXPECT_EQ(::kill(pid, SIGKILL), 0) << "it was killed harder";
-    EXPECT_TRUE(isReapedSoon(pid));
+    // A shell waits for its command before it runs a trap; hence the short sleeps.
+    const auto obedient = "trap 'echo > terminated; exit' TERM; while :; do sleep 0.05; done";
+    const auto deaf = "trap '' TERM; while :; do echo more; done"; // and never silent
+    for (const bool obeys : {true, false}) {
+        const TemporaryTree tree;
+        const auto start = Clock::now();
+        const auto tool =
+            scriptIn(tree, std::string("echo $$ > pid; echo lost; ") + (obeys ? obedient : deaf));
+        EXPECT_EQ(run(tool, 1s), (CommandResult{-2, "Timed out"}));
+        EXPECT_GE(Clock::now() - start, 1s);
+        EXPECT_LT(Clock::now() - start, 20s);
+        const auto pid = pidIn(tree / "pid");
+        ASSERT_GT(pid, 0);
+        if (obeys) {
+            EXPECT_TRUE(appearsSoon(tree / "terminated"));
+        } else {
+            EXPECT_EQ(::kill(pid, SIGKILL), 0) << "it was killed harder";
+        }
+        EXPECT_TRUE(isReapedSoon(pid));
+    }
 }
 
 TEST(ProcessCommandRunner, isNotHeldBeyondTheLimitByOthersThatKeepTheOutputOpen) {
     const TemporaryTree tree;
     const auto start = Clock::now();
-    const auto result = run(shellIn(tree, "echo read; (while [ ! -e go ]; do sleep 0.05; done; "
-                                          "echo unread; echo > survived) & exit 4"),
+    const auto result = run(scriptIn(tree, "echo read; (while [ ! -e go ]; do sleep 0.05; done; "
+                                           "echo unread; echo > survived) & exit 4"),
                             1s);
     EXPECT_EQ(result, (CommandResult{4, "read\n"}));
     EXPECT_GE(Clock::now() - start, 1s);
@@ -173,17 +162,17 @@ TEST(ProcessCommandRunner, endsTheWaitWhenAStopIsRequested) {
         stop.request_stop();
     });
     const auto start = Clock::now();
-    const auto slow = shellIn(tree, "echo > begun; exec sleep 100");
+    const auto slow = scriptIn(tree, "echo > begun; exec sleep 100");
     EXPECT_EQ(ProcessCommandRunner().run(slow, 200s, stop.get_token()).exitCode, -2);
     EXPECT_LT(Clock::now() - start, 60s);
 
-    const auto never = shellIn(tree, "echo > never");
+    const auto never = scriptIn(tree, "echo > never");
     EXPECT_EQ(ProcessCommandRunner().run(never, 60s, stop.get_token()).exitCode, -2);
     EXPECT_FALSE(FileManager::exists(tree / "never"));
 }
 
 TEST(ProcessCommandRunner, takesAnyLimit) {
-    EXPECT_EQ(run(shell("exit 5"), std::chrono::nanoseconds::max()).exitCode, 5);
+    EXPECT_EQ(run(script("exit 5"), std::chrono::nanoseconds::max()).exitCode, 5);
     for (const auto limit : {0ns, std::chrono::nanoseconds::min()}) {
         EXPECT_EQ(run({FileURL("/bin/sleep"), {"60"}}, limit).exitCode, -2);
     }
@@ -192,7 +181,7 @@ TEST(ProcessCommandRunner, takesAnyLimit) {
 TEST(ProcessCommandRunner, handsNoDescriptorAndNoSignalSettingOn) {
     const int inherited = ::open("/dev/null", O_RDONLY); // as the shell may leave us one
     ASSERT_GE(inherited, 0);
-    EXPECT_EQ(run(shell("ls /proc/$$/fd; :")).output, "0\n1\n2\n");
+    EXPECT_EQ(run(script("ls /proc/$$/fd; :")).output, "0\n1\n2\n");
     ::close(inherited);
 
     const auto oldPipe = std::signal(SIGPIPE, SIG_IGN);
@@ -201,7 +190,7 @@ TEST(ProcessCommandRunner, handsNoDescriptorAndNoSignalSettingOn) {
     ::sigemptyset(&blocked);
     ::sigaddset(&blocked, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &blocked, &old);
-    const auto result = run(shell("grep -E '^Sig(Blk|Ign)' /proc/self/status | cut -f 2"));
+    const auto result = run(script("grep -E '^Sig(Blk|Ign)' /proc/self/status | cut -f 2"));
     ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
     std::signal(SIGPIPE, oldPipe);
     std::uint64_t leftBlocked = 1;
@@ -212,54 +201,44 @@ TEST(ProcessCommandRunner, handsNoDescriptorAndNoSignalSettingOn) {
     EXPECT_EQ(leftIgnored & ~(std::uint64_t{3} << 31), 0U) << result.output;
 }
 
-TEST(ProcessCommandRunner, worksWithTheStandardDescriptorsClosed) {
-    const auto script = shell("echo out; echo error >&2; ls /proc/$$/fd; cat");
+TEST(ProcessCommandRunner, worksHoweverThisProcessWasStarted) {
+    const auto tool = script("echo out; echo error >&2; ls /proc/$$/fd; cat");
     EXPECT_EXIT(
         {
             ::close(STDIN_FILENO);
             ::close(STDOUT_FILENO);
-            ::_exit(run(script) == CommandResult{0, "out\nerror\n0\n1\n2\n"} ? 42 : 1);
+            ::_exit(run(tool) == CommandResult{0, "out\nerror\n0\n1\n2\n"} ? 42 : 1);
         },
         ExitedWithCode(42), "");
-}
-
-TEST(ProcessCommandRunner, doesNotTakeALostStatusForSuccess) {
     EXPECT_EXIT(
         {
-            std::signal(SIGCHLD, SIG_IGN); // some launchers leave it so: nobody keeps the status
-            ::_exit(run(shell("exit 3")).exitCode != 0 ? 42 : 1);
+            std::signal(SIGCHLD, SIG_IGN); // nobody keeps a status, and none is no success
+            ::_exit(run(script("exit 3")).exitCode != 0 ? 42 : 1);
         },
         ExitedWithCode(42), "");
 }
 
-TEST(ProcessCommandRunner, leaksNothing) {
-    const auto once = [] {
-        run(shell("exit 0"));
-        run({FileURL("/no/such/tool"), {}});
-        run({FileURL("/bin/sleep"), {"60"}}, 1ms);
+TEST(ProcessCommandRunner, runsManyToolsAtOnceAndLeaksNothing) {
+    const auto runSome = [](int caller) {
+        for (int i = 0; i < 10; ++i) {
+            const auto text = std::to_string(caller) + "." + std::to_string(i);
+            EXPECT_EQ(run(script("echo " + text)), (CommandResult{0, text + "\n"}));
+            EXPECT_EQ(run({FileURL("/no/such/tool"), {}}).exitCode, -1);
+            EXPECT_EQ(run({FileURL("/bin/sleep"), {"60"}}, 2ms).exitCode, -2);
+        }
     };
-    once();
+    runSome(0);
     // What stays for good is what takes over the children left behind.
     const auto before = openDescriptors();
-    for (int i = 0; i < 30; ++i) {
-        once();
+    {
+        std::vector<std::jthread> callers;
+        for (int caller = 0; caller < 8; ++caller) {
+            callers.emplace_back(runSome, caller);
+        }
     }
-    EXPECT_TRUE(happensSoon([&] { return openDescriptors() <= before; }))
+    EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; }))
         << openDescriptors() << " descriptors, before " << before;
-    EXPECT_TRUE(happensSoon([] { return ::waitpid(-1, nullptr, WNOHANG) < 0; })) << "zombies";
-}
-
-TEST(ProcessCommandRunner, runsManyToolsAtOnce) {
-    std::vector<std::jthread> callers;
-    for (int caller = 0; caller < 8; ++caller) {
-        callers.emplace_back([caller] {
-            for (int i = 0; i < 10; ++i) {
-                const auto text = std::to_string(caller) + "." + std::to_string(i);
-                EXPECT_EQ(run(shell("echo " + text)), (CommandResult{0, text + "\n"}));
-                EXPECT_EQ(run({FileURL("/bin/sleep"), {"60"}}, 2ms).exitCode, -2);
-            }
-        });
-    }
+    EXPECT_TRUE(eventually([] { return ::waitpid(-1, nullptr, WNOHANG) < 0; })) << "zombies";
 }
 
 TEST(ProcessCommandRunner, readsTenMegabytesWithinASecond) {
@@ -267,7 +246,7 @@ TEST(ProcessCommandRunner, readsTenMegabytesWithinASecond) {
     // The best of a few, as others may keep the machine busy.
     for (int i = 0; i < 5 && best >= 1s; ++i) {
         const auto start = Clock::now();
-        const auto result = run(shell("head -c 10000000 /dev/zero | tr '\\0' x"));
+        const auto result = run(script("head -c 10000000 /dev/zero | tr '\\0' x"));
         best = std::min<Clock::duration>(best, Clock::now() - start);
         ASSERT_TRUE(result == (CommandResult{0, std::string(10'000'000, 'x')}));
     }

@@ -118,13 +118,14 @@ TEST_F(Requests, areLoggedInOneLineEach) {
     writeFile("/Library/Logs/a/b", "x");
     writeFile("/Library/Logs/a/c", std::string(512, 'x'));
     startHelper();
-    ask({removeContents, "/Library/Logs/a", removeItem, "Library\nremoveItem /x: removed 1",
+    ask({removeContents, "/Library/Logs/a", removeItem, "Library\nremoveItem \xff\\xff: removed 1",
          removeItem, "/Library/Logs/a"});
     EXPECT_THAT(
         journal_->messages("requests", 3),
-        ElementsAre("removeContents /Library/Logs/a: removed 2, failed 0, 8192 bytes",
-                    "removeItem Library\\nremoveItem /x: removed 1: removed 0, failed 1, 0 bytes",
-                    "removeItem /Library/Logs/a: removed 1, failed 0, 0 bytes"));
+        ElementsAre(
+            "removeContents /Library/Logs/a: removed 2, failed 0, 8192 bytes",
+            "removeItem Library\\nremoveItem \\xff\\\\xff: removed 1: removed 0, failed 1, 0 bytes",
+            "removeItem /Library/Logs/a: removed 1, failed 0, 0 bytes"));
     EXPECT_THAT(journal_->entries(),
                 Each(AllOf(HasSubstr("\nSUBSYSTEM=app.klarbox.Klarbox.Helper\n"),
                            HasSubstr("\nPRIORITY=5\n"), Not(HasSubstr("CODE_FILE")))));

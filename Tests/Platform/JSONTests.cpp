@@ -42,20 +42,6 @@ TEST(JSON, saysWhatIsWrongInOneShortLine) {
     }
 }
 
-TEST(JSON, namesTheKeyThatIsMissingOrOfTheWrongType) {
-    const auto record = parseJSON(R"({"text": "é", "n": -9223372036854775808, "n": 7, "f": 1.0,
-                                      "big": 9223372036854775808, "null": null})");
-    EXPECT_EQ(requiredString(record, "text"), "é");
-    EXPECT_EQ(requiredInteger(record, "n"), 7); // the last one counts
-    for (const auto *key : {"text", "f", "big", "null", "gone", "N"}) {
-        EXPECT_THAT(problem([&] { requiredInteger(record, key); }), HasSubstr(key));
-    }
-    for (const auto *key : {"n", "gone"}) {
-        EXPECT_THAT(problem([&] { requiredString(record, key); }), HasSubstr(key));
-    }
-    EXPECT_THAT(problem([] { requiredMember(parseJSON("[1]"), "a"); }), HasSubstr("\"a\""));
-}
-
 TEST(JSON, keepsTheOrderAndRepairsTextsThatItWrites) {
     EXPECT_EQ(encodeJSON({{"z", "a\xFF"}, {"a", {1, true, nullptr}}}),
               "{\"z\":\"a\uFFFD\",\"a\":[1,true,null]}");

@@ -38,7 +38,7 @@ std::optional<RunningProcess> waitFor(const std::string &executable, ChildProces
 
 TEST(Processes, areToldWithTheirExecutableAndEveryArgument) {
     const TemporaryTree tree;
-    const auto program = tree / "a program";
+    const auto program = tree / "a program (deleted)"; // as the system writes of one that is gone
     std::filesystem::copy_file("/usr/bin/sleep", program.path());
     // Longer than any one read, and what matters after it.
     const std::vector<std::string> arguments{"30", "0." + std::string(100'000, '0'), " 0", "0"};
@@ -53,6 +53,8 @@ TEST(Processes, areToldWithTheirExecutableAndEveryArgument) {
     // An update replaces the file under the process.
     std::filesystem::remove(program.path());
     EXPECT_TRUE(find(program.path()));
+    std::filesystem::copy_file("/usr/bin/sleep", program.path() + " (deleted)");
+    EXPECT_TRUE(find(program.path())) << "another file has the name of the one that is gone";
 
     child.terminate();
     ASSERT_TRUE(child.wait(10s, {}));

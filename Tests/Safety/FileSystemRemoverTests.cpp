@@ -49,6 +49,7 @@ extern "C" int mkdirat(int at, const char *name, mode_t mode) noexcept {
 namespace klarbox::test {
 namespace {
 
+using namespace std::string_literals;
 using testing::HasSubstr;
 using testing::UnorderedElementsAre;
 
@@ -222,6 +223,27 @@ TEST(FileSystemRemover, givesNobodyAFolderThatItDidNotMake) {
     ASSERT_EQ(::stat((tree / "home/.Trash/key").path().c_str(), &status), 0) << "not exchanged";
     ASSERT_EQ(::stat((tree / "home/.Trash").path().c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, 0U);
+}
+
+TEST(FileSystemRemover, usesNoTrashOfAVolumeThatAStrangerOwns) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "only root gives folders away";
+    }
+    const TemporaryTree tree{{"theirs", directory()}, {"inside", directory()}};
+    inIsolatedProcess([&] {
+        ASSERT_TRUE(enterMountNamespace());
+        const auto own = fmt::format("/.Trashes/{}", ::getuid());
+        for (const auto &[disk, theirs] : {std::pair("theirs"s, "/.Trashes"s), {"inside"s, own}}) {
+            ASSERT_TRUE(mountOn(tree / disk));
+            tree.add({disk + own, directory()});
+            tree.add({disk + "/.Trashes", directory(), std::nullopt, 01333});
+            tree.add({disk + "/item", bytes(1)});
+            ASSERT_EQ(::chown((tree / (disk + theirs)).path().c_str(), 12345, 12345), 0);
+            EXPECT_EQ(trashed(tree / (disk + "/item"), tree.root(), "isn’t safe from other users"),
+                      std::pair(int(PlatformError::fileWriteNoPermission), EPERM));
+            EXPECT_TRUE(FileManager::exists(tree / (disk + "/item"))) << disk;
+        }
+    });
 }
 
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {

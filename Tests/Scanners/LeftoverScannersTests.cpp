@@ -3,6 +3,7 @@
 #include "KlarboxKit/Scanners/OrphanedContainersScanner.hpp"
 
 #include "Tests/Scanners/ScanResults.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
 
 #include <sys/stat.h>
 
@@ -126,19 +127,19 @@ broken-launch-agents:@ | org.example.agent | ~ | item $/LaunchAgents/a.plist | .
 }
 
 TEST(LeftoverScanners, leaveWhatTheyMayNotSee) {
-    if (isRoot()) {
-        GTEST_SKIP() << "root may see everything";
-    }
-    const TemporaryTree home{
-        {.path = "Library/Preferences/a.plist", .what = text("hello"), .mode = 0},
-        {"private/program", bytes(1)},
-    };
-    const auto context = scanContext(home.root());
-    home.add({"Library/LaunchAgents/a.plist",
-              text("Program = \"" + (home / "private/program").path() + "\";")});
-    ASSERT_EQ(::chmod((home / "private").path().c_str(), 0), 0);
-    EXPECT_EQ(offers(BrokenPreferencesScanner(), context, home.root()), "");
-    EXPECT_EQ(offers(BrokenLaunchAgentsScanner(), context, home.root()), "");
+    inIsolatedProcess([] {
+        becomeOrdinaryUser();
+        const TemporaryTree home{
+            {.path = "Library/Preferences/a.plist", .what = text("hello"), .mode = 0},
+            {"closed/program", bytes(1)},
+        };
+        const auto context = scanContext(home.root());
+        home.add({"Library/LaunchAgents/a.plist",
+                  text("Program = \"" + (home / "closed/program").path() + "\";")});
+        ASSERT_EQ(::chmod((home / "closed").path().c_str(), 0), 0);
+        EXPECT_EQ(offers(BrokenPreferencesScanner(), context, home.root()), "");
+        EXPECT_EQ(offers(BrokenLaunchAgentsScanner(), context, home.root()), "");
+    });
 }
 
 TEST(OrphanedContainersScanner, offersContainersOfAppsThatAreGone) {
@@ -158,11 +159,11 @@ TEST(OrphanedContainersScanner, offersContainersOfAppsThatAreGone) {
     };
     addFiles(home, root,
              "com.apple.Notes/x org.example.App/x org.example.App.Widget.Extra/x "
-             "org..example.App./x org.example.Apple/x file");
+             "org..example.App./x org.example.Apple/x two.parts/x two.parts.Widget/x file");
     auto context = scanContext(home.root());
     context.environment.installedAppName = [](std::string_view id) {
-        return id == "org.example.App" || id == "alone" ? std::optional<std::string>("App")
-                                                        : std::nullopt;
+        const bool isInstalled = id == "org.example.App" || id == "two.parts" || id == "alone";
+        return isInstalled ? std::optional<std::string>("App") : std::nullopt;
     };
     const OrphanedContainersScanner scanner("org.example.own");
     const std::string note = R"(

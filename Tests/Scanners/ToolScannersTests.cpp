@@ -191,15 +191,6 @@ TEST(HomebrewScanner, leavesOutWhatADryRunDoesNotTell) {
     }
 }
 
-TEST(HomebrewScanner, isRelevantWhereTheToolIs) {
-    Homebrew homebrew({}, {});
-    EXPECT_TRUE(HomebrewScanner().isRelevant(homebrew.context));
-    homebrew.context.environment.locateTool = [](std::string_view) { return std::nullopt; };
-    EXPECT_FALSE(HomebrewScanner().isRelevant(homebrew.context));
-    EXPECT_EQ(homebrew.offered(), "");
-    EXPECT_THAT(asked(homebrew.context), IsEmpty());
-}
-
 TEST(HomebrewScanner, readsTheEstimate) {
     const std::pair<const char *, std::optional<std::int64_t>> cases[] = {
         {"==> This operation would free approximately 1.5GB of disk space.", 1'610'612'736},
@@ -209,8 +200,6 @@ TEST(HomebrewScanner, readsTheEstimate) {
         {"free approximately 1.5 KB", 1536},
         {"free approximately 2KB; freed approximately 1KB", 2048}, // the first
         {"free approximately 1.2.3KB", std::nullopt},
-        {"free approximately 1,5GB", std::nullopt},
-        {"free approximately 1.5GiB", std::nullopt},
         {"Freed approximately 1KB", std::nullopt},
         {"free approximately 99999999999999TB", std::nullopt},
     };
@@ -306,14 +295,16 @@ simulators:unavailable | 1 unavailable simulator | A | command | none | [x] safe
     /usr/bin/xcrun ["simctl", "delete", "unavailable"] frees 0 bytes)");
 }
 
-TEST(SimulatorsScanner, isRelevantWithDevicesAndDeveloperTools) {
+TEST(ToolScanners, areRelevantWhereTheirToolsAndDevicesAre) {
     const TemporaryTree tree{{"with/Library/Developer/CoreSimulator/Devices", directory()},
                              {"Xcode.app", directory()}};
     const SimulatorsScanner installed({tree / "missing", tree / "Xcode.app"});
-    const SimulatorsScanner missing({tree / "missing"});
     EXPECT_TRUE(installed.isRelevant(scanContext(tree / "with")));
     EXPECT_FALSE(installed.isRelevant(scanContext(tree / "without")));
-    EXPECT_FALSE(missing.isRelevant(scanContext(tree / "with")));
+    EXPECT_FALSE(SimulatorsScanner({tree / "missing"}).isRelevant(scanContext(tree / "with")));
+    EXPECT_TRUE(HomebrewScanner().isRelevant(Homebrew({}, {}).context));
+    EXPECT_FALSE(HomebrewScanner().isRelevant(scanContext(tree / "with")));
+    EXPECT_EQ(offers(HomebrewScanner(), scanContext(tree / "with"), tree.root()), "");
 }
 
 } // namespace

@@ -14,18 +14,6 @@ const ScanSettings sound{.projectRoots = {"~/p", "/a \"b\"\n"},
 
 TEST(ScanSettings, readsWhatItWritesAndIgnoresUnknownKeys) {
     auto json = sound.encoded();
-    EXPECT_EQ(json, R"({
-  "projectRoots": [
-    "~/p",
-    "/a \"b\"\n"
-  ],
-  "includeNodeModules": true,
-  "staleProjectDays": -5,
-  "excludedPaths": [
-    "~/e"
-  ]
-}
-)");
     EXPECT_EQ(ScanSettings::decode(json), sound);
     EXPECT_EQ(ScanSettings::decode(json.insert(1, "\"more\": null,")), sound);
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -22,17 +23,27 @@ namespace {
 constexpr std::size_t longestCommandLine = 1 << 20;
 constexpr std::size_t largestFlatpakInfo = 1 << 20;
 
+/// Whether `path` leads to the file that the process runs.
+bool runs(const FileURL &process, const std::string &path) {
+    struct ::stat running {};
+    struct ::stat found {};
+    return ::stat(process.appending("exe").path().c_str(), &running) == 0 &&
+           ::stat(path.c_str(), &found) == 0 && running.st_dev == found.st_dev &&
+           running.st_ino == found.st_ino;
+}
+
 std::string executable(const FileURL &process) {
     std::array<char, PATH_MAX> buffer; // NOLINT: filled by readlink before it is looked at
     const auto size =
         ::readlink(process.appending("exe").path().c_str(), buffer.data(), buffer.size());
-    std::string_view path(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-    // What an update replaces while it runs is still the program of that name.
+    std::string path(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    // What an update replaces while it runs is still the program of that name; but a file may also
+    // have the name that the system gives to one that is no more.
     constexpr std::string_view deleted = " (deleted)";
-    if (path.ends_with(deleted)) {
-        path.remove_suffix(deleted.size());
+    if (path.ends_with(deleted) && !runs(process, path)) {
+        path.resize(path.size() - deleted.size());
     }
-    return std::string(path);
+    return path;
 }
 
 std::vector<std::string> arguments(const FileURL &process) {

@@ -63,7 +63,7 @@ SystemLog::SystemLog(std::string subsystem, std::string category)
 
 void SystemLog::log(Level level, std::string_view text) const noexcept {
     try {
-        const auto shown = Text::visible(text);
+        const auto shown = Text::escaped(text);
         if (journalExists()) {
             const auto message = "MESSAGE=" + shown;
             const auto prioritised = "PRIORITY=" + std::to_string(priority(level));
