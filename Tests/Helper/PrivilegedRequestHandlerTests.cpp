@@ -77,6 +77,8 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
         {"Library/Logs/install.log", bytes(10)},
         {"Users/ann/x", bytes(10)},
         {"library/CACHES", directory()},
+        {"Library/Caches/logs/x", bytes(10)},
+        {"private/var/log", link("../../Library/Caches/logs")},
     };
     const auto before = manifest(disk.root());
     const auto handler = handlerOver(disk);
@@ -97,6 +99,7 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
         {at("library/CACHES"), isRoot},
         // The folder is an entry of another root as well, but the most specific one decides.
         {at("Library/Logs/DiagnosticReports"), isRoot},
+        {at("Library/Caches/logs"), isRoot}, // of another root, which is a link
         {at("Library/Caches/out/x"), symlinkEscape},
         {at("Library/Caches/out/missing"), notFound},
         {at("Library/Caches/missing"), notFound},
