@@ -6,36 +6,21 @@
 #include "Tests/Support/IsolatedProcess.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <mutex>
 #include <thread>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// The largest of the numbers that it was told.
-class Peak {
-public:
-    void note(std::size_t value) {
-        auto seen = most_.load();
-        while (seen < value && !most_.compare_exchange_weak(seen, value)) {
-        }
-    }
-    std::size_t value() const { return most_; }
-
-private:
-    std::atomic<std::size_t> most_ = 0;
-};
 
 std::size_t openDescriptors() {
     std::error_code none; // left, which is as many as there can be
@@ -55,19 +40,25 @@ TEST(DescriptorGrant, allHoldersTogetherMayOpenHalfOfWhatTheProcessMay) {
     for (const auto &[limit, half] : cases) {
         inIsolatedProcess([limit = limit, half = half] {
             limitDescriptors(limit);
-            std::atomic<std::size_t> held = 0;
-            Peak peak;
+            std::mutex mutex;
+            std::size_t held = 0;
+            std::size_t peak = 0;
             inThreads(60, [&](int) {
                 for (int round = 0; round < 8; ++round) {
                     const auto grant = DescriptorGrant::wait();
                     EXPECT_GE(grant.descriptors(), DescriptorGrant::fewest);
-                    peak.note(held += grant.descriptors());
+                    {
+                        const std::lock_guard lock(mutex);
+                        held += grant.descriptors();
+                        peak = std::max(peak, held);
+                    }
                     std::this_thread::sleep_for(1ms);
-                    held -= grant.descriptors();
+                    const std::lock_guard lock(mutex);
+                    held -= grant.descriptors(); // before the place is another's
                 }
             });
-            EXPECT_LE(peak.value(), half) << limit;
-            EXPECT_GT(peak.value(), half / 2) << limit;
+            EXPECT_LE(peak, half) << limit;
+            EXPECT_GT(peak, half / 2) << limit;
             // Whoever can be done without leaves half of the places to others.
             std::vector<DescriptorGrant> spare;
             while (auto grant = DescriptorGrant::ifAmple()) {
@@ -89,14 +80,15 @@ TEST(DescriptorGrant, walksKeepWithinTheirs) {
         limitDescriptors(64);
         const auto before = openDescriptors();
         const auto peakOf = [&](const std::function<void(const FileURL &)> &walk) {
-            Peak peak;
-            const std::jthread sampler([&](const std::stop_token &stop) {
+            std::size_t peak = 0;
+            std::jthread sampler([&](const std::stop_token &stop) {
                 while (!stop.stop_requested()) {
-                    peak.note(openDescriptors());
+                    peak = std::max(peak, openDescriptors());
                 }
             });
             inThreads(callers, [&](int caller) { walk(tree / std::to_string(caller)); });
-            return peak.value() - before;
+            sampler = {};
+            return peak - before;
         };
         const auto measuring = peakOf([](const FileURL &chain) {
             for (int round = 0; round < 20; ++round) {
