@@ -133,11 +133,28 @@ TEST_F(Requests, areLoggedInOneLineEach) {
 
 TEST_F(Requests, thatAreNoMessagesEndTheConnection) {
     startHelper();
-    for (const char *how :
-         {"garbage", "oversized", "empty", "attachment", "selector", "unended"}) {
+    for (const char *how : {"garbage", "oversized", "empty", "attachment", "selector", "unended"}) {
         EXPECT_EQ(run(foreign(std::string("raw ") + how)).exitCode, 3) << how;
     }
     EXPECT_EQ(ask({removeItem, "/Library/Caches/none"}).exitCode, 0);
+}
+
+TEST_F(Requests, areWorkedOnNoLongerThanSomebodyWaits) {
+    const std::string folder = "/Library/Caches/many";
+    constexpr int count = 100'000;
+    const auto made =
+        shell(fmt::format("mkdir {0} && cd {0} && seq {1} | xargs touch", folder, count));
+    ASSERT_EQ(made.exitCode, 0) << made.out;
+    const auto left = [&] {
+        return std::distance(std::filesystem::directory_iterator(folder), {});
+    };
+    startHelper();
+    {
+        const Running client(foreign("ask " + removeContents + " " + folder));
+        ASSERT_TRUE(eventually([&] { return left() < count; }));
+    }
+    EXPECT_THAT(journal_->messages("requests", 1), ElementsAre(Not(HasSubstr("failed 0"))));
+    EXPECT_GT(left(), 0);
 }
 
 TEST_F(Requests, neverReachBeyondTheFoldersWhileLinksAreExchanged) {
