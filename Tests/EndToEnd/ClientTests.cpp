@@ -26,8 +26,7 @@ protected:
     void SetUp() override {
         EndToEnd::SetUp();
         if (!IsSkipped()) {
-            client_ = install("helper-client", "client");
-            sign(client_);
+            client_ = installSigned("helper-client", "client");
         }
     }
 
@@ -71,8 +70,7 @@ TEST_F(Client, keepsAConnectionAndMakesAnotherWhenTheHelperWasRestarted) {
 
 TEST_F(Client, tellsNothingToWhoeverIsNotTheHelperAndBelievesNobodyElse) {
     const auto unsignedHelper = install("KlarboxHelper", "unsigned");
-    const auto otherTeam = install("KlarboxHelper", "other-team");
-    sign(otherTeam, "--team AAAAAAAAAA");
+    const auto otherTeam = installSigned("KlarboxHelper", "other-team", "--team AAAAAAAAAA");
     const std::string notIt = "What answers is not the service.";
     const std::string another = "What answers is not the service but another signed program.";
     struct Case {
@@ -176,8 +174,7 @@ TEST_F(Client, tellsTheStateOfTheHelperAndHowToMendIt) {
 }
 
 TEST_F(Client, hasNothingRemovedHereThatALinkOfAnotherDiskLeadsTo) {
-    const auto klarbox = install("klarbox", "klarbox");
-    sign(klarbox);
+    const auto klarbox = installSigned("klarbox", "klarbox");
     makeClientGroup();
     const std::string host = "/private/var/log/nginx/deep";
     const std::string disk = "/tmp/disk"; // the home of somebody else is an enclosure already
@@ -249,8 +246,7 @@ TEST_F(Client, ofAnOrdinaryUserCleansSystemFilesAndGivesItsGroupToNoTool) {
     if (const auto reason = whyNoInstalledClients(); !reason.empty()) {
         GTEST_SKIP() << reason;
     }
-    const auto klarbox = install("klarbox", "klarbox");
-    sign(klarbox);
+    const auto klarbox = installSigned("klarbox", "klarbox");
     makeClientGroup();
     writeFile("/Library/Caches/com.example.tool/a/b", std::string(5000, 'x'), 0600);
     writeFile("/Library/Caches/com.example.tool/.git/config", "kept");

@@ -59,8 +59,7 @@ protected:
 
     /// A signed program that takes long to verify, and is no longer what was signed.
     static std::string installLarge() {
-        const auto large = install("packet-client", "large");
-        sign(large);
+        const auto large = installSigned("packet-client", "large");
         std::filesystem::resize_file(large, 60 << 20);
         return large;
     }
