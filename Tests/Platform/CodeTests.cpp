@@ -4,12 +4,11 @@
 #include "KlarboxKit/Platform/Linux/SignatureShape.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
+#include "Tests/Platform/SampleProgram.hpp"
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <cerrno>
-#include <cstring>
-#include <elf.h>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -25,37 +24,6 @@ using testing::HasSubstr;
 using Tag = DERReader::Tag;
 
 constexpr const char *good = "app.klarbox.Klarbox of K7L4R9B0X2";
-
-/// A program that says who it is and does nothing.
-std::string program() {
-    constexpr std::string_view names("\0__info_plist\0__xpc_client", 27);
-    constexpr std::string_view list =
-        "<plist><dict><key>CFBundleIdentifier</key><string>app.klarbox.Klarbox</string>"
-        "<key>CFBundleShortVersionString</key><string>1.2.3</string></dict></plist>";
-    struct {
-        Elf64_Ehdr header{};
-        Elf64_Shdr sections[4]{};
-    } tables;
-    std::memcpy(tables.header.e_ident, ELFMAG, SELFMAG);
-    tables.header.e_ident[EI_CLASS] = ELFCLASS64;
-    tables.header.e_ident[EI_DATA] = ELFDATA2LSB;
-    tables.header.e_shoff = sizeof tables.header;
-    tables.header.e_shentsize = sizeof(Elf64_Shdr);
-    tables.header.e_shnum = 4;
-    tables.header.e_shstrndx = 1;
-    const auto set = [&](int index, Elf64_Word name, std::size_t offset, std::size_t size) {
-        auto &section = tables.sections[index];
-        section.sh_name = name;
-        section.sh_type = SHT_PROGBITS;
-        section.sh_offset = sizeof tables + offset;
-        section.sh_size = size;
-    };
-    set(1, 0, 0, names.size());
-    set(2, 1, names.size(), list.size());
-    set(3, 14, 0, 0);
-    std::string bytes(reinterpret_cast<const char *>(&tables), sizeof tables);
-    return bytes.append(names).append(list);
-}
 
 /// Shell functions that make certificates and signatures. What they read of the environment has a
 /// word before the call: `days=-1 leaf …`.
@@ -132,7 +100,8 @@ private:
 
 class CodeOf : public testing::Test {
 protected:
-    const TemporaryTree tree_{{"base/program", text(program())}, {"base/anchors", directory()}};
+    const TemporaryTree tree_{{"base/program", text(std::string(SampleProgram().bytes()))},
+                              {"base/anchors", directory()}};
     std::string folder_; ///< where the program of the present case lies
 
     void SetUp() override {
