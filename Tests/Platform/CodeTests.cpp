@@ -310,10 +310,16 @@ TEST_F(CodeOf, aSignatureOfAnotherShapeIsRefusedBeforeItCostsAnything) {
 
 TEST(DERReader, takesNothingThatCouldHaveBeenWrittenOtherwise) {
     using namespace std::string_literals;
-    // How an element begins, and how many bytes follow.
-    const std::pair<std::string, std::size_t> whole[] = {
-        {"\x04\0"s, 0}, {"\x04\x7f", 127}, {"\x04\x81\x80", 128}, {"\x04\x82\x01\0"s, 256}};
-    const std::pair<std::string, std::size_t> others[] = {
+    // How an element begins, how many bytes follow, and whether that is one.
+    const struct {
+        std::string header;
+        std::size_t following;
+        bool isWhole = false;
+    } cases[] = {
+        {"\x04\0"s, 0, true},
+        {"\x04\x7f", 127, true},
+        {"\x04\x81\x80", 128, true},
+        {"\x04\x82\x01\0"s, 256, true},
         {"", 0},
         {"\x04", 0},
         {"\x04\x03", 2},
@@ -327,18 +333,13 @@ TEST(DERReader, takesNothingThatCouldHaveBeenWrittenOtherwise) {
         {"\x04\xff", 200},
         {"\x30\x01", 1},
     };
-    const auto take = [](const std::string &header, std::size_t following) {
+    for (const auto &[header, following, isWhole] : cases) {
         const auto size = header.size() + following;
         // What lies behind would make some of them whole.
         const auto memory = header + std::string(following, 'x') + std::string(400, '\x80');
         DERReader reader(std::string_view(memory).substr(0, size));
-        return reader.take(Tag::octetString).has_value();
-    };
-    for (const auto &[header, following] : whole) {
-        EXPECT_TRUE(take(header, following)) << testing::PrintToString(header);
-    }
-    for (const auto &[header, following] : others) {
-        EXPECT_FALSE(take(header, following)) << testing::PrintToString(header);
+        EXPECT_EQ(reader.take(Tag::octetString).has_value(), isWhole)
+            << testing::PrintToString(header);
     }
 }
 
@@ -386,8 +387,7 @@ TEST_F(CodeOf, whatLostItsNameIsNotTakenForTheFileOfTheNameThatTheKernelShows) {
     for (const char *commands :
          {"mv program.cms 'program (deleted).cms'; rm program",
           "cp ../base/program 'program (deleted)'", "cp ../base/program ../base/program.cms ."}) {
-        const auto outcome = shell("set -e; cd " + folder_ + "; " + commands);
-        ASSERT_EQ(outcome.exitCode, 0) << outcome.out;
+        runIn("case-1", commands);
         EXPECT_THAT(verdict(code), HasSubstr("was replaced or removed")) << commands;
     }
     EXPECT_EQ(verdict(Code::at(file(other))), good);
@@ -414,8 +414,7 @@ TEST_F(CodeOf, aVerificationEndsAtTheNextPieceOnceItIsCancelled) {
         EXPECT_EQ(asked, piece);
     }
     // Nothing that a stranger brings is read through.
-    const auto outcome = shell("rm " + folder_ + "/anchors/authority.pem");
-    ASSERT_EQ(outcome.exitCode, 0) << outcome.out;
+    runIn("case-1", "rm anchors/authority.pem");
     int asked = 0;
     EXPECT_THAT(verdict(code, [&] { return ++asked < 0; }), HasSubstr("local issuer"));
     EXPECT_EQ(asked, 1);

@@ -7,12 +7,10 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {
 
-using namespace std::chrono_literals;
 using namespace std::string_literals;
 using testing::AllOf;
 using testing::HasSubstr;
