@@ -3,7 +3,6 @@
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/Sanitizers.hpp"
 
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>

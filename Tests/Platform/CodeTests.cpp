@@ -13,7 +13,6 @@
 #include <fstream>
 #include <functional>
 #include <unistd.h>
-#include <vector>
 
 #include <gmock/gmock.h>
 

@@ -274,21 +274,6 @@ TEST(PropertyList, saysWhatIsWrongAndWhere) {
     EXPECT_EQ(failure(tooLong).code(), PlatformError::fileReadTooLarge);
 }
 
-/// What a crash or a full disk leaves of a file.
-TEST(PropertyList, isNotFooledByTruncatedFiles) {
-    for (const auto &format : formats) {
-        for (const auto &[bytes, expected] : format.sound) {
-            for (std::size_t length = 0; length < bytes.size(); ++length) {
-                const auto said = failure(bytes.substr(0, length)).message();
-                // White space alone is an empty list, and a text list's beginning may be one.
-                EXPECT_TRUE(!said.starts_with("read as {") || said == "read as {}" ||
-                            said == "read as " + expected || format.name == "text")
-                    << format.name << ", " << length << " bytes of " << bytes;
-            }
-        }
-    }
-}
-
 TEST(PropertyList, givesOnlyWhatIsThere) {
     auto list =
         std::optional(PropertyList::parse("{ a = 1; b = (x, <00>); a = 2; \"nul\\000\" = y; }"));

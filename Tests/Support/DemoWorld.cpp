@@ -3,7 +3,6 @@
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
-#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
