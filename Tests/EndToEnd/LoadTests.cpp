@@ -6,7 +6,6 @@
 #include <iterator>
 #include <list>
 #include <sstream>
-#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
@@ -59,8 +58,7 @@ protected:
 
     /// A signed program that takes long to verify, and is no longer what was signed.
     static std::string installLarge() {
-        const auto large = install("packet-client", "large");
-        sign(large);
+        const auto large = installSigned("packet-client", "large");
         std::filesystem::resize_file(large, 60 << 20);
         return large;
     }
@@ -175,20 +173,23 @@ TEST_F(Load, ofVerificationsTakesHalfTheCoresAndEndsWithThePeers) {
     const auto idle = statusValue(pid, "Threads");
     const long halfTheCores = std::max(std::thread::hardware_concurrency() / 2, 1U);
     long most = 0;
+    long before = 0;
     {
         const Running crowd({.arguments = words(large + " silent 50")});
         eventually(
             [&] {
-                most = std::max(most, statusValue(pid, "Threads") - idle);
+                // A thread that just ended may still be counted beside the one that follows it.
+                const auto now = statusValue(pid, "Threads") - idle;
+                most = std::max(most, std::min(now, std::exchange(before, now)));
                 return most > halfTheCores;
             },
             std::chrono::milliseconds(500));
     }
     EXPECT_EQ(most, halfTheCores);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const auto before = processorTime(pid);
+    const auto taken = processorTime(pid);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    EXPECT_LE(processorTime(pid), before + 1) << "works for peers that are gone";
+    EXPECT_LE(processorTime(pid), taken + 1) << "works for peers that are gone";
 }
 
 TEST_F(Load, ofOneSmallFileIsAMatterOfMicroseconds) {

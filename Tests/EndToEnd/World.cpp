@@ -34,8 +34,6 @@ bool isInWorld() {
 
 } // namespace
 
-// MARK: Journal
-
 Journal::Journal() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/run/systemd/journal/socket"};
     std::filesystem::create_directories("/run/systemd/journal");
@@ -80,8 +78,6 @@ std::vector<std::string> Journal::messages(const std::string &category, std::siz
     return found;
 }
 
-// MARK: Files
-
 void writeFile(const std::string &path, std::string_view content, mode_t mode) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << content;
@@ -97,27 +93,12 @@ bool exists(const std::string &path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
-void emptyFolder(const std::string &path) {
-    check(isInWorld(), "outside a world nothing is emptied");
-    std::error_code ignored; // what is mounted in the world stays
-    for (const auto &entry : std::filesystem::directory_iterator(path, ignored)) {
-        if (entry.is_directory() && !entry.is_symlink()) {
-            emptyFolder(entry.path());
-        }
-        std::filesystem::remove(entry.path(), ignored);
-    }
-}
-
-// MARK: The world
-
 void EndToEnd::SetUp() {
     if (!isInWorld()) {
         GTEST_SKIP() << "bwrap cannot make a private world here";
     }
-    helperPath_ = install("KlarboxHelper", "KlarboxHelper");
-    application_ = install("packet-client", "application");
-    sign(helperPath_);
-    sign(application_);
+    helperPath_ = installSigned("KlarboxHelper", "KlarboxHelper");
+    application_ = installSigned("packet-client", "application");
     const auto made = shell("set -e\n"
                             "mkdir -p /etc/klarbox/anchors /private/var/log /Users/ann "
                             "/Library/Caches /Library/Logs/DiagnosticReports\n"
@@ -137,12 +118,9 @@ void EndToEnd::TearDown() {
         stopHelper();
     }
     journal_.reset();
-    for (const char *folder :
-         {"/etc/klarbox", "/Library", "/opt", "/private", "/run", "/tmp", "/Users"}) {
-        emptyFolder(folder);
-    }
-    std::filesystem::remove("/etc/group");
-    std::filesystem::remove("/var");
+    // What is mounted in the world stays.
+    shell("rm -rf --one-file-system /etc/klarbox /etc/group /Library/* /opt/* /private /run/* "
+          "/tmp/* /Users /var");
 }
 
 std::string EndToEnd::install(const std::string &program, const std::string &name) {
@@ -156,6 +134,13 @@ void EndToEnd::sign(const std::string &file, const std::string &options) {
     const auto outcome =
         shell("/source/Packaging/sign --authority /tmp/authority " + options + " " + file);
     ASSERT_EQ(outcome.exitCode, 0) << outcome.out;
+}
+
+std::string EndToEnd::installSigned(const std::string &program, const std::string &name,
+                                    const std::string &options) {
+    auto path = install(program, name);
+    sign(path, options);
+    return path;
 }
 
 void EndToEnd::startHelper() {
@@ -207,16 +192,6 @@ std::string EndToEnd::whyNoInstalledClients() {
     return "";
 }
 
-namespace {
-
-/// Whether worlds can be made here at all.
-bool canMakeWorlds() {
-    return std::system(
-               "bwrap --unshare-pid --ro-bind / / --proc /proc --dev /dev true 2>/dev/null") == 0;
-}
-
-} // namespace
-
 } // namespace klarbox::test
 
 int main(int argc, char **argv) {
@@ -224,7 +199,9 @@ int main(int argc, char **argv) {
     const bool isListing = std::any_of(argv, argv + argc, [](std::string_view argument) {
         return argument.starts_with("--gtest_list_tests");
     });
-    if (!isListing && !isInWorld() && canMakeWorlds()) {
+    constexpr const char *makeWorld =
+        "bwrap --unshare-pid --ro-bind / / --proc /proc --dev /dev true";
+    if (!isListing && !isInWorld() && shell(makeWorld).exitCode == 0) {
         const auto enter = std::string(KLARBOX_SOURCE_DIR) + "/Tests/EndToEnd/enter-world";
         std::vector<const char *> arguments{enter.c_str(), KLARBOX_BINARY_DIR, KLARBOX_SOURCE_DIR,
                                             "/programs/EndToEndTests"};

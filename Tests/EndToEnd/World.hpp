@@ -3,7 +3,6 @@
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/Sanitizers.hpp"
 
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -54,6 +53,8 @@ protected:
     static std::string install(const std::string &program, const std::string &name);
     /// Runs Packaging/sign on a file.
     static void sign(const std::string &file, const std::string &options = "");
+    static std::string installSigned(const std::string &program, const std::string &name,
+                                     const std::string &options = "");
     void startHelper();
     /// The helper's process that verifies peers.
     pid_t verifier() const;
@@ -82,7 +83,5 @@ protected:
 void writeFile(const std::string &path, std::string_view content, mode_t mode = 0644);
 std::string readFile(const std::string &path);
 bool exists(const std::string &path);
-/// Removes whatever can be removed below a folder.
-void emptyFolder(const std::string &path);
 
 } // namespace klarbox::test

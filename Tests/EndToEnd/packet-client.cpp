@@ -1,11 +1,10 @@
 // A client of the helper that shares no code with it: what anyone could write who knows the
 // packets. It does what a well-behaved client does, and what a hostile one would.
 //
-// usage: packet-client MODE [ARGUMENT…]; "%00" in an argument stands for a NUL.
+// usage: packet-client MODE [ARGUMENT…]; "%00" in a path stands for a NUL.
 // Exits 0 when it was served, 3 when the helper ended the connection, 1 when anything else failed.
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -14,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <linux/sched.h>
 #include <map>
 #include <string>
@@ -25,15 +26,17 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
 
-constexpr const char *socketPath = "/run/klarbox/app.klarbox.Klarbox.SystemHelper.sock";
 constexpr int served = 0;
 constexpr int failed = 1;
 constexpr int refused = 3;
 constexpr int unsupported = 77;
+/// Where a connection lies for the program that a program becomes.
+constexpr int passedOn = 9;
 
 /// Declares this program to be a client, which is told when it may begin. Some tests take the
 /// declaration out again before they sign a copy.
@@ -41,26 +44,24 @@ constexpr int unsupported = 77;
 
 const std::string removeItem = "removeItemAtPath:withReply:";
 
-sockaddr_un serviceAddress() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath, sizeof address.sun_path - 1);
-    return address;
-}
+const sockaddr_un service{.sun_family = AF_UNIX,
+                          .sun_path = "/run/klarbox/app.klarbox.Klarbox.SystemHelper.sock"};
+const auto *const address = reinterpret_cast<const sockaddr *>(&service);
 
-int connected(int flags = SOCK_CLOEXEC) {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | flags, 0);
-    const auto address = serviceAddress();
-    if (fd < 0 ||
-        ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+int connected() {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0 || ::connect(fd, address, sizeof service) != 0) {
         std::perror("packet-client: connect");
         std::exit(failed);
     }
     return fd;
 }
 
-std::string packet(std::string_view selector, std::string_view path) {
-    return std::string(selector) + '\0' + std::string(path);
+std::string packet(const std::string &selector, std::string path) {
+    if (const auto at = path.find("%00"); at != std::string::npos) {
+        path.replace(at, 3, 1, '\0');
+    }
+    return selector + '\0' + path;
 }
 
 /// Sends one packet, with a descriptor attached if one is given.
@@ -96,62 +97,63 @@ bool letIn(int fd) {
     return received(fd, told) && told == "welcome";
 }
 
+void say(const std::string &line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+/// A welcome that nobody waited for is no reply.
 int printReply(int fd) {
     std::string reply;
-    if (!received(fd, reply)) {
+    if (!received(fd, reply) || (reply == "welcome" && !received(fd, reply))) {
         return refused;
     }
-    std::puts(reply.c_str());
+    say(reply);
     return served;
 }
 
-void makeFile(const std::string &path) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0 || ::write(fd, "x", 1) != 1 || ::close(fd) != 0) {
-        std::perror("packet-client: file");
-        std::exit(failed);
+/// Asks for what selectors and paths in turn say.
+int askOn(int fd, char **arguments) {
+    int outcome = served;
+    for (; *arguments != nullptr && outcome == served; arguments += 2) {
+        sent(fd, packet(arguments[0], arguments[1]));
+        outcome = printReply(fd);
     }
+    return outcome;
 }
 
-int askOn(int fd, const std::vector<std::string> &arguments) {
-    for (std::size_t i = 0; i + 1 < arguments.size(); i += 2) {
-        if (!sent(fd, packet(arguments[i], arguments[i + 1]))) {
-            return refused;
-        }
-        if (const int outcome = printReply(fd); outcome != served) {
-            return outcome;
-        }
-    }
-    return served;
-}
-
-int ask(const std::vector<std::string> &arguments) {
+int ask(char **arguments) {
     const int fd = connected();
     return letIn(fd) ? askOn(fd, arguments) : refused;
 }
 
-/// Asks as a program does that does not declare itself and so is told nothing: some time after it
-/// connected. The time comes first.
-int askLater(const std::vector<std::string> &arguments) {
+/// Asks as a program does that does not declare itself and so is told nothing: so many milliseconds
+/// after it connected.
+int askLater(char **arguments) {
     const int fd = connected();
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[0].c_str())));
-    return askOn(fd, {arguments.begin() + 1, arguments.end()});
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[0])));
+    return askOn(fd, arguments + 1);
 }
 
-/// Sends what is no message, or not the way messages are sent; nothing if that is unknown.
-void misbehave(int fd, std::string_view how) {
-    static const auto question = packet(removeItem, "/Library/Caches/none");
-    static const std::map<std::string_view, std::string> packets{
-        {"garbage", std::string(1000, '\xe5') + packet("\x7f", "\x01")},
-        {"oversized", packet(removeItem, "/" + std::string(4096, 'a'))},
-        {"attachment", question},
-        {"vanish", question},
-        {"empty", ""},
-        {"selector", packet("removeEverything:withReply:", "/Library/Caches/none")},
-        {"unended", removeItem},
-    };
-    if (const auto found = packets.find(how); found != packets.end()) {
-        sent(fd, found->second, how == "attachment" ? fd : -1);
+const std::string question = packet(removeItem, "/Library/Caches/none");
+
+/// What is no message, or not the way messages are sent.
+using Misbehaviour = std::pair<std::string_view, std::string>;
+const Misbehaviour misbehaviours[] = {
+    {"silent", ""},
+    {"garbage", std::string(1000, '\xe5') + packet("\x7f", "\x01")},
+    {"oversized", packet(removeItem, "/" + std::string(4096, 'a'))},
+    {"empty", ""},
+    {"attachment", question},
+    {"vanish", question},
+    {"selector", packet("removeEverything:withReply:", "/Library/Caches/none")},
+    {"unended", removeItem},
+};
+
+void misbehave(int fd, const Misbehaviour &misbehaviour) {
+    const auto &[how, bytes] = misbehaviour;
+    if (how != "silent") {
+        sent(fd, bytes, how == "attachment" ? fd : -1);
     }
     if (how == "vanish") {
         ::shutdown(fd, SHUT_RDWR);
@@ -159,39 +161,38 @@ void misbehave(int fd, std::string_view how) {
 }
 
 /// Misbehaves once and sees what becomes of the connection.
-int raw(const std::vector<std::string> &arguments) {
+int raw(char **arguments) {
+    const auto *found = std::ranges::find(misbehaviours, arguments[0], &Misbehaviour::first);
     const int fd = connected();
-    if (!letIn(fd)) {
+    if (found == std::end(misbehaviours) || !letIn(fd)) {
         return failed;
     }
-    misbehave(fd, arguments[0]);
+    misbehave(fd, *found);
     return printReply(fd);
 }
 
 /// Misbehaves in every way in turn, before it is let in and after, without ever waiting for what
 /// comes of it.
-int hostile(const std::vector<std::string> &arguments) {
-    constexpr std::array ways{"silent",     "garbage", "oversized", "empty",
-                              "attachment", "vanish",  "selector",  "unended"};
-    const auto count = static_cast<std::size_t>(std::atoi(arguments[0].c_str()));
+int hostile(char **arguments) {
+    constexpr auto ways = std::size(misbehaviours);
+    const auto count = static_cast<std::size_t>(std::atoi(arguments[0]));
     for (std::size_t i = 0; i < count; ++i) {
         const int fd = connected();
-        if (i / ways.size() % 2 == 1) {
+        if (i / ways % 2 == 1) {
             letIn(fd);
         }
-        misbehave(fd, ways[i % ways.size()]);
+        misbehave(fd, misbehaviours[i % ways]);
         ::close(fd);
     }
     return served;
 }
 
 /// Connects so many times, and says nothing until it is told to end (its input is closed).
-int silent(const std::vector<std::string> &arguments) {
-    for (int i = std::atoi(arguments[0].c_str()); i > 0; --i) {
+int silent(char **arguments) {
+    for (int i = std::atoi(arguments[0]); i > 0; --i) {
         connected();
     }
-    std::puts("connected");
-    std::fflush(stdout);
+    say("connected");
     while (std::getchar() != EOF) {
     }
     return served;
@@ -200,40 +201,37 @@ int silent(const std::vector<std::string> &arguments) {
 /// Stands in the helper's place: welcomes whoever connects as the helper does, with any file as the
 /// executable that it claims to run, and prints how much it was told then. Replies after so many
 /// seconds, itself, through a child, or as another user; or waits until the client hangs up.
-int impostor(const std::vector<std::string> &arguments) {
+int impostor(char **arguments) {
     const int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const auto address = serviceAddress();
-    const int executable = ::open(arguments[0].c_str(), O_RDONLY | O_CLOEXEC);
-    ::unlink(socketPath);
-    if (executable < 0 ||
-        ::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        ::chmod(socketPath, 0666) != 0 || ::listen(listener, 8) != 0) {
+    const int executable = ::open(arguments[0], O_RDONLY | O_CLOEXEC);
+    ::unlink(service.sun_path);
+    if (executable < 0 || ::bind(listener, address, sizeof service) != 0 ||
+        ::chmod(service.sun_path, 0666) != 0 || ::listen(listener, 8) != 0) {
         std::perror("packet-client: impostor");
         return failed;
     }
-    std::puts("listening");
-    std::fflush(stdout);
+    say("listening");
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     std::string told;
     sent(fd, "welcome", executable);
     const bool isAsked = received(fd, told);
-    std::printf("%zu\n", told.size());
-    std::fflush(stdout);
+    say(std::to_string(told.size()));
     if (!isAsked) {
         return served;
     }
-    const auto &replier = arguments[1];
-    if (replier.empty()) {
+    if (arguments[1] == nullptr) {
         const timeval patience{.tv_sec = 20, .tv_usec = 0};
         ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        std::puts(::recv(fd, told.data(), told.size(), 0) == 0 ? "hung up" : "still there");
+        say(::recv(fd, told.data(), told.size(), 0) == 0 ? "hung up" : "still there");
         return served;
     }
-    std::this_thread::sleep_for(std::chrono::seconds(std::atoi(arguments[2].c_str())));
+    const std::string_view replier = arguments[1];
+    std::this_thread::sleep_for(
+        std::chrono::seconds(arguments[2] == nullptr ? 0 : std::atoi(arguments[2])));
     if (replier == "child" && ::fork() != 0) {
         return ::wait(nullptr) > 0 ? served : failed;
     }
-    if (const auto user = static_cast<uid_t>(std::atoi(replier.c_str()));
+    if (const auto user = static_cast<uid_t>(std::atoi(arguments[1]));
         user != 0 && ::setresuid(user, user, user) != 0) {
         return failed;
     }
@@ -242,21 +240,22 @@ int impostor(const std::vector<std::string> &arguments) {
 
 /// Removes small files of its own one by one on one connection, or asks for what is refused when
 /// their folder is outside the helper's, with a pause after each; checks every answer and prints
-/// the median and the longest round trip in microseconds.
-int series(const std::vector<std::string> &arguments) {
+/// the median and the longest round trip in microseconds, the first one left out.
+int series(char **arguments) {
     const int fd = connected();
     if (!letIn(fd)) {
         return refused;
     }
-    const bool isServed = arguments[1].starts_with("/Library/");
+    const std::string folder = arguments[1];
+    const bool isServed = folder.starts_with("/Library/");
     const std::string expected =
         isServed ? R"({"removedCount":1,"failedCount":0,"bytes":4096})"
                  : R"({"removedCount":0,"failedCount":1,"bytes":0,"refusal":"notInsideRoot"})";
     std::vector<long> times;
     std::string reply;
-    for (int i = 0; i < std::atoi(arguments[0].c_str()) + 1; ++i) {
-        const auto path = arguments[1] + "/" + std::to_string(::getpid()) + "-" + std::to_string(i);
-        makeFile(path);
+    for (int i = 0; i <= std::atoi(arguments[0]); ++i) {
+        const auto path = folder + "/" + std::to_string(::getpid()) + "-" + std::to_string(i);
+        std::ofstream(path) << "x";
         const auto begin = std::chrono::steady_clock::now();
         if (!sent(fd, packet(removeItem, path)) || !received(fd, reply)) {
             return refused;
@@ -265,60 +264,29 @@ int series(const std::vector<std::string> &arguments) {
         if (reply != expected || (::access(path.c_str(), F_OK) != 0) != isServed) {
             return failed;
         }
-        if (i > 0) {
-            times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(taken).count());
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[2].c_str())));
+        times.push_back(std::chrono::duration_cast<std::chrono::microseconds>(taken).count());
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(arguments[2])));
     }
     // An answer too many would still be on its way.
     if (::recv(fd, reply.data(), reply.size(), MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
         return failed;
     }
-    std::ranges::sort(times);
+    std::sort(times.begin() + 1, times.end());
     std::printf("%ld %ld\n", times[times.size() / 2], times.back());
     return served;
 }
 
-/// Removes the same path over and over until the input is closed. Prints how often, and the most
-/// entries and bytes that an answer told of.
-int repeat(const std::vector<std::string> &arguments) {
-    const int fd = connected();
-    if (!letIn(fd)) {
-        return refused;
-    }
-    ::fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
-    char byte = 0;
-    long count = 0;
-    long mostEntries = 0;
-    long mostBytes = 0;
-    std::string reply;
-    while (::read(STDIN_FILENO, &byte, 1) != 0) {
-        if (!sent(fd, packet(arguments[0], arguments[1])) || !received(fd, reply)) {
-            return refused;
-        }
-        long removed = 0;
-        long kept = 0;
-        long bytes = 0;
-        if (std::sscanf(reply.c_str(), R"({"removedCount":%ld,"failedCount":%ld,"bytes":%ld)",
-                        &removed, &kept, &bytes) != 3) {
-            return failed;
-        }
-        ++count;
-        mostEntries = std::max(mostEntries, removed + kept);
-        mostBytes = std::max(mostBytes, bytes);
-    }
-    std::printf("%ld %ld %ld\n", count, mostEntries, mostBytes);
-    return served;
-}
-
-/// Runs in a child process, which reports what it got by its exit code.
+/// Runs in a child process, of a certain number if one is given, which reports what it got by its
+/// exit code.
 template <typename Body>
-pid_t inChild(const Body &body) {
-    const pid_t child = ::fork();
+pid_t inChild(const Body &body, const pid_t *number = nullptr) {
+    clone_args wanted{};
+    wanted.exit_signal = SIGCHLD;
+    wanted.set_tid = reinterpret_cast<std::uintptr_t>(number);
+    wanted.set_tid_size = number == nullptr ? 0 : 1;
+    const auto child = static_cast<pid_t>(::syscall(SYS_clone3, &wanted, sizeof wanted));
     if (child == 0) {
-        const int outcome = body();
-        std::fflush(nullptr);
-        ::_exit(outcome);
+        ::_exit(body());
     }
     return child;
 }
@@ -329,126 +297,72 @@ int exitCode(pid_t child) {
                                                                       : failed;
 }
 
-/// A verified process passes its connection to a child of it, which asks. It stays, or ends first.
-int child(const std::vector<std::string> &arguments) {
-    const bool stays = arguments[0] == "stays";
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    const auto address = serviceAddress();
+/// A verified process passes its connection to another, which asks: to a child while it stays, or
+/// once it ended; or, then, to one that got its number.
+int heir(char **arguments) {
+    const std::string_view when = arguments[0];
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const auto ask = [&] { return askOn(fd, arguments + 1); };
     const pid_t verified = inChild([&] {
-        const bool isIn =
-            ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-            letIn(fd);
-        if (!isIn || !stays) {
-            return isIn ? served : failed;
-        }
-        return exitCode(inChild([&] { return askOn(fd, {removeItem, arguments[1]}); }));
+        const bool isIn = ::connect(fd, address, sizeof service) == 0 && letIn(fd);
+        return !isIn ? failed : when == "staying" ? exitCode(inChild(ask)) : served;
     });
     const int outcome = exitCode(verified);
-    return stays || outcome != served ? outcome : askOn(fd, {removeItem, arguments[1]});
+    if (outcome != served || when == "staying") {
+        return outcome;
+    }
+    const pid_t asking = when == "recycled" ? inChild(ask, &verified) : inChild(ask);
+    return asking < 0 ? unsupported : exitCode(asking);
 }
 
-/// The same, but the child gets the number of the process, which ended.
-int recycled(const std::vector<std::string> &arguments) {
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    const auto address = serviceAddress();
-    const pid_t verified = inChild([&] {
-        return ::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-                       letIn(fd)
-                   ? served
-                   : failed;
-    });
-    if (exitCode(verified) != served) {
-        return failed;
-    }
-    clone_args wanted{};
-    wanted.exit_signal = SIGCHLD;
-    wanted.set_tid = reinterpret_cast<std::uintptr_t>(&verified);
-    wanted.set_tid_size = 1;
-    const auto heir = static_cast<pid_t>(::syscall(SYS_clone3, &wanted, sizeof wanted));
-    if (heir == 0) {
-        const bool isHeir = ::syscall(SYS_getpid) == verified;
-        ::_exit(isHeir ? askOn(fd, {removeItem, arguments[0]}) : unsupported);
-    }
-    return heir < 0 ? unsupported : exitCode(heir);
-}
-
-void become(const std::string &program, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), program);
-    std::vector<char *> pointers;
-    for (auto &argument : arguments) {
-        pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    ::execv(program.c_str(), pointers.data());
+int become(char **program) {
+    ::execv(program[0], program);
     std::perror("packet-client: execv");
+    return failed;
 }
 
-/// Connects and becomes another program, which goes on with the connection as the remaining
-/// arguments say: at once, having asked, once it was let in, or once it was answered.
-int turns(const std::vector<std::string> &arguments) {
-    const int fd = connected(0);
-    const auto &when = arguments[0];
-    if (when == "asking") {
+/// Becomes another program, with a connection on which it asks for a path before: at once, having
+/// asked, once it was let in, or once it was answered; or with one that another program left
+/// behind.
+int turns(char **arguments) {
+    const std::string_view when = arguments[0];
+    const int fd = when == "inheriting" ? passedOn : ::dup2(connected(), passedOn);
+    const bool isToBeLetIn = when == "welcome" || when == "answered";
+    if (isToBeLetIn && !letIn(fd)) {
+        return failed;
+    }
+    if (when == "asking" || when == "inheriting") {
         sent(fd, packet(removeItem, arguments[1]));
-    } else if (when != "silent" && !letIn(fd)) {
+    }
+    if (when == "answered" && (!sent(fd, question) || printReply(fd) != served)) {
         return failed;
     }
-    if (when == "answered" && askOn(fd, {removeItem, "/Library/Caches/none"}) != served) {
-        return failed;
-    }
-    std::vector<std::string> rest(arguments.begin() + 3, arguments.end());
-    rest.push_back(std::to_string(fd));
-    rest.push_back(arguments[1]);
-    become(arguments[2], rest);
-    return failed;
+    return become(arguments + 2);
 }
 
 /// Goes on with a connection that another program left behind.
-int continues(const std::vector<std::string> &arguments) {
-    return askOn(std::atoi(arguments[0].c_str()), {removeItem, arguments[1]});
+int continues(char **arguments) {
+    return askOn(passedOn, arguments);
 }
 
-/// The same, but the program it becomes then reads the reply.
-int continuesAs(const std::vector<std::string> &arguments) {
-    sent(std::atoi(arguments[1].c_str()), packet(removeItem, arguments[2]));
-    become(arguments[0], {"reply", arguments[1]});
-    return failed;
-}
-
-/// Waits for a reply on a connection that another program left behind.
-int reply(const std::vector<std::string> &arguments) {
-    return printReply(std::atoi(arguments[0].c_str()));
+/// Waits for a reply on such a connection.
+int reply(char ** /*arguments*/) {
+    return printReply(passedOn);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::map<std::string_view, int (*)(const std::vector<std::string> &)> modes{
-        {"ask", ask},
-        {"raw", raw},
-        {"hostile", hostile},
-        {"silent", silent},
-        {"series", series},
-        {"repeat", repeat},
-        {"child", child},
-        {"impostor", impostor},
-        {"recycled", recycled},
-        {"turns", turns},
-        {"continues", continues},
-        {"continues-as", continuesAs},
-        {"reply", reply},
-        {"ask-later", askLater}};
+    const std::map<std::string_view, int (*)(char **)> modes{
+        {"ask", ask},         {"ask-later", askLater},  {"raw", raw},
+        {"hostile", hostile}, {"silent", silent},       {"series", series},
+        {"heir", heir},       {"impostor", impostor},   {"turns", turns},
+        {"reply", reply},     {"continues", continues},
+    };
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         std::fputs("usage: packet-client MODE [ARGUMENT…]\n", stderr);
         return 2;
     }
-    std::vector<std::string> arguments(argv + 2, argv + argc);
-    for (auto &argument : arguments) {
-        for (auto at = argument.find("%00"); at != std::string::npos; at = argument.find("%00")) {
-            argument.replace(at, 3, 1, '\0');
-        }
-    }
-    arguments.resize(std::max<std::size_t>(arguments.size(), 3));
-    return mode->second(arguments);
+    return mode->second(argv + 2);
 }

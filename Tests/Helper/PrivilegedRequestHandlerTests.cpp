@@ -10,14 +10,13 @@
 #include "Tests/Support/FileSystemCalls.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <thread>
+#include <unistd.h>
 
 #include <climits>
 #include <fmt/format.h>
@@ -31,30 +30,26 @@ using enum SafetyViolation;
 
 constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
 
-/// Deletes for real, but for what is done, or thrown, before each deletion.
-struct HookedRemover final : ItemRemover {
-    std::function<void()> before;
+/// Deletes for real, but for the second item of all.
+struct SecondIsBusy final : ItemRemover {
+    mutable int deletions = 0;
 
     void moveToTrash(const FileURL &) const override { throw PlatformError::posix(ENOTSUP); }
     void deletePermanently(const FileURL &url) const override {
-        before();
+        if (++deletions == 2) {
+            throw PlatformError::posix(EBUSY);
+        }
         SecureDeleter().deletePermanently(url);
     }
 };
 
-PrivilegedRequestHandler handlerOver(const TemporaryTree &disk,
-                                     std::shared_ptr<const ItemRemover> remover) {
+PrivilegedRequestHandler
+handlerOver(const TemporaryTree &disk,
+            std::shared_ptr<const ItemRemover> remover = std::make_shared<SecureDeleter>()) {
     const auto roots = PrivilegedRoots::below(disk.root()).all();
     return {{roots.begin(), roots.end()},
             std::make_shared<SafetyGuard>(disk / "Users/ann"),
             std::move(remover)};
-}
-
-PrivilegedRequestHandler handlerOver(
-    const TemporaryTree &disk, const std::function<void()> &before = [] {}) {
-    const auto remover = std::make_shared<HookedRemover>();
-    remover->before = before;
-    return handlerOver(disk, remover);
 }
 
 PrivilegedRequest removeContents(const TemporaryTree &disk, const std::string &path) {
@@ -63,6 +58,11 @@ PrivilegedRequest removeContents(const TemporaryTree &disk, const std::string &p
 
 Result removed(std::int64_t count, std::int64_t bytes) {
     return {.removedCount = count, .bytes = bytes};
+}
+
+/// The same path in so many bytes.
+std::string lengthened(std::string path, std::size_t size) {
+    return path.append(size - path.size(), '/');
 }
 
 /// Everything that the handler refuses: nothing may change on disk.
@@ -88,7 +88,7 @@ TEST(PrivilegedRequestHandler, refusesWhatIsNotBelowARoot) {
         {"", notInsideRoot},
         {"/", notInsideRoot},
         {at("Library/Caches/app/x") + std::string("\0y", 2), notInsideRoot},
-        {at("Library/Caches/app/x/") + std::string(1000, 'y'), notInsideRoot},
+        {lengthened(at("Library/Caches/app/x"), 1024), notInsideRoot},
         {at("Library/CachesOld/x"), notInsideRoot},
         {at("Library/Caches/../CachesOld/x"), notInsideRoot},
         {at("Library"), notInsideRoot},
@@ -135,7 +135,7 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
     const auto outside = manifest(disk / "Users");
     // Requested as written; found at its real place where that is another.
     const std::pair<const char *, const char *> cases[] = {
-        {"Library/Caches/folder/", "Library/Caches/folder"},
+        {"Library/Caches/folder", ""},
         {"Library/Caches/link", ""},
         {"Library/Caches/\xff name", ""},
         {"Library/Logs/DiagnosticReports/a.ips", ""},
@@ -147,20 +147,24 @@ TEST(PrivilegedRequestHandler, removesAnItemUnderAnyRootAndCountsItsBytes) {
         SCOPED_TRACE(written);
         const auto place = disk / (*real == '\0' ? written : real);
         const auto size = DiskUsage::allocatedSize(place);
-        const auto path = disk.root().path() + "/" + written;
+        const auto path = lengthened((disk / written).path(), 1023);
         EXPECT_EQ(handler.handle(PrivilegedRequest::removeItem(path)), removed(1, size));
         EXPECT_FALSE(FileManager::type(place));
     }
     EXPECT_EQ(manifest(disk / "Users"), outside);
 }
 
-TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
+TEST(PrivilegedRequestHandler, emptiesARealFolderWithoutStoppingAtAnEntryAndKeepsIt) {
     const TemporaryTree disk{
         {"Library/Caches/app/.hidden", bytes(5000)},
         {"Library/Caches/app/folder/x", bytes(5000)},
         {"Library/Caches/app/link", link("../../../Users/ann")},
         {"Library/Caches/other", bytes(10)},
         {"Library/Caches/link", link("app")},
+        {"Library/Caches/some/a", bytes(5000)},
+        {"Library/Caches/some/b", bytes(5000)},
+        {"Library/Caches/some/.git/config", bytes(10)},
+        {"Library/Caches/some/c", bytes(5000)},
         {"Users/ann/x", bytes(10)},
     };
     const auto handler = handlerOver(disk);
@@ -171,8 +175,7 @@ TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
     EXPECT_EQ(manifest(disk.root()), before);
 
     const FileURL entries[] = {disk / "Library/Caches/app/.hidden",
-                               disk / "Library/Caches/app/folder",
-                               disk / "Library/Caches/app/link"};
+                               disk / "Library/Caches/app/folder"};
     const auto size = DiskUsage::allocatedSize(entries);
     const auto request = removeContents(disk, "Library/Caches/app");
     EXPECT_EQ(handler.handle(request), removed(3, size));
@@ -180,88 +183,60 @@ TEST(PrivilegedRequestHandler, emptiesARealFolderAndKeepsIt) {
     EXPECT_TRUE(FileManager::isDirectory(disk / "Library/Caches/app"));
     EXPECT_TRUE(FileManager::exists(disk / "Library/Caches/other"));
     EXPECT_TRUE(FileManager::exists(disk / "Users/ann/x"));
-}
 
-TEST(PrivilegedRequestHandler, foldsTheOutcomesOfEntriesAndNeverStopsAtOne) {
-    const TemporaryTree disk{
-        {"Library/Caches/app/a", bytes(5000)},
-        {"Library/Caches/app/b", bytes(5000)},
-        {"Library/Caches/app/.git/config", bytes(10)},
-        {"Library/Caches/app/c", bytes(5000)},
-    };
-    const auto size = DiskUsage::allocatedSize(disk / "Library/Caches/app/a");
-    const auto busy = PlatformError::posix(EBUSY);
-    const auto failSecond = [&, deletions = 0]() mutable {
-        if (++deletions == 2) {
-            throw busy;
-        }
-    };
-    EXPECT_EQ(handlerOver(disk, failSecond).handle(removeContents(disk, "Library/Caches/app")),
-              (Result{2, 2, 2 * size, insideGitDirectory, busy.message()}));
-}
-
-TEST(PrivilegedRequestHandler, doesNotEmptyAnotherFolderOfTheRootThroughALinkSwappedIn) {
-    const TemporaryTree disk{
-        {"Library/Caches/app/a", bytes(10)},    {"Library/Caches/app/b", bytes(10)},
-        {"Library/Caches/other/a", bytes(10)},  {"Library/Caches/other/b", bytes(10)},
-        {"Library/Caches/link", link("other")},
-    };
-    const auto other = manifest(disk / "Library/Caches/other");
-    const auto swap = [caches = disk.root().path() + "/Library/Caches/"] {
-        if (std::filesystem::exists(caches + "link")) {
-            std::filesystem::rename(caches + "app", caches + "moved");
-            std::filesystem::rename(caches + "link", caches + "app");
-        }
-    };
-    const auto result = handlerOver(disk, swap).handle(removeContents(disk, "Library/Caches/app"));
-    EXPECT_EQ(result.removedCount, 0);
-    EXPECT_EQ(result.failedCount, 2);
-    EXPECT_EQ(result.refusal, symlinkEscape);
-    EXPECT_EQ(manifest(disk / "Library/Caches/other"), other);
+    const auto one = DiskUsage::allocatedSize(disk / "Library/Caches/some/a");
+    const auto failing = handlerOver(disk, std::make_shared<SecondIsBusy>());
+    EXPECT_EQ(failing.handle(removeContents(disk, "Library/Caches/some")),
+              (Result{2, 2, 2 * one, insideGitDirectory, PlatformError::posix(EBUSY).message()}));
 }
 
 TEST(PrivilegedRequestHandler, tellsAndTouchesNothingBeyondAFolderExchangedAtAnyMoment) {
-    const TemporaryTree outside(inMemory, {});
-    for (const auto *name : {"a", "deepest/a", "deeper/a", "deeper/deepest/a"}) {
-        outside.add({name, bytes(1'000'000)});
-        outside.add({fmt::format("{}-more/x", name), bytes(1)});
+    const TemporaryTree disk(inMemory, {});
+    const std::string outside = "Users/ann/outside";
+    const std::string other = "Library/Caches/other";
+    for (const auto &folder : {outside, other}) {
+        for (const auto *name : {"a", "deepest/a", "deeper/a", "deeper/deepest/a"}) {
+            disk.add({fmt::format("{}/{}", folder, name), bytes(1'000'000)});
+            disk.add({fmt::format("{}/{}-more/x", folder, name), bytes(1)});
+        }
     }
-    const auto kept = manifest(outside.root());
+    const auto kept = manifest(disk / outside) + manifest(disk / other);
     const struct {
         PrivilegedRequest (*request)(std::string);
         std::string asked;     ///< after app
-        std::string exchanged; ///< the folder that takes turns with a link out of the root
+        std::string exchanged; ///< the folder that takes turns with a link
+        std::string leadsTo;
     } attacks[] = {
-        {PrivilegedRequest::removeContents, "", ""},
-        {PrivilegedRequest::removeContents, "", "/deeper"},
-        {PrivilegedRequest::removeContents, "/deeper", ""},
-        {PrivilegedRequest::removeItem, "/a", ""},
-        {PrivilegedRequest::removeItem, "/deeper", ""},
-        {PrivilegedRequest::removeItem, "/deeper/deepest", "/deeper"},
-        {PrivilegedRequest::removeItem, "-alias/deeper/deepest", "/deeper"},
+        {PrivilegedRequest::removeContents, "", "", outside},
+        {PrivilegedRequest::removeContents, "", "", other},
+        {PrivilegedRequest::removeContents, "", "/deeper", outside},
+        {PrivilegedRequest::removeContents, "/deeper", "", outside},
+        {PrivilegedRequest::removeItem, "/a", "", outside},
+        {PrivilegedRequest::removeItem, "/deeper", "", outside},
+        {PrivilegedRequest::removeItem, "/deeper/deepest", "/deeper", outside},
+        {PrivilegedRequest::removeItem, "-alias/deeper/deepest", "/deeper", outside},
     };
+    const auto handler = handlerOver(disk);
+    const auto app = (disk / "Library/Caches/app").path();
     for (const auto &attack : attacks) {
         for (const int lasting : {1, 4, INT_MAX}) {
-            SCOPED_TRACE(fmt::format("app{} while app{} is exchanged for {} moments", attack.asked,
-                                     attack.exchanged, lasting));
-            std::string app;
+            SCOPED_TRACE(fmt::format("app{} while app{} is exchanged for {} moments with {}",
+                                     attack.asked, attack.exchanged, lasting, attack.leadsTo));
             int removals = 0;
             const auto exchange = [&] {
                 ::renameat2(AT_FDCWD, (app + attack.exchanged).c_str(), AT_FDCWD,
                             (app + "-link").c_str(), RENAME_EXCHANGE);
             };
             const int moments = atEveryMoment(lasting, exchange, [&](const auto &begin) {
-                const TemporaryTree disk(
-                    inMemory,
-                    {
-                        {"Library/Caches/app/a", bytes(5000)},
-                        {"Library/Caches/app/deeper/a", bytes(5000)},
-                        {"Library/Caches/app/deeper/deepest/a", bytes(5000)},
-                        {"Library/Caches/app-alias", link("app")},
-                        {"Library/Caches/app-link", link(outside.root().path() + attack.exchanged)},
-                    });
-                app = (disk / "Library/Caches/app").path();
-                const auto handler = handlerOver(disk, std::make_shared<SecureDeleter>());
+                for (const auto *name : {"", "-alias", "-link"}) {
+                    std::filesystem::remove_all(app + name);
+                }
+                for (const auto *name : {"a", "deeper/a", "deeper/deepest/a"}) {
+                    disk.add({fmt::format("Library/Caches/app/{}", name), bytes(5000)});
+                }
+                disk.add({"Library/Caches/app-alias", link("app")});
+                disk.add({"Library/Caches/app-link",
+                          link((disk / attack.leadsTo).path() + attack.exchanged)});
                 begin();
                 const auto result = handler.handle(attack.request(app + attack.asked));
                 atEveryCall = nullptr;
@@ -271,7 +246,7 @@ TEST(PrivilegedRequestHandler, tellsAndTouchesNothingBeyondAFolderExchangedAtAny
             });
             EXPECT_GT(moments, 10);
             EXPECT_GT(removals, 0);
-            EXPECT_EQ(manifest(outside.root()), kept);
+            EXPECT_EQ(manifest(disk / outside) + manifest(disk / other), kept);
         }
     }
 }
@@ -290,59 +265,51 @@ TEST(PrivilegedRequestHandler, leavesWhatIsLeftOnceNobodyWaitsAndCountsItAsFaile
     for (const auto *name : {"a", "b", "c", "d"}) {
         disk.add({fmt::format("Library/Caches/some/{}", name), bytes(0)});
     }
-    const auto handler = handlerOver(disk, std::make_shared<SecureDeleter>());
-    const std::string stopped = "The removal was stopped before it was done.";
-    const auto left = [&](const char *path) {
-        const auto entries = std::filesystem::directory_iterator((disk / path).path());
-        return std::distance(begin(entries), end(entries));
-    };
-    // Before any entry, and between two of them.
-    const auto some = removeContents(disk, "Library/Caches/some");
-    EXPECT_EQ(handler.handle(some, cancelledFrom(1)), (Result{0, 4, 0, std::nullopt, stopped}));
-    EXPECT_EQ(handler.handle(some, cancelledFrom(3)), (Result{2, 2, 0, std::nullopt, stopped}));
-    EXPECT_EQ(left("Library/Caches/some"), 2);
-    // While a tree is measured (three questions), and at the first question while it is removed.
-    const auto item = PrivilegedRequest::removeItem((disk / "Library/Caches/app").path());
-    EXPECT_EQ(handler.handle(item, cancelledFrom(1)), Result::failed(stopped));
-    EXPECT_EQ(left("Library/Caches/app/folder"), files);
-    EXPECT_EQ(handler.handle(item, cancelledFrom(4)), Result::failed(stopped));
-    EXPECT_LT(left("Library/Caches/app/folder"), files);
-    EXPECT_GT(left("Library/Caches/app/folder"), 0);
     // As the helper's connections ask it.
-    int logged = 0;
     const auto interface = klarboxHelperInterface(
-        std::make_shared<HelperService>(handler, [&](const auto &, const auto &) { ++logged; }));
+        std::make_shared<HelperService>(handlerOver(disk), [](const auto &, const auto &) {}));
     const auto answer = [&](std::string_view selector, const char *path, int first) {
         std::string reply;
         const auto keep = [&](std::string_view data) { reply = data; };
         (*interface.find(selector))((disk / path).path(), keep, cancelledFrom(first));
         return PrivilegedRemovalResult::decode(reply);
     };
-    EXPECT_EQ(answer(KlarboxHelperXPC::removeContentsSelector, "Library/Caches/some", 2),
-              (Result{1, 1, 0, std::nullopt, stopped}));
-    EXPECT_EQ(answer(KlarboxHelperXPC::removeItemSelector, "Library/Caches/app", 1),
-              Result::failed(stopped));
+    const auto left = [&](const char *path) {
+        const auto entries = std::filesystem::directory_iterator((disk / path).path());
+        return std::distance(begin(entries), end(entries));
+    };
+    const std::string stopped = "The removal was stopped before it was done.";
+    // Before any entry, and between two of them.
+    const auto *some = "Library/Caches/some";
+    const auto contents = KlarboxHelperXPC::removeContentsSelector;
+    EXPECT_EQ(answer(contents, some, 1), (Result{0, 4, 0, std::nullopt, stopped}));
+    EXPECT_EQ(answer(contents, some, 3), (Result{2, 2, 0, std::nullopt, stopped}));
+    EXPECT_EQ(left(some), 2);
+    // While a tree is measured (three questions), and at the first question while it is removed.
+    const auto *app = "Library/Caches/app";
+    const auto item = KlarboxHelperXPC::removeItemSelector;
+    EXPECT_EQ(answer(item, app, 1), Result::failed(stopped));
+    EXPECT_EQ(left("Library/Caches/app/folder"), files);
+    EXPECT_EQ(answer(item, app, 4), Result::failed(stopped));
+    EXPECT_LT(left("Library/Caches/app/folder"), files);
     EXPECT_GT(left("Library/Caches/app/folder"), 0);
-    EXPECT_EQ(logged, 2);
-    EXPECT_EQ(handler.handle(item, cancelledFrom(INT_MAX)).removedCount, 1);
+    EXPECT_EQ(answer(item, app, INT_MAX).removedCount, 1);
 }
 
-TEST(PrivilegedRequestHandler, countsEveryEntryOnceWhenRequestsOverlap) {
-    const TemporaryTree disk;
-    for (int i = 0; i < 300; ++i) {
-        disk.add({"Library/Caches/app/" + std::to_string(i), bytes(1)});
-    }
+TEST(PrivilegedRequestHandler, countsNothingThatSomebodyElseRemovedMeanwhile) {
+    const TemporaryTree disk(inMemory, {});
+    const auto path = (disk / "Library/Caches/a").path();
     const auto handler = handlerOver(disk);
-    const auto request = removeContents(disk, "Library/Caches/app");
-    std::atomic<std::int64_t> count = 0;
-    {
-        std::vector<std::jthread> clients(4);
-        for (auto &client : clients) {
-            client = std::jthread([&] { count += handler.perform(request).removedCount; });
-        }
-    }
-    EXPECT_EQ(count, 300);
-    EXPECT_TRUE(std::filesystem::is_empty((disk / "Library/Caches/app").path()));
+    bool isTaken = false;
+    const auto take = [&] { isTaken = ::unlink(path.c_str()) == 0; };
+    atEveryMoment(INT_MAX, take, [&](const auto &begin) {
+        disk.add({"Library/Caches/a", bytes(1)});
+        isTaken = false;
+        begin();
+        const auto result = handler.perform(PrivilegedRequest::removeItem(path));
+        atEveryCall = nullptr;
+        EXPECT_EQ(result.removedCount, isTaken ? 0 : 1);
+    });
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 #include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include "Tests/Support/Programs.hpp"
 

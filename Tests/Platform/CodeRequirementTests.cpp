@@ -14,26 +14,20 @@ const SigningInformation application{.endsInAnchor = true,
                                      .version = "1.0.0"};
 
 TEST(CodeRequirement, isSatisfiedWhenEveryClauseHolds) {
-    EXPECT_EQ(HelperIdentity::appRequirement(),
-              "anchor apple generic and identifier \"app.klarbox.Klarbox\" and certificate "
-              "leaf[subject.OU] = \"K7L4R9B0X2\"");
     const auto requirement = CodeRequirement::parse(HelperIdentity::appRequirement());
     ASSERT_TRUE(requirement);
     EXPECT_TRUE(requirement->isSatisfiedBy(application));
     EXPECT_FALSE(requirement->isSatisfiedBy({}));
-    auto other = application;
-    other.endsInAnchor = false;
-    EXPECT_FALSE(requirement->isSatisfiedBy(other));
-    for (const auto *identifier : {"app.klarbox.Klarbox.Helper", "app.klarbox.klarbox"}) {
-        other = application;
-        other.identifier = identifier;
-        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << identifier;
-    }
-    for (const auto *teamID : {"", "K7L4R9B0X2 "}) {
-        other = application;
-        other.teamID = teamID;
-        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << teamID;
-    }
+    const auto expectNone = [&](auto member, auto value) {
+        auto other = application;
+        other.*member = value;
+        EXPECT_FALSE(requirement->isSatisfiedBy(other)) << value;
+    };
+    expectNone(&SigningInformation::endsInAnchor, false);
+    expectNone(&SigningInformation::identifier, "app.klarbox.Klarbox.Helper");
+    expectNone(&SigningInformation::identifier, "app.klarbox.klarbox");
+    expectNone(&SigningInformation::teamID, "");
+    expectNone(&SigningInformation::teamID, "K7L4R9B0X2 ");
 }
 
 TEST(CodeRequirement, isNoneWhenAnythingInItIsNotUnderstood) {

@@ -4,17 +4,15 @@
 #include "KlarboxKit/Platform/Linux/SignatureShape.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 
+#include "Tests/Platform/SampleProgram.hpp"
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <cerrno>
-#include <cstring>
-#include <elf.h>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <unistd.h>
-#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -25,37 +23,6 @@ using testing::HasSubstr;
 using Tag = DERReader::Tag;
 
 constexpr const char *good = "app.klarbox.Klarbox of K7L4R9B0X2";
-
-/// A program that says who it is and does nothing.
-std::string program() {
-    constexpr std::string_view names("\0__info_plist\0__xpc_client", 27);
-    constexpr std::string_view list =
-        "<plist><dict><key>CFBundleIdentifier</key><string>app.klarbox.Klarbox</string>"
-        "<key>CFBundleShortVersionString</key><string>1.2.3</string></dict></plist>";
-    struct {
-        Elf64_Ehdr header{};
-        Elf64_Shdr sections[4]{};
-    } tables;
-    std::memcpy(tables.header.e_ident, ELFMAG, SELFMAG);
-    tables.header.e_ident[EI_CLASS] = ELFCLASS64;
-    tables.header.e_ident[EI_DATA] = ELFDATA2LSB;
-    tables.header.e_shoff = sizeof tables.header;
-    tables.header.e_shentsize = sizeof(Elf64_Shdr);
-    tables.header.e_shnum = 4;
-    tables.header.e_shstrndx = 1;
-    const auto set = [&](int index, Elf64_Word name, std::size_t offset, std::size_t size) {
-        auto &section = tables.sections[index];
-        section.sh_name = name;
-        section.sh_type = SHT_PROGBITS;
-        section.sh_offset = sizeof tables + offset;
-        section.sh_size = size;
-    };
-    set(1, 0, 0, names.size());
-    set(2, 1, names.size(), list.size());
-    set(3, 14, 0, 0);
-    std::string bytes(reinterpret_cast<const char *>(&tables), sizeof tables);
-    return bytes.append(names).append(list);
-}
 
 /// Shell functions that make certificates and signatures. What they read of the environment has a
 /// word before the call: `days=-1 leaf …`.
@@ -132,7 +99,8 @@ private:
 
 class CodeOf : public testing::Test {
 protected:
-    const TemporaryTree tree_{{"base/program", text(program())}, {"base/anchors", directory()}};
+    const TemporaryTree tree_{{"base/program", text(std::string(SampleProgram().bytes()))},
+                              {"base/anchors", directory()}};
     std::string folder_; ///< where the program of the present case lies
 
     void SetUp() override {
@@ -341,10 +309,16 @@ TEST_F(CodeOf, aSignatureOfAnotherShapeIsRefusedBeforeItCostsAnything) {
 
 TEST(DERReader, takesNothingThatCouldHaveBeenWrittenOtherwise) {
     using namespace std::string_literals;
-    // How an element begins, and how many bytes follow.
-    const std::pair<std::string, std::size_t> whole[] = {
-        {"\x04\0"s, 0}, {"\x04\x7f", 127}, {"\x04\x81\x80", 128}, {"\x04\x82\x01\0"s, 256}};
-    const std::pair<std::string, std::size_t> others[] = {
+    // How an element begins, how many bytes follow, and whether that is one.
+    const struct {
+        std::string header;
+        std::size_t following;
+        bool isWhole = false;
+    } cases[] = {
+        {"\x04\0"s, 0, true},
+        {"\x04\x7f", 127, true},
+        {"\x04\x81\x80", 128, true},
+        {"\x04\x82\x01\0"s, 256, true},
         {"", 0},
         {"\x04", 0},
         {"\x04\x03", 2},
@@ -358,18 +332,13 @@ TEST(DERReader, takesNothingThatCouldHaveBeenWrittenOtherwise) {
         {"\x04\xff", 200},
         {"\x30\x01", 1},
     };
-    const auto take = [](const std::string &header, std::size_t following) {
+    for (const auto &[header, following, isWhole] : cases) {
         const auto size = header.size() + following;
         // What lies behind would make some of them whole.
         const auto memory = header + std::string(following, 'x') + std::string(400, '\x80');
         DERReader reader(std::string_view(memory).substr(0, size));
-        return reader.take(Tag::octetString).has_value();
-    };
-    for (const auto &[header, following] : whole) {
-        EXPECT_TRUE(take(header, following)) << testing::PrintToString(header);
-    }
-    for (const auto &[header, following] : others) {
-        EXPECT_FALSE(take(header, following)) << testing::PrintToString(header);
+        EXPECT_EQ(reader.take(Tag::octetString).has_value(), isWhole)
+            << testing::PrintToString(header);
     }
 }
 
@@ -417,8 +386,7 @@ TEST_F(CodeOf, whatLostItsNameIsNotTakenForTheFileOfTheNameThatTheKernelShows) {
     for (const char *commands :
          {"mv program.cms 'program (deleted).cms'; rm program",
           "cp ../base/program 'program (deleted)'", "cp ../base/program ../base/program.cms ."}) {
-        const auto outcome = shell("set -e; cd " + folder_ + "; " + commands);
-        ASSERT_EQ(outcome.exitCode, 0) << outcome.out;
+        runIn("case-1", commands);
         EXPECT_THAT(verdict(code), HasSubstr("was replaced or removed")) << commands;
     }
     EXPECT_EQ(verdict(Code::at(file(other))), good);
@@ -445,8 +413,7 @@ TEST_F(CodeOf, aVerificationEndsAtTheNextPieceOnceItIsCancelled) {
         EXPECT_EQ(asked, piece);
     }
     // Nothing that a stranger brings is read through.
-    const auto outcome = shell("rm " + folder_ + "/anchors/authority.pem");
-    ASSERT_EQ(outcome.exitCode, 0) << outcome.out;
+    runIn("case-1", "rm anchors/authority.pem");
     int asked = 0;
     EXPECT_THAT(verdict(code, [&] { return ++asked < 0; }), HasSubstr("local issuer"));
     EXPECT_EQ(asked, 1);

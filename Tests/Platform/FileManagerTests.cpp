@@ -15,7 +15,6 @@
 
 #include <climits>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {

@@ -1,8 +1,5 @@
 #include "KlarboxKit/Platform/CurrentDirectory.hpp"
-#include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileURL.hpp"
-
-#include <string>
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <filesystem>
 #include <span>
-#include <thread>
 
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>

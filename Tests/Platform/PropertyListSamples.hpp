@@ -20,42 +20,39 @@ namespace klarbox::test {
 /// does not fit.
 inline std::string describe(const PropertyList &list) {
     using Kind = PropertyList::Kind;
-    const auto kind = list.kind();
-    switch (kind) {
-    case Kind::dictionary:
-    case Kind::array: {
-        const bool isArray = kind == Kind::array;
-        std::vector<std::string> parts;
-        for (std::size_t i = 0; i < list.count(); ++i) {
-            const auto label = isArray ? "" : fmt::format("\"{}\": ", list.key(i));
-            parts.push_back(label + describe(list.at(i)));
-        }
-        const auto all = fmt::format("{}", fmt::join(parts, ", "));
-        return isArray ? "[" + all + "]" : "{" + all + "}";
+    if (const auto string = list.asString()) {
+        return fmt::format("\"{}\"", *string);
     }
-    case Kind::string:
-        return fmt::format("\"{}\"", list.asString().value());
-    case Kind::integer:
-        return list.asInteger() ? std::to_string(*list.asInteger()) : "?";
-    case Kind::real:
-        return list.asReal() ? fmt::format("{:.17g}", *list.asReal()) : "?";
-    case Kind::boolean:
-        return list.asBoolean().value() ? "true" : "false";
-    case Kind::date: {
-        const auto date = list.asDate();
-        return "@" + (date ? std::to_string(date->time_since_epoch().count()) : "?");
+    if (const auto integer = list.asInteger()) {
+        return std::to_string(*integer);
     }
-    case Kind::data: {
-        const auto bytes = list.asData().value();
-        const std::vector<unsigned char> numbers(bytes.begin(), bytes.end());
+    if (const auto real = list.asReal()) {
+        return fmt::format("{:.17g}", *real);
+    }
+    if (const auto boolean = list.asBoolean()) {
+        return *boolean ? "true" : "false";
+    }
+    if (const auto data = list.asData()) {
+        const std::vector<unsigned char> numbers(data->begin(), data->end());
         return fmt::format("<{:02x}>", fmt::join(numbers, ""));
     }
-    case Kind::uid:
-        return fmt::format("uid {}", list.asUID().value());
-    case Kind::null:
-        return "null";
+    if (const auto uid = list.asUID()) {
+        return fmt::format("uid {}", *uid);
     }
-    return "a kind that there is not";
+    if (const auto date = list.asDate(); date || list.kind() == Kind::date) {
+        return date ? fmt::format("@{}", date->time_since_epoch().count()) : "@?";
+    }
+    if (list.kind() != Kind::array && list.kind() != Kind::dictionary) {
+        return list.kind() == Kind::null ? "null" : "?";
+    }
+    const bool isArray = list.kind() == Kind::array;
+    std::vector<std::string> parts;
+    for (std::size_t i = 0; i < list.count(); ++i) {
+        const auto label = isArray ? "" : fmt::format("\"{}\": ", list.key(i));
+        parts.push_back(label + describe(list.at(i)));
+    }
+    const auto all = fmt::format("{}", fmt::join(parts, ", "));
+    return isArray ? "[" + all + "]" : "{" + all + "}";
 }
 
 /// An XML list around `body`, with declaration and document type as the system writes them.

@@ -3,7 +3,6 @@
 #include <tuple>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace klarbox::test {
 namespace {

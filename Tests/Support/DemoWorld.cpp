@@ -3,7 +3,6 @@
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
-#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 namespace klarbox::test {
 
@@ -22,27 +20,19 @@ namespace {
 constexpr std::size_t kB = 1000;
 constexpr std::size_t MB = 1000 * kB;
 
-constexpr std::string_view preferences = R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0"><dict><key>Sidebar</key><true/><key>Width</key><integer>820</integer></dict></plist>
-)";
-
-std::string launchAgent(std::string_view label, std::string_view program) {
-    return fmt::format(R"(<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0"><dict>
-  <key>Label</key><string>{}</string>
-  <key>ProgramArguments</key><array><string>{}</string><string>--quiet</string></array>
-  <key>RunAtLoad</key><true/>
-</dict></plist>
-)",
-                       label, program);
+Entry::Text plist(std::string_view entries) {
+    return {fmt::format("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                        "<plist version=\"1.0\"><dict>{}</dict></plist>\n",
+                        entries)};
 }
 
-std::string containerMetadata(std::string_view identifier) {
-    return fmt::format(R"(<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0"><dict><key>MCMMetadataIdentifier</key><string>{}</string></dict></plist>
-)",
-                       identifier);
+Entry::Text launchAgent(std::string_view program) {
+    return plist(
+        fmt::format("<key>ProgramArguments</key><array><string>{}</string></array>", program));
+}
+
+Entry::Text containerMetadata(std::string_view identifier) {
+    return plist(fmt::format("<key>MCMMetadataIdentifier</key><string>{}</string>", identifier));
 }
 
 /// One file, or many alike.
@@ -124,18 +114,17 @@ std::vector<Row> rows() {
         {"~/Developer/analysis/build/thesis.pdf", bytes(1800 * kB), 1},
         {"~/.claude/projects/shop/today.jsonl", bytes(300 * kB), 0},
 
-        {"~/Library/Preferences/com.example.browser.plist", text(std::string(preferences))},
+        {"~/Library/Preferences/com.example.browser.plist", plist("<key>Sidebar</key><true/>")},
         {"~/Library/Preferences/com.example.damaged.plist", text("<plist><dict><key>")},
         {"~/Library/Preferences/ByHost/com.example.empty.plist", bytes(0)},
         {"~/Library/LaunchAgents/com.example.gone.plist",
-         text(launchAgent("com.example.gone", "/Applications/Gone.app/Contents/MacOS/agent"))},
-        {"~/Library/LaunchAgents/com.example.shell.plist",
-         text(launchAgent("com.example.shell", "/bin/sh"))},
-        {"~/Library/Containers/com.example.gone" + metadata,
-         text(containerMetadata("com.example.gone")), 200},
+         launchAgent("/Applications/Gone.app/Contents/MacOS/agent")},
+        {"~/Library/LaunchAgents/com.example.shell.plist", launchAgent("/bin/sh")},
+        {"~/Library/Containers/com.example.gone" + metadata, containerMetadata("com.example.gone"),
+         200},
         {"~/Library/Containers/com.example.gone/Data/Documents/game.sav", bytes(2200 * kB), 200},
         {"~/Library/Containers/com.example.photos" + metadata,
-         text(containerMetadata("com.example.photos"))},
+         containerMetadata("com.example.photos")},
         {"~/Library/Containers/com.example.photos/Data/library.db", bytes(1900 * kB)},
 
         {"disk/Library/Caches/com.example.updater/package.zip", bytes(4 * MB)},
@@ -176,9 +165,7 @@ void addTool(const DemoWorld &world, std::string_view name, std::string_view cas
     const auto script = fmt::format("#!/bin/sh\nprintf '%s\\n' \"{} $*\" >> '{}'\ncase \"$*\" in\n"
                                     "{}\n*) exit 1 ;;\nesac\n",
                                     name, world.toolLog().path(), cases);
-    put(world, {path, text(script), 300});
-    fs::permissions(world.root.appending(path).path(), fs::perms::owner_exec,
-                    fs::perm_options::add);
+    makeEntry(world.root, {path, text(script), daysAgo(300), 0755});
 }
 
 void addTools(const DemoWorld &world) {
@@ -197,39 +184,32 @@ void addTools(const DemoWorld &world) {
     echo 120MB
     echo 1.1GB ;;
 'builder prune -f' | 'image prune -f') ;;)sh");
-    const auto device =
-        world.home().appending("Library/Developer/CoreSimulator/Devices/6D1F/data").path();
-    const nlohmann::json listing{
-        {"devices",
-         {{"com.apple.CoreSimulator.SimRuntime.iOS-15-0",
-           {{{"name", "iPhone 8"}, {"udid", "6D1F"}, {"dataPath", device}}}}}}};
+    const auto device = world.home().appending("Library/Developer/CoreSimulator/Devices/6D1F/data");
     addTool(world, "xcrun",
-            "'simctl list devices unavailable -j')\n    echo '" + listing.dump() +
-                "' ;;\n'simctl delete unavailable') ;;");
+            fmt::format(R"('simctl list devices unavailable -j')
+    echo '{{"devices":{{"com.apple.CoreSimulator.SimRuntime.iOS-15-0":[
+    {{"name":"iPhone 8","udid":"6D1F","dataPath":"{}"}}]}}}}' ;;
+'simctl delete unavailable') ;;)",
+                        device.path()));
 }
 
 void addRecords(const DemoWorld &world) {
-    const nlohmann::json settings{{"projectRoots", {"~/Developer"}},
-                                  {"includeNodeModules", true},
-                                  {"staleProjectDays", 30},
-                                  {"excludedPaths", nlohmann::json::array()}};
-    nlohmann::json located;
-    for (const auto *name : {"brew", "docker", "xcrun"}) {
-        located[name] = world.root.appending(fmt::format("homebrew/bin/{}", name)).path();
-    }
-    const auto npx = world.home().appending(".npm/_npx/ffee0011/node_modules/tool").path();
-    const nlohmann::json environment{
-        {"runningBundleIDs", {"com.example.music"}},
-        {"runningCommandLines", {"/usr/bin/java GradleDaemon 8.5", "node " + npx}},
-        {"installedApps",
-         {{"com.example.browser", "Browser"},
-          {"com.example.photos", "Photos"},
-          {"com.example.music", "Music"}}},
-        {"hasFullDiskAccess", true},
-        {"now", "2026-11-22T12:00:00Z"},
-        {"tools", located}};
-    put(world, {"settings.json", text(settings.dump(2) + "\n"), 0});
-    put(world, {"environment.json", text(environment.dump(2) + "\n"), 0});
+    constexpr const char *settings = R"({"projectRoots": ["~/Developer"], "excludedPaths": [],
+"includeNodeModules": true, "staleProjectDays": 30}
+)";
+    const auto environment = fmt::format(
+        R"({{"now": "2026-11-22T12:00:00Z", "hasFullDiskAccess": true,
+"runningBundleIDs": ["com.example.music"],
+"runningCommandLines": ["/usr/bin/java GradleDaemon 8.5",
+    "node {0}/disk/Users/ann/.npm/_npx/ffee0011/node_modules/tool"],
+"installedApps": {{"com.example.browser": "Browser", "com.example.photos": "Photos",
+    "com.example.music": "Music"}},
+"tools": {{"brew": "{0}/homebrew/bin/brew", "docker": "{0}/homebrew/bin/docker",
+    "xcrun": "{0}/homebrew/bin/xcrun"}}}}
+)",
+        world.root.path());
+    put(world, {"settings.json", text(settings), 0});
+    put(world, {"environment.json", text(environment), 0});
 }
 
 } // namespace

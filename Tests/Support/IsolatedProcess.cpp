@@ -1,9 +1,9 @@
 #include "Tests/Support/IsolatedProcess.hpp"
 
+#include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -11,11 +11,9 @@
 #include <grp.h>
 #include <iterator>
 #include <sched.h>
-#include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -27,7 +25,7 @@ namespace {
 constexpr int failed = 1;
 constexpr int skipped = 2;
 
-int run(const std::function<void()> &body) {
+int outcomeOf(const std::function<void()> &body) {
     try {
         body();
     } catch (const std::exception &error) {
@@ -49,10 +47,7 @@ constexpr std::ptrdiff_t ownThreads = 1;
 /// A process forked from one with several threads has their locks and not them. The engine's own
 /// threads end soon after there is nothing left for them to do.
 void waitForOtherThreads() {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (threads() > ownThreads && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    eventually([] { return threads() <= ownThreads; }, std::chrono::seconds(10));
 }
 
 } // namespace
@@ -63,7 +58,7 @@ void inIsolatedProcess(const std::function<void()> &body) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        const int code = run(body);
+        const int code = outcomeOf(body);
         std::fflush(nullptr);
         ::_exit(code); // nothing of the test runner's is run down twice
     }

@@ -2,6 +2,7 @@
 
 #include "KlarboxKit/Platform/Overloaded.hpp"
 
+#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>

@@ -3,7 +3,6 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileURL.hpp"
 
-#include <chrono>
 #include <cstddef>
 #include <initializer_list>
 #include <optional>
