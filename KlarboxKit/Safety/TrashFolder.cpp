@@ -1,10 +1,10 @@
 #include "KlarboxKit/Safety/TrashFolder.hpp"
 
 #include "KlarboxKit/Platform/DirectoryReader.hpp"
-#include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/RenameExclusively.hpp"
+#include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -89,21 +89,13 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
 /// The highest folder above the entry on the same mounted file system.
 UniqueFD topOfVolume(const PinnedEntry &entry) {
     auto folder = openFolderToSearch(entry.parent(), ".");
-    for (;;) {
-        const auto status = folder ? FileStatus::ofOpen(folder.get()) : std::nullopt;
-        if (!status) {
-            throw PlatformError::posix(errno);
-        }
-        if (status->isMountRoot) {
-            return folder;
-        }
-        auto above = openFolderToSearch(folder.get(), "..");
-        const auto next = above ? FileStatus::ofOpen(above.get()) : std::nullopt;
-        if (!next || next->device != status->device || next->inode == status->inode) {
-            return folder;
-        }
-        folder = std::move(above);
+    while (folder && !VolumeTop::isTop(folder.get())) {
+        folder = openFolderToSearch(folder.get(), "..");
     }
+    if (!folder) {
+        throw PlatformError::posix(errno);
+    }
+    return folder;
 }
 
 bool isSafeToShare(const struct stat &status) {

@@ -10,9 +10,26 @@
 
 namespace klarbox::ScannerSupport {
 
+namespace {
+
+/// What of a folder stays when it is emptied, and so is not to be counted.
+std::vector<FileURL> systemsOwnOrNone(const FileURL &folder) {
+    try {
+        return FS::systemsOwn(folder);
+    } catch (const PlatformError &) {
+        return {}; // what cannot be listed is not measured either
+    }
+}
+
+} // namespace
+
 std::optional<std::int64_t> offeredSize(std::span<const FileURL> urls, const ScanContext &context,
                                         std::stop_token stop) {
-    const auto size = DiskUsage::allocatedSize(urls, [&] { return stop.stop_requested(); });
+    const auto isStopped = [&] { return stop.stop_requested(); };
+    auto size = DiskUsage::allocatedSize(urls, isStopped);
+    for (const auto &url : urls) {
+        size -= DiskUsage::allocatedSize(systemsOwnOrNone(url), isStopped);
+    }
     return size < 1 || size < context.minimumSize ? std::nullopt : std::optional(size);
 }
 

@@ -1,3 +1,5 @@
+#include "KlarboxKit/Cleaning/Cleaner.hpp"
+#include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Scanners/InstallersScanner.hpp"
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 #include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
@@ -5,6 +7,7 @@
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 #include "KlarboxKit/Scanners/UserCachesScanner.hpp"
 
+#include "Tests/Safety/HardTrees.hpp"
 #include "Tests/Scanners/ScanResults.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
@@ -96,6 +99,45 @@ TEST(EntryScanners, measureLinksAsThemselves) {
                 HasSubstr("| contents $/Library/Caches/linked |"));
     EXPECT_THAT(offers(SystemCachesScanner(home / "Library/Caches"), context, home.root()),
                 HasSubstr("| item $/Library/Caches/linked |"));
+}
+
+/// A cache that is a disk of its own has a Trash in it as soon as something was cleaned.
+TEST(CacheScanners, takeNothingThatTheSystemKeepsAtTheTopOfAVolume) {
+    const std::string kept = ".Trashes/0/a .fseventsd/a .Spotlight-V100/a lost+found/a "
+                             ".DocumentRevisions-V100/a .TemporaryItems/a .TRASH-1000/a ";
+    const std::string taken = "own/lost+found/a .Trash-x/a .trashes2/a";
+    const TemporaryTree home{{"linked", link("Library/Caches/disk")},
+                             {"Library/Caches", directory()}};
+    inIsolatedProcess([&] {
+        if (!enterMountNamespace()) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        const auto caches = home / "Library/Caches";
+        for (const auto &disk : {caches, caches.appending("disk")}) {
+            ASSERT_TRUE(FileManager::exists(disk) || ::mkdir(disk.path().c_str(), 0700) == 0);
+            ASSERT_TRUE(mountOn(disk));
+            addFiles(home, FS::tildePath(disk, home.root()).substr(2) + "/", kept + taken);
+        }
+        const auto context = scanContext(home.root());
+        const auto scan = UserCachesScanner().scan(context, {});
+        EXPECT_THAT(titles(scan), ElementsAre("disk", ".Trash-x", ".trashes2", "own"));
+        EXPECT_EQ(FS::children(home / "linked").size(), 3U);
+        // The files of three folders; none of the folders takes any space there.
+        EXPECT_EQ(scan.items.at(0).size,
+                  3 * DiskUsage::allocatedSize(home / "Library/Caches/disk/own/lost+found/a"));
+
+        const Cleaner cleaner(std::make_shared<SafetyGuard>(home.root()),
+                              std::make_shared<FileSystemRemover>(home.root()),
+                              context.environment.runner, nullptr, {});
+        const auto ignore = [](auto &&...) {};
+        const auto report = cleaner.clean(scan.items, RemovalMode::deletePermanently, ignore);
+        EXPECT_TRUE(report.failures().empty());
+        EXPECT_THAT(titles(UserCachesScanner().scan(context, {})), IsEmpty());
+        for (const auto &path : words(kept)) {
+            EXPECT_TRUE(FileManager::exists(caches.appending(path))) << path;
+            EXPECT_TRUE(FileManager::exists(caches.appending("disk/" + path))) << path;
+        }
+    });
 }
 
 TEST(TrashScanner, offersTheHomeTrashAndThoseOfOtherVolumes) {
