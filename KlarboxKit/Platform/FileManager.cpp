@@ -43,8 +43,36 @@ bool namesEveryStep(const std::string &path) {
            steps.find("/./") == std::string::npos && steps.find("/../") == std::string::npos;
 }
 
+/// The status of what is at the path; false, with errno set, without one.
 bool status(const FileURL &url, struct stat &st, int flags) {
-    return !hasNUL(url.path()) && ::fstatat(AT_FDCWD, url.path().c_str(), &st, flags) == 0;
+    if (hasNUL(url.path())) {
+        errno = ENOENT;
+        return false;
+    }
+    return ::fstatat(AT_FDCWD, url.path().c_str(), &st, flags) == 0;
+}
+
+/// Whether a failure says that there is nothing, as at the end of links that never end. Any other
+/// leaves that open.
+bool isAbsence(int code) {
+    return code == ENOENT || code == ENOTDIR || code == ELOOP;
+}
+
+FileType typeOf(const struct stat &st) {
+    switch (st.st_mode & S_IFMT) {
+    case S_IFREG:
+        return FileType::regular;
+    case S_IFDIR:
+        return FileType::directory;
+    case S_IFLNK:
+        return FileType::symbolicLink;
+    default:
+        return FileType::other;
+    }
+}
+
+Date dateOf(const struct stat &st) {
+    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
 }
 
 [[noreturn]] void throwReadError(const FileURL &url, int code, std::string_view kind) {
@@ -171,27 +199,28 @@ bool isExecutableFile(const FileURL &url) {
 
 std::optional<FileType> type(const FileURL &url) {
     struct stat st {};
-    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
-        return std::nullopt;
-    }
-    switch (st.st_mode & S_IFMT) {
-    case S_IFREG:
-        return FileType::regular;
-    case S_IFDIR:
-        return FileType::directory;
-    case S_IFLNK:
-        return FileType::symbolicLink;
-    default:
-        return FileType::other;
-    }
+    return status(url, st, AT_SYMLINK_NOFOLLOW) ? std::optional(typeOf(st)) : std::nullopt;
 }
 
 std::optional<Date> modificationDate(const FileURL &url) {
     struct stat st {};
-    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
+    return status(url, st, AT_SYMLINK_NOFOLLOW) ? std::optional(dateOf(st)) : std::nullopt;
+}
+
+std::optional<EntryFacts> facts(const FileURL &url, FinalLink link) {
+    struct stat st {};
+    if (status(url, st, link == FinalLink::itself ? AT_SYMLINK_NOFOLLOW : 0)) {
+        return EntryFacts{.type = typeOf(st), .modified = dateOf(st)};
+    }
+    if (isAbsence(errno)) {
         return std::nullopt;
     }
-    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    throwReadError(url, errno, "file");
+}
+
+bool isMissing(const FileURL &url) {
+    struct stat st {};
+    return !status(url, st, 0) && isAbsence(errno);
 }
 
 std::optional<std::string> realPath(std::string_view path) {

@@ -41,6 +41,21 @@ std::optional<FileType> type(const FileURL &url);
 /// has no status.
 std::optional<Date> modificationDate(const FileURL &url);
 
+/// What a look at an entry tells.
+struct EntryFacts {
+    FileType type;
+    Date modified;
+};
+
+/// A look at the entry itself, or at what it leads to when links are `followed`; nothing only when
+/// there is none. Throws when it cannot be looked at: then nobody knows whether there is one.
+enum class FinalLink { itself, followed };
+std::optional<EntryFacts> facts(const FileURL &url, FinalLink link = FinalLink::itself);
+
+/// Whether the path is known to lead to nothing, symbolic links followed. What cannot be looked at
+/// neither `exists` nor is missing.
+bool isMissing(const FileURL &url);
+
 /// The path with every symbolic link resolved; nothing when it does not lead anywhere.
 std::optional<std::string> realPath(std::string_view path);
 

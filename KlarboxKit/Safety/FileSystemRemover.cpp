@@ -44,6 +44,9 @@ int moved(const PinnedEntry &entry, const FileURL &home) {
         return EXDEV; // whatever is mounted there is not the folder's to give away
     }
     const auto ofHome = FileStatus::of(AT_FDCWD, home.path().c_str());
+    if (!ofHome && errno != ENOENT) {
+        return errno; // it may have the Trash in it where this is looked for
+    }
     if (ofHome && ofHome->device == status->device) {
         // One file system may be mounted in several places, and a move from one to another is none.
         const int code = TrashFolder::inHome(home).take(entry);

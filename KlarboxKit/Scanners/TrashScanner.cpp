@@ -29,8 +29,7 @@ CategoryScan TrashScanner::scan(const ScanContext &context, std::stop_token) con
 
 void TrashScanner::addTrash(const FileURL &folder, std::string title, const ScanContext &context,
                             CategoryScan &scan) const {
-    if (!FileManager::exists(folder) ||
-        ScannerSupport::childrenOrIssue(folder, context, scan).empty()) {
+    if (ScannerSupport::childrenOrIssue(folder, context, scan).empty()) {
         return;
     }
     const auto size = ScannerSupport::offeredSize(folder, context);

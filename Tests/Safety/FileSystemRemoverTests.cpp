@@ -246,6 +246,25 @@ TEST(FileSystemRemover, usesNoTrashOfAVolumeThatAStrangerOwns) {
     });
 }
 
+/// The Trash of a home that cannot be looked at may be on the same volume.
+TEST(FileSystemRemover, takesNoOtherTrashForAHomeThatItCannotLookAt) {
+    const TemporaryTree tree{{"disk", directory()}};
+    inIsolatedProcess([&] {
+        if (!enterMountNamespace()) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        ASSERT_TRUE(mountOn(tree / "disk", "mode=0777"));
+        tree.add({"disk/closed/home", directory()});
+        tree.add({"disk/item", bytes(1)});
+        ASSERT_EQ(::chmod((tree / "disk/closed").path().c_str(), 0), 0);
+        std::filesystem::permissions(tree.root().path(), std::filesystem::perms(0755));
+        becomeOrdinaryUser();
+        EXPECT_EQ(trashed(tree / "disk/item", tree / "disk/closed/home"),
+                  std::pair(int(PlatformError::fileWriteNoPermission), EACCES));
+        EXPECT_TRUE(FileManager::exists(tree / "disk/item"));
+    });
+}
+
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
     const TemporaryTree tree{
         {"home/mounted", directory()}, {"disk", directory()}, {"unsafe", directory()},
