@@ -205,7 +205,7 @@ std::vector<FileURL> projectRoots(const ScanContext &context) {
     for (const auto &path : context.settings.projectRoots) {
         const auto root = context.expand(path);
         if (FS::isRealDirectory(root) &&
-            seen.insert(Text::lowercased(root.standardized().path())).second) {
+            seen.insert(Text::foldedPath(root.standardized().path())).second) {
             roots.push_back(root);
         }
     }
