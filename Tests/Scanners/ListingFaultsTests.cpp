@@ -109,14 +109,9 @@ TEST(ListingFaults, neverMakeAnythingPassForWhatItIsNot) {
     auto context = scanContext(home.root());
     context.settings.projectRoots = {"~/code"};
     const auto cache = home / "cache";
-    const ProjectArtifactsScanner projects;
-    const UserCachesScanner caches;
-    const LogsScanner logs;
-    const SystemCachesScanner systemCaches(cache);
-    const SystemLogsScanner systemLogs(cache, home / "none");
-    const SystemLogsScanner olderLogs(home / "none", cache);
+    const auto projects = std::make_shared<ProjectArtifactsScanner>();
     const struct {
-        const CategoryScanner &scanner;
+        std::shared_ptr<const CategoryScanner> scanner;
         std::string hidden;
         std::vector<bool> selected; ///< of what is offered
     } rows[] = {
@@ -125,19 +120,18 @@ TEST(ListingFaults, neverMakeAnythingPassForWhatItIsNot) {
         {projects, "/P/.git/logs/HEAD", {false}}, // which is not there, but who knows
         {projects, "/P/a", {false}},
         // Whether they are folders, which stay when they are emptied, or files, which go.
-        {caches, "none", {true}},
-        {caches, "/app.gz", {}},
-        {logs, "/app.gz", {}},
-        {systemCaches, "/app.gz", {}},
-        {systemLogs, "/app.gz", {}},
-        {olderLogs, "/app.gz", {}},
+        {std::make_shared<UserCachesScanner>(), "none", {true}},
+        {std::make_shared<UserCachesScanner>(), "/app.gz", {}},
+        {std::make_shared<LogsScanner>(), "/app.gz", {}},
+        {std::make_shared<SystemCachesScanner>(cache), "/app.gz", {}},
+        {std::make_shared<SystemLogsScanner>(home / "none", cache), "/app.gz", {}},
     };
     for (const auto &[scanner, hidden, selected] : rows) {
         hiddenPath = hidden;
-        const auto scan = scanner.scan(context, {});
+        const auto scan = scanner->scan(context, {});
         hiddenPath.clear();
         EXPECT_EQ(each(scan, &KlarboxItem::isSelectedByDefault), selected)
-            << scanner.info().id << " without " << hidden;
+            << scanner->info().id << " without " << hidden;
     }
 }
 
