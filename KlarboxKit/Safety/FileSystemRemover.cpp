@@ -40,10 +40,12 @@ int moved(const PinnedEntry &entry, const FileURL &home, const SafetyGuard &guar
     if (!folder) {
         return errno;
     }
-    if (status->device != folder->device || status->isMountRoot) {
+    // A file may have a device number of its own, as on layered file systems; folders tell.
+    const bool isElsewhere = status->isDirectory && status->device != folder->device;
+    if (isElsewhere || status->isMountRoot) {
         return EXDEV; // whatever is mounted there is not the folder's to give away
     }
-    if (const auto trash = TrashFolder::inHome(home, status->device, guard)) {
+    if (const auto trash = TrashFolder::inHome(home, folder->device, guard)) {
         // One file system may be mounted in several places, and a move from one to another is none.
         const int code = trash->take(entry);
         if (code != EXDEV) {

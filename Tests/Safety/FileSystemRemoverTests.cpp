@@ -263,9 +263,9 @@ TEST(FileSystemRemover, usesNoTrashOfAVolumeThatAStrangerOwns) {
 
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
     const TemporaryTree tree{
-        {"home/mounted", directory()}, {"disk", directory()}, {"unsafe", directory()},
-        {"linked", directory()},       {"full", directory()}, {"bound", directory()},
-        {"elsewhere/item", bytes(1)},
+        {"home/mounted", directory()}, {"disk", directory()},    {"unsafe", directory()},
+        {"linked", directory()},       {"full", directory()},    {"bound", directory()},
+        {"elsewhere/item", bytes(1)},  {"layered", directory()},
     };
     inIsolatedProcess([&] {
         if (!enterMountNamespace()) {
@@ -302,6 +302,18 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
         ASSERT_TRUE(bindOn(tree / "elsewhere", tree / "bound"));
         EXPECT_EQ(trashed(tree / "bound/item", home), moved);
         EXPECT_TRUE(FileManager::type(tree / ("elsewhere/" + own + "/item")));
+
+        // Where files and folders of one file system have different device numbers.
+        for (const auto *path : {"unsafe/lower/home/item", "disk/upper/home/x", "disk/work/x"}) {
+            tree.add({path, bytes(1)});
+        }
+        const auto layers = fmt::format("lowerdir={0}/unsafe/lower,upperdir={0}/disk/upper,"
+                                        "workdir={0}/disk/work,xino=off",
+                                        tree.root().path());
+        if (::mount("none", (tree / "layered").path().c_str(), "overlay", 0, layers.c_str()) == 0) {
+            EXPECT_EQ(trashed(tree / "layered/home/item", tree / "layered/home"), moved);
+            EXPECT_TRUE(FileManager::exists(tree / "layered/home/.Trash/item"));
+        }
 
         tree.add({"unsafe/.Trashes", directory()});
         std::filesystem::permissions((tree / "unsafe/.Trashes").path(),
