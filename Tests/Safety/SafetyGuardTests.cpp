@@ -174,7 +174,7 @@ TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
 TEST(SafetyGuard, knowsProtectedPlacesThatDoNotExist) {
     const SafetyGuard guard(FileURL("/Users/Änn"));
     const SafetyGuard strange(FileURL("/\xff/Änn")); // which folds nothing beside it
-    EXPECT_TRUE(strange.isProtected(FileURL("/\xff/ÄNN/documents")));
+    EXPECT_TRUE(strange.isProtected(FileURL("/\xff/äNN/documents")));
     EXPECT_FALSE(strange.isProtected(FileURL("/\xfe/Änn/Documents")));
     const std::pair<const char *, bool> cases[] = {
         {"/", true},
