@@ -53,7 +53,8 @@ ScanSettings loadOrFirstRun(const FileURL &file) {
 }
 
 void save(const FileURL &file, const ScanSettings &settings) {
-    FileManager::writeAtomically(file, settings.encoded());
+    // Who keeps settings elsewhere, among others of theirs say, wants them changed there.
+    FileManager::writeAtomically(FileManager::behindOwnLink(file), settings.encoded());
 }
 
 } // namespace klarbox::SettingsStore

@@ -20,7 +20,7 @@ ScanSettings load(const FileURL &file);
 /// an error, never a reason to fall back.
 ScanSettings loadOrFirstRun(const FileURL &file);
 
-/// Replaces the file in one step. Throws `PlatformError`.
+/// Replaces the file, or the one that it is a link to, in one step. Throws `PlatformError`.
 void save(const FileURL &file, const ScanSettings &settings);
 
 } // namespace klarbox::SettingsStore

@@ -300,7 +300,7 @@ Cleaner::openContents(const FileURL &folder, const FileURL &root, FileURL &writt
     auto real = FileManager::realPath(folder.path());
     if (real && isPlaceOf(root, *real)) {
         if (FileManager::type(folder) == FileManager::FileType::symbolicLink &&
-            safety_->isProtected(FileURL(*real))) {
+            !safety_->mayBeEmptied(FileURL(*real))) {
             throw SafetyRefusal(SafetyViolation::protectedLocation);
         }
         return PinnedFolder::open(PinnedEntry::open(FileURL(*real)));

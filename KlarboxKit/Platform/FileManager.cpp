@@ -43,8 +43,36 @@ bool namesEveryStep(const std::string &path) {
            steps.find("/./") == std::string::npos && steps.find("/../") == std::string::npos;
 }
 
+/// The status of what is at the path; false, with errno set, without one.
 bool status(const FileURL &url, struct stat &st, int flags) {
-    return !hasNUL(url.path()) && ::fstatat(AT_FDCWD, url.path().c_str(), &st, flags) == 0;
+    if (hasNUL(url.path())) {
+        errno = ENOENT;
+        return false;
+    }
+    return ::fstatat(AT_FDCWD, url.path().c_str(), &st, flags) == 0;
+}
+
+/// Whether a failure says that there is nothing, as at the end of links that never end. Any other
+/// leaves that open.
+bool isAbsence(int code) {
+    return code == ENOENT || code == ENOTDIR || code == ELOOP;
+}
+
+FileType typeOf(const struct stat &st) {
+    switch (st.st_mode & S_IFMT) {
+    case S_IFREG:
+        return FileType::regular;
+    case S_IFDIR:
+        return FileType::directory;
+    case S_IFLNK:
+        return FileType::symbolicLink;
+    default:
+        return FileType::other;
+    }
+}
+
+Date dateOf(const struct stat &st) {
+    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
 }
 
 [[noreturn]] void throwReadError(const FileURL &url, int code, std::string_view kind) {
@@ -143,6 +171,71 @@ void makeDirectories(const FileURL &url) {
     }
 }
 
+/// Begins the names of files that are not yet in their places; six letters or digits end them.
+constexpr std::string_view temporaryPrefix = ".klarbox.";
+constexpr std::string_view temporaryPattern = "XXXXXX";
+
+/// Makes a file in the folder that is this process's as long as it is open.
+UniqueFD makeTemporary(const FileURL &folder, std::string &path) {
+    for (;;) {
+        // Not made of the file's own name, which may be as long as names can be.
+        path = folder.appending(fmt::format("{}{}", temporaryPrefix, temporaryPattern)).path();
+        UniqueFD file(::mkostemp(path.data(), O_CLOEXEC));
+        // Where the file system knows no locks nobody takes it for left over either.
+        while (file && ::flock(file.get(), LOCK_EX) != 0 && errno == EINTR) {
+        }
+        struct stat st {};
+        // Somebody may have taken it for left over before it was locked.
+        if (!file || ::fstat(file.get(), &st) != 0 || st.st_nlink > 0) {
+            return file;
+        }
+    }
+}
+
+bool isTemporaryName(std::string_view name) {
+    return name.starts_with(temporaryPrefix) &&
+           name.size() == temporaryPrefix.size() + temporaryPattern.size();
+}
+
+/// Removes files of this user's that processes left in the folder which were killed before they put
+/// them in their places: nobody holds their locks. What cannot be removed harms nobody.
+void removeLeftovers(const FileURL &folder) {
+    std::vector<std::string> names;
+    try {
+        names = contentsOfDirectory(folder);
+    } catch (const PlatformError &) {
+        return; // a folder that may be written to need not be one that may be listed
+    }
+    for (const auto &name : names) {
+        const auto path = folder.appending(name).path();
+        const UniqueFD file(isTemporaryName(name) ? ::open(path.c_str(), O_RDONLY | O_NOFOLLOW |
+                                                                             O_CLOEXEC | O_NONBLOCK)
+                                                  : -1);
+        struct stat st {};
+        if (file && ::fstat(file.get(), &st) == 0 && S_ISREG(st.st_mode) &&
+            st.st_uid == ::geteuid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+            ::unlink(path.c_str());
+        }
+    }
+}
+
+/// Lets a file take the place of an old one: whoever had that has this, and nobody else. False,
+/// with errno set, when that cannot be.
+bool takeOver(const UniqueFD &file, const struct stat &old) {
+    const bool isRoot = ::geteuid() == 0;
+    auto mode = S_ISREG(old.st_mode) ? old.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO)
+                                     : mode_t(S_IRUSR | S_IWUSR);
+    if (::fchown(file.get(), isRoot ? old.st_uid : static_cast<uid_t>(-1), old.st_gid) != 0) {
+        if (isRoot) {
+            return false;
+        }
+        mode &= ~static_cast<mode_t>(S_IRWXG); // they would be another group's
+    }
+    // Where modes mean nothing it stays what it is.
+    (void)::fchmod(file.get(), mode);
+    return true;
+}
+
 } // namespace
 
 Date date(std::int64_t seconds, std::int64_t nanoseconds) {
@@ -171,27 +264,28 @@ bool isExecutableFile(const FileURL &url) {
 
 std::optional<FileType> type(const FileURL &url) {
     struct stat st {};
-    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
-        return std::nullopt;
-    }
-    switch (st.st_mode & S_IFMT) {
-    case S_IFREG:
-        return FileType::regular;
-    case S_IFDIR:
-        return FileType::directory;
-    case S_IFLNK:
-        return FileType::symbolicLink;
-    default:
-        return FileType::other;
-    }
+    return status(url, st, AT_SYMLINK_NOFOLLOW) ? std::optional(typeOf(st)) : std::nullopt;
 }
 
 std::optional<Date> modificationDate(const FileURL &url) {
     struct stat st {};
-    if (!status(url, st, AT_SYMLINK_NOFOLLOW)) {
+    return status(url, st, AT_SYMLINK_NOFOLLOW) ? std::optional(dateOf(st)) : std::nullopt;
+}
+
+std::optional<EntryFacts> facts(const FileURL &url, FinalLink link) {
+    struct stat st {};
+    if (status(url, st, link == FinalLink::itself ? AT_SYMLINK_NOFOLLOW : 0)) {
+        return EntryFacts{.type = typeOf(st), .modified = dateOf(st)};
+    }
+    if (isAbsence(errno)) {
         return std::nullopt;
     }
-    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    throwReadError(url, errno, "file");
+}
+
+bool isMissing(const FileURL &url) {
+    struct stat st {};
+    return !status(url, st, 0) && isAbsence(errno);
 }
 
 std::optional<std::string> realPath(std::string_view path) {
@@ -298,9 +392,9 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
     }
     const auto folder = url.parent();
     makeDirectories(folder);
-    // Not made of the file's own name, which may be as long as names can be.
-    auto temporary = folder.appending(".klarbox.XXXXXX").path();
-    UniqueFD file(::mkostemp(temporary.data(), O_CLOEXEC));
+    removeLeftovers(folder);
+    std::string temporary;
+    const auto file = makeTemporary(folder, temporary);
     if (!file) {
         throwWriteError(url, errno);
     }
@@ -309,8 +403,7 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
         throwWriteError(url, code);
     };
     struct stat old {};
-    if (::geteuid() == 0 && status(url, old, AT_SYMLINK_NOFOLLOW) && old.st_uid != 0 &&
-        ::fchown(file.get(), old.st_uid, old.st_gid) != 0) {
+    if (status(url, old, AT_SYMLINK_NOFOLLOW) && !takeOver(file, old)) {
         fail(errno);
     }
     while (!bytes.empty()) {
@@ -326,6 +419,21 @@ void writeAtomically(const FileURL &url, std::string_view bytes) {
     if (::fsync(file.get()) != 0 || ::rename(temporary.c_str(), url.path().c_str()) != 0) {
         fail(errno);
     }
+}
+
+FileURL behindOwnLink(const FileURL &url) {
+    struct stat st {};
+    if (!status(url, st, AT_SYMLINK_NOFOLLOW) || !S_ISLNK(st.st_mode)) {
+        return url;
+    }
+    if (st.st_uid != 0 && st.st_uid != ::geteuid()) {
+        throwWriteError(url, EPERM); // whose it is would choose the file that is replaced
+    }
+    const auto real = realPath(url.path());
+    if (!real) {
+        throwWriteError(url, ENOENT);
+    }
+    return FileURL(*real);
 }
 
 UniqueFD lock(const FileURL &folder) {

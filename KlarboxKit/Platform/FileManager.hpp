@@ -41,6 +41,21 @@ std::optional<FileType> type(const FileURL &url);
 /// has no status.
 std::optional<Date> modificationDate(const FileURL &url);
 
+/// What a look at an entry tells.
+struct EntryFacts {
+    FileType type;
+    Date modified;
+};
+
+/// A look at the entry itself, or at what it leads to when links are `followed`; nothing only when
+/// there is none. Throws when it cannot be looked at: then nobody knows whether there is one.
+enum class FinalLink { itself, followed };
+std::optional<EntryFacts> facts(const FileURL &url, FinalLink link = FinalLink::itself);
+
+/// Whether the path is known to lead to nothing, symbolic links followed. What cannot be looked at
+/// neither `exists` nor is missing.
+bool isMissing(const FileURL &url);
+
 /// The path with every symbolic link resolved; nothing when it does not lead anywhere.
 std::optional<std::string> realPath(std::string_view path);
 
@@ -71,9 +86,13 @@ std::string contents(const FileURL &url, std::size_t limit = SIZE_MAX);
 
 /// Replaces the file at `url` as one step: readers see the old bytes or the new ones, a failure
 /// leaves the old ones, and nothing is written through a symbolic link. Missing parent folders are
-/// made, private to the user. The file is readable by its owner alone: this user, or, when root
-/// replaces a file, whoever owned that.
+/// made, private to the user. A new file is readable by its owner alone, this user; one that
+/// replaces another is for whom that was. Takes away what killed processes left of such a step.
 void writeAtomically(const FileURL &url, std::string_view bytes);
+
+/// The file to replace when `url` is to be: itself or, when it is a link, what this leads to.
+/// Throws when the link is another user's, root apart, or leads to nothing.
+FileURL behindOwnLink(const FileURL &url);
 
 /// Holds a folder among the processes that ask for it like this, until the descriptor is closed;
 /// waits for its turn. Missing folders are made, private to the user. Where a file system knows no

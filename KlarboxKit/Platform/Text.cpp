@@ -7,6 +7,7 @@
 #include <memory>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <utf8proc.h>
 
 namespace klarbox::Text {
@@ -183,6 +184,10 @@ std::vector<std::string> foldedPathComponents(std::string_view path) {
         path = slash == std::string_view::npos ? std::string_view{} : path.substr(slash + 1);
     }
     return components;
+}
+
+std::string foldedPath(std::string_view path) {
+    return fmt::format("/{}", fmt::join(foldedPathComponents(path), "/"));
 }
 
 std::optional<std::size_t> lowercaseLetters(std::string_view text) {

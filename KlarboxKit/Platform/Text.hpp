@@ -19,6 +19,10 @@ std::string lowercased(std::string_view text);
 /// are compared by wherever letter case does not count.
 std::vector<std::string> foldedPathComponents(std::string_view path);
 
+/// An absolute path of these components, for looking it up: equal for two paths exactly when their
+/// components are.
+std::string foldedPath(std::string_view path);
+
 /// How many characters (as people count them) `text` has when each is a lower-case letter; nothing
 /// when any is not.
 std::optional<std::size_t> lowercaseLetters(std::string_view text);

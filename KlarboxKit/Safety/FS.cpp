@@ -1,17 +1,28 @@
 #include "KlarboxKit/Safety/FS.hpp"
 
+#include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 
 namespace klarbox::FS {
 
 namespace {
 
-std::vector<FileURL> sortedURLs(const FileURL &folder, std::vector<std::string> names) {
-    std::erase(names, ".DS_Store");
-    std::ranges::sort(names);
+/// The folder that the path leads to.
+UniqueFD opened(const FileURL &folder) {
+    const auto real = FileManager::realPath(folder.path());
+    auto descriptor = real ? openFolderToSearch(AT_FDCWD, real->c_str()) : UniqueFD();
+    if (!descriptor) {
+        throw PlatformError::posix(errno);
+    }
+    return descriptor;
+}
+
+std::vector<FileURL> locations(const FileURL &folder, const std::vector<std::string> &names) {
     std::vector<FileURL> urls;
     urls.reserve(names.size());
     for (const auto &name : names) {
@@ -20,10 +31,29 @@ std::vector<FileURL> sortedURLs(const FileURL &folder, std::vector<std::string> 
     return urls;
 }
 
+std::vector<FileURL> sortedURLs(const FileURL &folder, std::vector<std::string> names) {
+    std::erase(names, ".DS_Store");
+    if (std::ranges::any_of(names, VolumeTop::isSystemsName)) {
+        VolumeTop::leaveOutSystemsOwn(opened(folder).get(), names);
+    }
+    std::ranges::sort(names);
+    return locations(folder, names);
+}
+
 } // namespace
 
 std::vector<FileURL> children(const FileURL &folder) {
     return sortedURLs(folder, FileManager::contentsOfDirectory(folder));
+}
+
+std::vector<FileURL> systemsOwn(const FileURL &folder) {
+    const auto itself = openFolderToSearch(AT_FDCWD, folder.path().c_str());
+    if (!itself || !VolumeTop::isTop(itself.get())) {
+        return {};
+    }
+    auto names = FileManager::contentsOfDirectory(folder);
+    std::erase_if(names, [](const auto &name) { return !VolumeTop::isSystemsName(name); });
+    return locations(folder, names);
 }
 
 std::vector<FileURL> realDirectories(const FileURL &folder) {

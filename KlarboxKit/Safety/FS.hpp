@@ -12,8 +12,13 @@
 namespace klarbox::FS {
 
 /// The entries of a folder but for ".DS_Store", sorted by the bytes of their names, hidden ones
-/// included. Throws `PlatformError` when the folder cannot be listed.
+/// included, but for what the system keeps at the top of a volume. Throws `PlatformError` when the
+/// folder cannot be listed.
 std::vector<FileURL> children(const FileURL &folder);
+
+/// What `children` leaves out of a folder (itself, no link to one) because the system keeps it at
+/// the top of a volume; none for anything else. Throws `PlatformError` when it cannot be listed.
+std::vector<FileURL> systemsOwn(const FileURL &folder);
 
 /// Those of the `children` that are directories themselves, links to directories left out. Looks at
 /// the entries one by one only where the file system's listing does not tell their types.

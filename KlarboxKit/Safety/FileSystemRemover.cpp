@@ -34,19 +34,20 @@ void naming(const FileURL &url, std::string_view whatFailed, Removal removal) {
     }
 }
 
-int moved(const PinnedEntry &entry, const FileURL &home) {
+int moved(const PinnedEntry &entry, const FileURL &home, const SafetyGuard &guard) {
     const auto status = FileStatus::of(entry.parent(), entry.name.c_str());
     const auto folder = status ? FileStatus::ofOpen(entry.parent()) : std::nullopt;
     if (!folder) {
         return errno;
     }
-    if (status->device != folder->device || status->isMountRoot) {
+    // A file may have a device number of its own, as on layered file systems; folders tell.
+    const bool isElsewhere = status->isDirectory && status->device != folder->device;
+    if (isElsewhere || status->isMountRoot) {
         return EXDEV; // whatever is mounted there is not the folder's to give away
     }
-    const auto ofHome = FileStatus::of(AT_FDCWD, home.path().c_str());
-    if (ofHome && ofHome->device == status->device) {
+    if (const auto trash = TrashFolder::inHome(home, folder->device, guard)) {
         // One file system may be mounted in several places, and a move from one to another is none.
-        const int code = TrashFolder::inHome(home).take(entry);
+        const int code = trash->take(entry);
         if (code != EXDEV) {
             return code;
         }
@@ -54,8 +55,8 @@ int moved(const PinnedEntry &entry, const FileURL &home) {
     return TrashFolder::onVolume(entry).take(entry);
 }
 
-void trash(const PinnedEntry &entry, const FileURL &home) {
-    if (const int code = moved(entry, home); code != 0) {
+void trash(const PinnedEntry &entry, const FileURL &home, const SafetyGuard &guard) {
+    if (const int code = moved(entry, home, guard); code != 0) {
         throw PlatformError::posix(code);
     }
 }
@@ -63,14 +64,15 @@ void trash(const PinnedEntry &entry, const FileURL &home) {
 } // namespace
 
 FileSystemRemover::FileSystemRemover(const FileURL &home)
-    : home_(FileManager::realPath(home.path()).value_or(home.path())) {}
+    : home_(FileManager::realPath(home.path()).value_or(home.path())),
+      guard_(home_) {}
 
 void FileSystemRemover::moveToTrash(const FileURL &url) const {
-    naming(url, "moved to the Trash", [&] { trash(PinnedEntry::open(url), home_); });
+    naming(url, "moved to the Trash", [&] { trash(PinnedEntry::open(url), home_, guard_); });
 }
 
 void FileSystemRemover::moveToTrash(const PinnedEntry &entry) const {
-    naming(entry.location(), "moved to the Trash", [&] { trash(entry, home_); });
+    naming(entry.location(), "moved to the Trash", [&] { trash(entry, home_, guard_); });
 }
 
 void FileSystemRemover::deletePermanently(const FileURL &url) const {

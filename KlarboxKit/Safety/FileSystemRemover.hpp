@@ -2,6 +2,7 @@
 
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Safety/ItemRemover.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
 
 namespace klarbox {
 
@@ -25,6 +26,7 @@ public:
 
 private:
     FileURL home_;
+    SafetyGuard guard_;
 };
 
 } // namespace klarbox

@@ -6,6 +6,7 @@
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <cerrno>
 #include <utility>
@@ -61,7 +62,9 @@ std::shared_ptr<const PinnedFolder> PinnedFolder::open(const PinnedEntry &entry)
 }
 
 std::vector<std::string> PinnedFolder::names() const {
-    return FileManager::contentsOfDirectory(descriptor, location);
+    auto names = FileManager::contentsOfDirectory(descriptor, location);
+    VolumeTop::leaveOutSystemsOwn(descriptor.get(), names);
+    return names;
 }
 
 } // namespace klarbox

@@ -32,8 +32,8 @@ struct PinnedFolder {
     static std::shared_ptr<const PinnedFolder> open(const PinnedEntry &entry);
 
     /// The names of its entries in the order of the file system; once, right after it was opened
-    /// for listing. Throws a `PlatformError` that names the folder when it cannot be listed to its
-    /// end.
+    /// for listing; at the top of a volume without what the system keeps there. Throws a
+    /// `PlatformError`, which names the folder when it cannot be listed to its end.
     std::vector<std::string> names() const;
 };
 

@@ -118,6 +118,11 @@ bool leadsThrough(std::string_view realPath, std::string_view place) {
            (realPath.size() == place.size() || realPath[place.size()] == '/');
 }
 
+bool isTopOfMountedVolume(std::string_view foldedPath) {
+    const auto pieces = Text::foldedPathComponents(foldedPath);
+    return pieces.size() == 2 && pieces.front() == "volumes";
+}
+
 /// The name of what a standardised location names; only an entry of a folder has one.
 std::string nameOf(const FileURL &written) {
     const auto name = written.lastComponent();
@@ -136,13 +141,15 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> 
     for (const auto entry : homeProtectedPaths) {
         listed.push_back(entry.empty() ? home : home + "/" + std::string(entry));
     }
+    const auto trash = home + "/.Trash";
     for (const auto &path : listed) {
-        const auto lowered = Text::lowercased(path);
-        protectedPaths_.insert(lowered);
+        const auto folded = Text::foldedPath(path);
+        protectedPaths_.insert(folded);
         // A listed folder may be a link: then what it leads to is protected as well, by whichever
         // spelling this file system knows the link.
-        protectedPaths_.insert(Text::lowercased(canonicalPath(lowered)));
-        protectedPaths_.insert(Text::lowercased(canonicalPath(path)));
+        auto &places = path == trash ? linkedTrash_ : protectedPaths_;
+        places.insert(Text::foldedPath(canonicalPath(folded)));
+        places.insert(Text::foldedPath(canonicalPath(path)));
     }
     std::ranges::transform(enclosures, std::back_inserter(enclosures_), place);
 }
@@ -236,7 +243,7 @@ void SafetyGuard::judge(const FileURL &written, const FileURL &location, const R
     if (std::ranges::find(candidate, ".git") != candidate.end()) {
         refuse(SafetyViolation::insideGitDirectory);
     }
-    if (protectedPaths_.contains(Text::lowercased(location.path()))) {
+    if (isListed(Text::foldedPath(location.path()))) {
         refuse(SafetyViolation::protectedLocation);
     }
 }
@@ -255,12 +262,17 @@ bool SafetyGuard::leadsOut(Components written, const Components &candidate) cons
 }
 
 bool SafetyGuard::isProtected(const FileURL &url) const {
-    const auto path = Text::lowercased(canonicalPath(url.standardized().path()));
-    if (protectedPaths_.contains(path)) {
-        return true;
-    }
-    const auto pieces = Text::foldedPathComponents(path);
-    return pieces.size() == 2 && pieces.front() == "volumes";
+    const auto path = Text::foldedPath(canonicalPath(url.standardized().path()));
+    return isListed(path) || isTopOfMountedVolume(path);
+}
+
+bool SafetyGuard::mayBeEmptied(const FileURL &target) const {
+    const auto path = Text::foldedPath(canonicalPath(target.standardized().path()));
+    return !protectedPaths_.contains(path) && !isTopOfMountedVolume(path);
+}
+
+bool SafetyGuard::isListed(const std::string &foldedPath) const {
+    return protectedPaths_.contains(foldedPath) || linkedTrash_.contains(foldedPath);
 }
 
 std::string SafetyGuard::canonicalPath(std::string_view path) {

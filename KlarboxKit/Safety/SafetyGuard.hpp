@@ -65,6 +65,10 @@ public:
     /// Whether the location is protected, or is the top folder of a mounted volume.
     bool isProtected(const FileURL &url) const;
 
+    /// Whether a folder that a link leads to may be emptied as if it stood in the link's place:
+    /// when it is not protected, or only for being where the Trash of the home leads.
+    bool mayBeEmptied(const FileURL &target) const;
+
     /// The path with links resolved when it exists, else lexically standardised.
     static std::string canonicalPath(std::string_view path);
 
@@ -81,10 +85,15 @@ private:
     };
 
     static Place place(const FileURL &folder);
+    bool isListed(const std::string &foldedPath) const;
     void judge(const FileURL &written, const FileURL &location, const Root &root) const;
     bool leadsOut(Components written, const Components &candidate) const;
 
-    std::unordered_set<std::string> protectedPaths_; ///< absolute, lower-cased
+    /// By whatever spelling, `Text::foldedPath`s.
+    using Paths = std::unordered_set<std::string>;
+
+    Paths protectedPaths_;
+    Paths linkedTrash_; ///< where the Trash of the home leads when it is a link: not to be removed
     Place home_;
     std::vector<Place> enclosures_;
 };

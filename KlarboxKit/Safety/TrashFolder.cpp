@@ -1,10 +1,12 @@
 #include "KlarboxKit/Safety/TrashFolder.hpp"
 
 #include "KlarboxKit/Platform/DirectoryReader.hpp"
-#include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/RenameExclusively.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Safety/PinnedFolder.hpp"
+#include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -18,6 +20,8 @@ namespace klarbox {
 
 namespace {
 
+constexpr const char *trashName = ".Trash";
+
 constexpr mode_t ownMode = S_IRWXU;
 /// Everybody may have a folder in it, nobody sees or removes another's.
 constexpr mode_t sharedMode = S_ISVTX | S_IWUSR | S_IXUSR | S_IWGRP | S_IXGRP | S_IWOTH | S_IXOTH;
@@ -28,6 +32,17 @@ struct stat statusOf(const UniqueFD &folder) {
         throw PlatformError::posix(errno);
     }
     return status;
+}
+
+/// Of an entry of the folder itself; nothing, with errno set, when it cannot be had.
+std::optional<struct stat> statusOf(const UniqueFD &folder, const char *name) {
+    struct stat status;
+    const bool isThere = ::fstatat(folder.get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return isThere ? std::optional(status) : std::nullopt;
+}
+
+bool isOn(const UniqueFD &folder, std::uint64_t device) {
+    return statusOf(folder).st_dev == device;
 }
 
 [[noreturn]] void throwUnusable(const char *name, int code) {
@@ -89,21 +104,13 @@ UniqueFD openOrMake(const UniqueFD &at, const char *name, mode_t mode, uid_t own
 /// The highest folder above the entry on the same mounted file system.
 UniqueFD topOfVolume(const PinnedEntry &entry) {
     auto folder = openFolderToSearch(entry.parent(), ".");
-    for (;;) {
-        const auto status = folder ? FileStatus::ofOpen(folder.get()) : std::nullopt;
-        if (!status) {
-            throw PlatformError::posix(errno);
-        }
-        if (status->isMountRoot) {
-            return folder;
-        }
-        auto above = openFolderToSearch(folder.get(), "..");
-        const auto next = above ? FileStatus::ofOpen(above.get()) : std::nullopt;
-        if (!next || next->device != status->device || next->inode == status->inode) {
-            return folder;
-        }
-        folder = std::move(above);
+    while (folder && !VolumeTop::isTop(folder.get())) {
+        folder = openFolderToSearch(folder.get(), "..");
     }
+    if (!folder) {
+        throw PlatformError::posix(errno);
+    }
+    return folder;
 }
 
 bool isSafeToShare(const struct stat &status) {
@@ -113,16 +120,48 @@ bool isSafeToShare(const struct stat &status) {
     return isTrusted && (isSticky || !isOpenToOthers);
 }
 
+/// What a Trash that is a link leads to. Whoever else could have made the link, or owns what it
+/// leads to, would get things moved to where they want them.
+UniqueFD openLinked(const FileURL &trash, uid_t owner, const SafetyGuard &guard) {
+    const auto target = PinnedFolder::resolving(trash);
+    auto folder = target ? openFolderToSearch(target->descriptor.get(), ".") : UniqueFD();
+    if (!folder) {
+        throwUnusable(trashName, errno);
+    }
+    if (owner != ::geteuid() || statusOf(folder).st_uid != ::geteuid()) {
+        throwUnsafe(trashName);
+    }
+    if (!guard.mayBeEmptied(target->location)) {
+        throw PlatformError::fileChange(
+            fmt::format("The folder “{}” leads to “{}”, which is protected.", trashName,
+                        Text::visible(target->location.path())),
+            EPERM);
+    }
+    return folder;
+}
+
 } // namespace
 
-TrashFolder TrashFolder::inHome(const FileURL &home) {
+std::optional<TrashFolder> TrashFolder::inHome(const FileURL &home, std::uint64_t device,
+                                               const SafetyGuard &guard) {
     // Whoever names a home by a link means where it leads; below it nothing is followed.
     const UniqueFD folder(::open(home.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) {
-        throw PlatformError::posix(errno);
+    if (!folder && errno == ENOENT) {
+        return std::nullopt;
+    }
+    const auto trash = folder ? statusOf(folder, trashName) : std::nullopt;
+    if (!trash && errno != ENOENT) {
+        throwUnusable(trashName, errno); // it may be the one that this belongs into
+    }
+    if (trash && S_ISLNK(trash->st_mode)) {
+        auto linked = openLinked(home.appending(trashName), trash->st_uid, guard);
+        return isOn(linked, device) ? std::optional(TrashFolder(std::move(linked))) : std::nullopt;
+    }
+    if (!isOn(folder, device)) {
+        return std::nullopt;
     }
     // Someone's Trash stays theirs, also when root is the first to use it.
-    return TrashFolder(openOrMake(folder, ".Trash", ownMode, statusOf(folder).st_uid));
+    return TrashFolder(openOrMake(folder, trashName, ownMode, statusOf(folder).st_uid));
 }
 
 TrashFolder TrashFolder::onVolume(const PinnedEntry &entry) {

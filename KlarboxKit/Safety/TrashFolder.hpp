@@ -3,7 +3,10 @@
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 namespace klarbox {
@@ -11,9 +14,12 @@ namespace klarbox {
 /// One of a user's Trash folders, held open. Movable; safe from any thread.
 class TrashFolder {
 public:
-    /// ".Trash" in a home folder, made when it is missing. Throws a `PlatformError`, also when
-    /// something that is no folder, or a link, is in its place.
-    static TrashFolder inHome(const FileURL &home);
+    /// ".Trash" in a home folder, made when it is missing; nothing when there is no such home, or
+    /// when what is on `device` cannot be moved there. It may be a link of this user's own to a
+    /// folder of this user's that `guard` lets be emptied. Throws a `PlatformError`, also when
+    /// something else is in its place.
+    static std::optional<TrashFolder> inHome(const FileURL &home, std::uint64_t device,
+                                             const SafetyGuard &guard);
 
     /// The user's own folder in ".Trashes" at the top of the volume that holds the entry; both are
     /// made when they are missing. Throws a `PlatformError`, also when something else is in the

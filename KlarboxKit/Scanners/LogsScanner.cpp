@@ -13,19 +13,20 @@ const CategoryInfo &LogsScanner::info() const {
 CategoryScan LogsScanner::scan(const ScanContext &context, std::stop_token stop) const {
     CategoryScan scan{.info = info()};
     const auto root = context.homePath("Library/Logs");
-    if (!FileManager::exists(root)) {
-        return scan;
-    }
     const auto entries = ScannerSupport::childrenOrIssue(root, context, scan);
     scan.items = ScannerSupport::offeredItems(
-        entries, context, stop, [&](const FileURL &entry, std::int64_t size) -> KlarboxItem {
+        entries, context, stop,
+        [&](const FileURL &entry, std::int64_t size) -> std::optional<KlarboxItem> {
+            auto target = ScannerSupport::contentsOrItself(entry, FileManager::FinalLink::followed);
+            if (!target) {
+                return std::nullopt;
+            }
             const std::string name(entry.lastComponent());
-            return {
+            return KlarboxItem{
                 .id = info().id + ":" + name,
                 .title = name,
                 .detail = FS::tildePath(entry, context.home),
-                .target = FileManager::isDirectory(entry) ? KlarboxTarget::contents(entry)
-                                                          : KlarboxTarget::item(entry),
+                .target = *std::move(target),
                 .allowedRoot = root,
                 .size = size,
                 .tier = SafetyTier::safe,

@@ -14,8 +14,7 @@ CategoryScan MailDownloadsScanner::scan(const ScanContext &context, std::stop_to
     CategoryScan scan{.info = info()};
     const auto root =
         context.homePath("Library/Containers/com.apple.mail/Data/Library/Mail Downloads");
-    if (!FileManager::exists(root) ||
-        ScannerSupport::childrenOrIssue(root, context, scan).empty()) {
+    if (ScannerSupport::childrenOrIssue(root, context, scan).empty()) {
         return scan;
     }
     if (const auto size = ScannerSupport::offeredSize(root, context)) {

@@ -45,7 +45,7 @@ CategoryScan OrphanedContainersScanner::scan(const ScanContext &context,
                                              std::stop_token stop) const {
     CategoryScan scan{.info = info()};
     const auto root = context.homePath("Library/Containers");
-    if (!FileManager::exists(root)) {
+    if (FileManager::isMissing(root)) {
         return scan;
     }
     if (!context.environment.hasFullDiskAccess) {

@@ -1,5 +1,6 @@
 #include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
 
+#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Scanners/ArtifactRule.hpp"
@@ -36,13 +37,16 @@ struct Activity {
     std::string description() const;
 };
 
-Activity Activity::of(const FileURL &project, const ScanContext &context) {
+/// When someone last worked on a project; nothing when nothing in it tells. Throws when something
+/// that would tell cannot be looked at.
+std::optional<FileManager::Date> latestChange(const FileURL &project) {
     std::optional<FileManager::Date> latest;
     const auto consider = [&](const FileURL &url) {
-        // Nothing is earlier than every date, and an unknown date later than none.
-        latest = std::max(latest, FS::modificationDate(url));
+        if (const auto facts = FileManager::facts(url)) {
+            latest = std::max(latest, std::optional(facts->modified));
+        }
     };
-    for (const auto &entry : ScannerSupport::childrenOrNone(project)) {
+    for (const auto &entry : FS::children(project)) {
         const auto name = entry.lastComponent();
         if (name == ".git") {
             // The folder itself changes with every look that tools take; these two with work.
@@ -53,9 +57,19 @@ Activity Activity::of(const FileURL &project, const ScanContext &context) {
         }
     }
     if (!latest) {
-        latest = FS::modificationDate(project);
+        consider(project);
     }
-    const auto days = latest ? context.daysSince(*latest) : 0;
+    return latest;
+}
+
+Activity Activity::of(const FileURL &project, const ScanContext &context) {
+    std::int64_t days = 0;
+    try {
+        const auto latest = latestChange(project);
+        days = latest ? context.daysSince(*latest) : 0;
+    } catch (const PlatformError &) {
+        // It may be what somebody works on right now.
+    }
     return {.days = days, .isStale = days > context.settings.staleProjectDays};
 }
 
@@ -191,7 +205,7 @@ std::vector<FileURL> projectRoots(const ScanContext &context) {
     for (const auto &path : context.settings.projectRoots) {
         const auto root = context.expand(path);
         if (FS::isRealDirectory(root) &&
-            seen.insert(Text::lowercased(root.standardized().path())).second) {
+            seen.insert(Text::foldedPath(root.standardized().path())).second) {
             roots.push_back(root);
         }
     }

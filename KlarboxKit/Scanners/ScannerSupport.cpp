@@ -10,9 +10,26 @@
 
 namespace klarbox::ScannerSupport {
 
+namespace {
+
+/// What of a folder stays when it is emptied, and so is not to be counted.
+std::vector<FileURL> systemsOwnOrNone(const FileURL &folder) {
+    try {
+        return FS::systemsOwn(folder);
+    } catch (const PlatformError &) {
+        return {}; // what cannot be listed is not measured either
+    }
+}
+
+} // namespace
+
 std::optional<std::int64_t> offeredSize(std::span<const FileURL> urls, const ScanContext &context,
                                         std::stop_token stop) {
-    const auto size = DiskUsage::allocatedSize(urls, [&] { return stop.stop_requested(); });
+    const auto isStopped = [&] { return stop.stop_requested(); };
+    auto size = DiskUsage::allocatedSize(urls, isStopped);
+    for (const auto &url : urls) {
+        size -= DiskUsage::allocatedSize(systemsOwnOrNone(url), isStopped);
+    }
     return size < 1 || size < context.minimumSize ? std::nullopt : std::optional(size);
 }
 
@@ -42,6 +59,9 @@ std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &c
     try {
         return FS::children(folder);
     } catch (const PlatformError &error) {
+        if (FileManager::isMissing(folder)) {
+            return {};
+        }
         scan.issues.push_back(
             FS::isPermissionError(error)
                 ? ScanIssue::needsFullDiskAccess(FS::tildePath(folder, context.home))
@@ -58,14 +78,24 @@ std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const Sc
             break;
         }
         if (const auto size = offeredSize(entry, context, stop)) {
-            items.push_back(makeItem(entry, *size));
+            if (auto item = makeItem(entry, *size)) {
+                items.push_back(*std::move(item));
+            }
         }
     }
     return items;
 }
 
-KlarboxTarget contentsOrItself(const FileURL &entry) {
-    return FS::isRealDirectory(entry) ? KlarboxTarget::contents(entry) : KlarboxTarget::item(entry);
+std::optional<KlarboxTarget> contentsOrItself(const FileURL &entry, FileManager::FinalLink link) {
+    try {
+        // A link that leads nowhere is still there itself.
+        const auto facts = FileManager::facts(entry, link);
+        return facts && facts->type == FileManager::FileType::directory
+                   ? KlarboxTarget::contents(entry)
+                   : KlarboxTarget::item(entry);
+    } catch (const PlatformError &) {
+        return std::nullopt;
+    }
 }
 
 CacheTraits cacheTraits(std::string_view name, const ScanContext &context,

@@ -32,22 +32,25 @@ std::vector<FileURL> childrenOrNone(const FileURL &folder);
 /// The sorted real directories in a folder; none when it cannot be listed.
 std::vector<FileURL> foldersOrNone(const FileURL &folder);
 
-/// The sorted entries of a folder. When it cannot be listed, `scan` gets an issue that says why
-/// (needs Full Disk Access, or the failure's message) and there are none.
+/// The sorted entries of a folder; none when there is no such folder. When it cannot be listed,
+/// `scan` gets an issue that says why (needs Full Disk Access, or the failure's message) and there
+/// are none.
 std::vector<FileURL> childrenOrIssue(const FileURL &folder, const ScanContext &context,
                                      CategoryScan &scan);
 
-/// What is shown of an entry that is worth offering: the entry and its size in bytes.
-using ItemMaker = std::function<KlarboxItem(const FileURL &entry, std::int64_t size)>;
+/// What is shown of an entry that is worth offering: the entry and its size in bytes. Nothing when
+/// it is not to be offered after all.
+using ItemMaker =
+    std::function<std::optional<KlarboxItem>(const FileURL &entry, std::int64_t size)>;
 
 /// One item for each of the entries that is worth offering, in their order. A requested `stop` ends
 /// it early with the items so far; a default token never does.
 std::vector<KlarboxItem> offeredItems(std::span<const FileURL> entries, const ScanContext &context,
                                       const std::stop_token &stop, const ItemMaker &makeItem);
 
-/// The contents of a folder, so that the folder stays; else the entry itself, which for a link to a
-/// folder is the link.
-KlarboxTarget contentsOrItself(const FileURL &entry);
+/// The contents of a folder, so that the folder stays; else the entry itself. A link to a folder is
+/// a folder only where links are followed. Nothing when it cannot be told which.
+std::optional<KlarboxTarget> contentsOrItself(const FileURL &entry, FileManager::FinalLink link);
 
 /// How a cache folder is offered whose name is, by custom, its application's bundle identifier.
 struct CacheTraits {

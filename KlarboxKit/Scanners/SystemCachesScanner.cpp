@@ -13,17 +13,22 @@ CategoryScan SystemCachesScanner::scan(const ScanContext &context, std::stop_tok
     CategoryScan scan{.info = info()};
     const auto entries = ScannerSupport::childrenOrNone(root_);
     scan.items = ScannerSupport::offeredItems(
-        entries, context, stop, [&](const FileURL &entry, std::int64_t size) -> KlarboxItem {
+        entries, context, stop,
+        [&](const FileURL &entry, std::int64_t size) -> std::optional<KlarboxItem> {
+            auto target = ScannerSupport::contentsOrItself(entry, FileManager::FinalLink::itself);
+            if (!target) {
+                return std::nullopt;
+            }
             const std::string name(entry.lastComponent());
             auto traits = ScannerSupport::cacheTraits(
                 name, context,
                 "Used by macOS. Usually rebuilt, but a system service may misbehave until it "
                 "recreates it or you restart.");
-            return {
+            return KlarboxItem{
                 .id = info().id + ":" + name,
                 .title = std::move(traits.title),
                 .detail = entry.path(),
-                .target = ScannerSupport::contentsOrItself(entry),
+                .target = *std::move(target),
                 .allowedRoot = root_,
                 .size = size,
                 .tier = traits.tier,

@@ -23,12 +23,16 @@ bool isRotated(const FileURL &entry) {
            !FS::isRealDirectory(entry);
 }
 
-KlarboxItem logItem(const FileURL &entry, const FileURL &root, std::int64_t size) {
-    return {
+std::optional<KlarboxItem> logItem(const FileURL &entry, const FileURL &root, std::int64_t size) {
+    auto target = ScannerSupport::contentsOrItself(entry, FileManager::FinalLink::itself);
+    if (!target) {
+        return std::nullopt;
+    }
+    return KlarboxItem{
         .id = CategoryCatalog::systemLogs().id + ":" + entry.path(),
         .title = std::string(entry.lastComponent()),
         .detail = entry.path(),
-        .target = ScannerSupport::contentsOrItself(entry),
+        .target = *std::move(target),
         .allowedRoot = root,
         .size = size,
         .tier = SafetyTier::safe,
@@ -59,12 +63,12 @@ CategoryScan SystemLogsScanner::scan(const ScanContext &context, std::stop_token
             systemEntries, context, stop,
             [&](const FileURL &entry, std::int64_t size) {
                 auto item = logItem(entry, systemLogs_, size);
-                if (!isRotated(entry)) {
-                    item.tier = SafetyTier::review;
-                    item.note = "A system service may still be writing here. Removing it is "
-                                "harmless, but the space may only come back after the service "
-                                "restarts.";
-                    item.isSelectedByDefault = false;
+                if (item && !isRotated(entry)) {
+                    item->tier = SafetyTier::review;
+                    item->note = "A system service may still be writing here. Removing it is "
+                                 "harmless, but the space may only come back after the service "
+                                 "restarts.";
+                    item->isSelectedByDefault = false;
                 }
                 return item;
             }),

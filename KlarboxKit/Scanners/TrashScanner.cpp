@@ -1,6 +1,8 @@
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 
+#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
+#include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 
@@ -16,24 +18,37 @@ const CategoryInfo &TrashScanner::info() const {
 
 CategoryScan TrashScanner::scan(const ScanContext &context, std::stop_token) const {
     CategoryScan scan{.info = info()};
-    addTrash(context.homePath(".Trash"), "Trash", context, scan);
+    addHomeTrash(context, scan);
     for (const auto &volume : ScannerSupport::childrenOrNone(volumesDirectory_)) {
         // The startup volume is among the volumes; its Trash is the one at home.
         if (FileManager::realPath(volume.path()) != "/") {
-            addTrash(volume.appending(fmt::format(".Trashes/{}", ::getuid())),
-                     fmt::format("Trash on {}", volume.lastComponent()), context, scan);
+            const auto folder = volume.appending(fmt::format(".Trashes/{}", ::getuid()));
+            addTrash(folder, folder, fmt::format("Trash on {}", volume.lastComponent()), context,
+                     scan);
         }
     }
     return scan;
 }
 
-void TrashScanner::addTrash(const FileURL &folder, std::string title, const ScanContext &context,
-                            CategoryScan &scan) const {
-    if (!FileManager::exists(folder) ||
-        ScannerSupport::childrenOrIssue(folder, context, scan).empty()) {
+void TrashScanner::addHomeTrash(const ScanContext &context, CategoryScan &scan) const {
+    const auto folder = context.homePath(".Trash");
+    const bool isLink = FileManager::type(folder) == FileManager::FileType::symbolicLink;
+    const auto real = isLink ? FileManager::realPath(folder.path()) : std::nullopt;
+    const auto place = real ? FileURL(*real) : folder;
+    if (real && !SafetyGuard(context.home).mayBeEmptied(place)) {
+        scan.issues.push_back(ScanIssue::failed(fmt::format(
+            "The Trash is a link to “{}”, which is protected.", Text::visible(place.path()))));
         return;
     }
-    const auto size = ScannerSupport::offeredSize(folder, context);
+    addTrash(folder, place, "Trash", context, scan);
+}
+
+void TrashScanner::addTrash(const FileURL &folder, const FileURL &place, std::string title,
+                            const ScanContext &context, CategoryScan &scan) const {
+    if (ScannerSupport::childrenOrIssue(folder, context, scan).empty()) {
+        return;
+    }
+    const auto size = ScannerSupport::offeredSize(place, context);
     if (!size) {
         return;
     }

@@ -16,8 +16,10 @@ public:
     CategoryScan scan(const ScanContext &context, std::stop_token stop) const override;
 
 private:
-    void addTrash(const FileURL &folder, std::string title, const ScanContext &context,
-                  CategoryScan &scan) const;
+    void addHomeTrash(const ScanContext &context, CategoryScan &scan) const;
+    /// `place` is where the folder really lies: there it is measured.
+    void addTrash(const FileURL &folder, const FileURL &place, std::string title,
+                  const ScanContext &context, CategoryScan &scan) const;
 
     FileURL volumesDirectory_;
 };

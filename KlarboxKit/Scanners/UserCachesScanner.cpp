@@ -40,27 +40,28 @@ const CategoryInfo &UserCachesScanner::info() const {
 CategoryScan UserCachesScanner::scan(const ScanContext &context, std::stop_token stop) const {
     CategoryScan scan{.info = info()};
     const auto root = context.homePath("Library/Caches");
-    if (!FileManager::exists(root)) {
-        return scan;
-    }
     auto entries = ScannerSupport::childrenOrIssue(root, context, scan);
     std::erase_if(entries, [&](const FileURL &entry) {
         const auto name = entry.lastComponent();
         return std::ranges::count(developerCacheNames, name) > 0 || name == ownBundleID_;
     });
     scan.items = ScannerSupport::offeredItems(
-        entries, context, stop, [&](const FileURL &entry, std::int64_t size) -> KlarboxItem {
+        entries, context, stop,
+        [&](const FileURL &entry, std::int64_t size) -> std::optional<KlarboxItem> {
+            auto target = ScannerSupport::contentsOrItself(entry, FileManager::FinalLink::followed);
+            if (!target) {
+                return std::nullopt;
+            }
             const std::string name(entry.lastComponent());
             auto traits = ScannerSupport::cacheTraits(
                 name, context,
                 "Used by macOS and Apple apps. Usually rebuilt, but some may sign you out or reset "
                 "state.");
-            return {
+            return KlarboxItem{
                 .id = info().id + ":" + name,
                 .title = std::move(traits.title),
                 .detail = FS::tildePath(entry, context.home),
-                .target = FileManager::isDirectory(entry) ? KlarboxTarget::contents(entry)
-                                                          : KlarboxTarget::item(entry),
+                .target = *std::move(target),
                 .allowedRoot = root,
                 .size = size,
                 .tier = traits.tier,

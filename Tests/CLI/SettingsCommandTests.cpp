@@ -3,7 +3,9 @@
 
 #include "Tests/CLI/Klarbox.hpp"
 
+#include <filesystem>
 #include <thread>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -41,6 +43,31 @@ TEST(SettingsCommand, keepsWhatIsSetAndShowsIt) {
                             .excludedPaths = {"~/Library/Caches/x y", "~/keep"}}));
     // Written aside and renamed: nothing is left beside it.
     EXPECT_THAT(FileManager::contentsOfDirectory(file.parent()), ElementsAre("settings.json"));
+}
+
+/// As those do who keep their settings together elsewhere.
+TEST(SettingsCommand, changesTheFileThatALinkLeadsTo) {
+    const TemporaryTree tree{
+        {"dotfiles/klarbox.json", text(ScanSettings{}.encoded()), {}, 0644},
+        {"settings.json", link("dotfiles/klarbox.json")},
+        {"theirs.json", link("dotfiles/klarbox.json")},
+    };
+    EXPECT_EQ(runKlarbox(tree.root(), "settings --settings settings.json add excludedPaths /kept")
+                  .exitCode,
+              0);
+    EXPECT_EQ(FileManager::type(tree / "settings.json"), FileManager::FileType::symbolicLink);
+    const auto changed = tree / "dotfiles/klarbox.json";
+    EXPECT_THAT(FileManager::contents(changed), HasSubstr("/kept"));
+    EXPECT_EQ(std::filesystem::status(changed.path()).permissions(), std::filesystem::perms(0644));
+    // Not where somebody else wants root to write.
+    if (isRoot()) {
+        ASSERT_EQ(::lchown((tree / "theirs.json").path().c_str(), 12345, 12345), 0);
+        const auto run =
+            runKlarbox(tree.root(), "settings --settings theirs.json add excludedPaths /other");
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_THAT(run.err, HasSubstr("theirs.json"));
+        EXPECT_THAT(FileManager::contents(changed), testing::Not(HasSubstr("/other")));
+    }
 }
 
 TEST(SettingsCommand, losesNothingThatIsAddedAtTheSameTime) {

@@ -6,9 +6,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -153,7 +155,15 @@ TEST(FileManager, replacesFilesAsOneStep) {
         {"target", text("target")},
         {"linked", link("target")},
         {"dangling", link("gone")},
+        // What a killed writer left is taken away, and nothing else.
+        {".klarbox.a1B2c3", bytes(1)},
+        {".klarbox.folder/x", bytes(1)},
+        {".klarbox.linked", link("target")},
+        {".klarbox.longer1", bytes(1)},
+        {".klarbox.locked", bytes(1)},
     };
+    const UniqueFD writer(::open((tree / ".klarbox.locked").path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(writer.get(), LOCK_EX), 0);
     std::ifstream reader((tree / "old").path());
     if (isRoot()) { // who changes somebody's settings must not take them away
         ASSERT_EQ(::chown((tree / "old").path().c_str(), 12345, 12345), 0);
@@ -164,7 +174,7 @@ TEST(FileManager, replacesFilesAsOneStep) {
         EXPECT_EQ(FileManager::contents(tree / name), "new\0bytes"s);
         const auto status = fs::symlink_status((tree / name).path());
         EXPECT_EQ(status.type(), fs::file_type::regular) << name;
-        EXPECT_EQ(status.permissions(), fs::perms(0600)) << name;
+        EXPECT_EQ(status.permissions(), fs::perms(name == "old" ? 0644 : 0600)) << name;
     }
     struct stat old {};
     ASSERT_EQ(::stat((tree / "old").path().c_str(), &old), 0);
@@ -172,7 +182,8 @@ TEST(FileManager, replacesFilesAsOneStep) {
     EXPECT_EQ(fs::status((tree / "a/b").path()).permissions(), fs::perms(0700));
     EXPECT_EQ(FileManager::contents(tree / "target"), "target");
     EXPECT_FALSE(FileManager::type(tree / "gone"));
-    EXPECT_EQ(FileManager::contentsOfDirectory(tree.root()).size(), 7U);
+    EXPECT_FALSE(FileManager::exists(tree / ".klarbox.a1B2c3"));
+    EXPECT_EQ(FileManager::contentsOfDirectory(tree.root()).size(), 7U + 4);
     // Whoever is reading the old file meanwhile gets the whole of it.
     EXPECT_EQ(std::string(std::istreambuf_iterator(reader), {}), "old");
 }

@@ -160,10 +160,12 @@ TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
             {"home/readOnly/item", bytes(1)},
             {"home/readOnly", directory(), std::nullopt, 0500},
             {"linked/item", bytes(1)},
-            {"linked/.Trash", link("../elsewhere")},
+            {"linked/.Trash", link("Documents")},
+            {"linked/Documents", directory()},
+            {"dangling/item", bytes(1)},
+            {"dangling/.Trash", link("nowhere")},
             {"occupied/item", bytes(1)},
             {"occupied/.Trash", bytes(1)},
-            {"elsewhere", directory()},
         };
         const struct {
             const char *item;
@@ -176,9 +178,11 @@ TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
              "“item” couldn’t be moved to the Trash. Permission denied."},
             {"home/none", "home", PlatformError::fileNoSuchFile, ENOENT,
              "“none” couldn’t be moved to the Trash. No such file or directory."},
-            {"linked/item", "linked", PlatformError::fileWriteUnknown, ENOTDIR,
-             "“item” couldn’t be moved to the Trash. The folder “.Trash” couldn’t be used. Not a "
-             "directory."},
+            {"linked/item", "linked", PlatformError::fileWriteNoPermission, EPERM,
+             "/linked/Documents”, which is protected."},
+            {"dangling/item", "dangling", PlatformError::fileNoSuchFile, ENOENT,
+             "“item” couldn’t be moved to the Trash. The folder “.Trash” couldn’t be used. No such "
+             "file or directory."},
             {"occupied/item", "occupied", PlatformError::fileWriteUnknown, ENOTDIR, "“.Trash”"},
         };
         const auto before = manifest(tree.root());
@@ -223,6 +227,17 @@ TEST(FileSystemRemover, givesNobodyAFolderThatItDidNotMake) {
     ASSERT_EQ(::stat((tree / "home/.Trash/key").path().c_str(), &status), 0) << "not exchanged";
     ASSERT_EQ(::stat((tree / "home/.Trash").path().c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, 0U);
+    // Nor does anybody choose by a link, or by what it leads to, where root moves things.
+    tree.add({"mine/item", bytes(1)});
+    tree.add({"theirs/item", bytes(1)});
+    tree.add({"theirs/.Trash", link("../mine")});
+    tree.add({"mine/.Trash", link("../theirs")});
+    ASSERT_EQ(::lchown((tree / "theirs/.Trash").path().c_str(), 12345, 12345), 0);
+    ASSERT_EQ(::chown((tree / "theirs").path().c_str(), 12345, 12345), 0);
+    for (const auto *each : {"mine", "theirs"}) {
+        EXPECT_EQ(trashed((tree / each).appending("item"), tree / each, "isn’t safe"),
+                  std::pair(int(PlatformError::fileWriteNoPermission), EPERM));
+    }
 }
 
 TEST(FileSystemRemover, usesNoTrashOfAVolumeThatAStrangerOwns) {
@@ -248,9 +263,9 @@ TEST(FileSystemRemover, usesNoTrashOfAVolumeThatAStrangerOwns) {
 
 TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
     const TemporaryTree tree{
-        {"home/mounted", directory()}, {"disk", directory()}, {"unsafe", directory()},
-        {"linked", directory()},       {"full", directory()}, {"bound", directory()},
-        {"elsewhere/item", bytes(1)},
+        {"home/mounted", directory()}, {"disk", directory()},    {"unsafe", directory()},
+        {"linked", directory()},       {"full", directory()},    {"bound", directory()},
+        {"elsewhere/item", bytes(1)},  {"layered", directory()},
     };
     inIsolatedProcess([&] {
         if (!enterMountNamespace()) {
@@ -269,6 +284,16 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
         tree.add({"ann", link("disk/ann")});
         EXPECT_EQ(trashed(tree / "disk/ann/item", tree / "ann"), moved);
         EXPECT_TRUE(FileManager::exists(tree / "disk/ann/.Trash/item"));
+        // Where the Trash is a link, what lies on the disk that it leads to is moved there.
+        tree.add({"disk/far/notes", bytes(1)});
+        tree.add({"unsafe/bob/.Trash", link("../../disk/far")});
+        for (const auto *item : {"disk/c/notes", "unsafe/bob/notes"}) {
+            tree.add({item, bytes(1)});
+            EXPECT_EQ(trashed(tree / item, tree / "unsafe/bob"), moved);
+        }
+        EXPECT_TRUE(FileManager::exists(tree / "disk/far/notes 2"));
+        EXPECT_TRUE(FileManager::exists(tree / ("unsafe/" + own + "/notes")));
+        std::filesystem::remove_all((tree / "unsafe/.Trashes").path());
         EXPECT_EQ(FileManager::contents(tree / ("disk/" + own + "/item")), "moved");
         EXPECT_EQ(modeOf(tree / "disk/.Trashes"), 01333U);
         EXPECT_EQ(modeOf(tree / ("disk/" + own)), 0700U);
@@ -277,6 +302,18 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
         ASSERT_TRUE(bindOn(tree / "elsewhere", tree / "bound"));
         EXPECT_EQ(trashed(tree / "bound/item", home), moved);
         EXPECT_TRUE(FileManager::type(tree / ("elsewhere/" + own + "/item")));
+
+        // Where files and folders of one file system have different device numbers.
+        for (const auto *path : {"unsafe/lower/home/item", "disk/upper/home/x", "disk/work/x"}) {
+            tree.add({path, bytes(1)});
+        }
+        const auto layers = fmt::format("lowerdir={0}/unsafe/lower,upperdir={0}/disk/upper,"
+                                        "workdir={0}/disk/work,xino=off",
+                                        tree.root().path());
+        if (::mount("none", (tree / "layered").path().c_str(), "overlay", 0, layers.c_str()) == 0) {
+            EXPECT_EQ(trashed(tree / "layered/home/item", tree / "layered/home"), moved);
+            EXPECT_TRUE(FileManager::exists(tree / "layered/home/.Trash/item"));
+        }
 
         tree.add({"unsafe/.Trashes", directory()});
         std::filesystem::permissions((tree / "unsafe/.Trashes").path(),
@@ -295,6 +332,18 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
             EXPECT_EQ(trashed(tree / item, home), codes) << item;
             EXPECT_TRUE(FileManager::type(tree / item)) << item;
         }
+
+        // A home that cannot be looked at may have a Trash on the same volume.
+        tree.add({"disk/closed/home", directory()});
+        tree.add({"disk/open/item", bytes(1)});
+        for (const auto &[name, mode] :
+             {std::pair("", 0755), {"disk", 0777}, {"disk/open", 0777}, {"disk/closed", 0}}) {
+            std::filesystem::permissions((tree / name).path(), std::filesystem::perms(mode));
+        }
+        becomeOrdinaryUser();
+        EXPECT_EQ(trashed(tree / "disk/open/item", tree / "disk/closed/home"),
+                  std::pair(int(PlatformError::fileWriteNoPermission), EACCES));
+        EXPECT_TRUE(FileManager::exists(tree / "disk/open/item"));
     });
 }
 

@@ -1,3 +1,5 @@
+#include "KlarboxKit/Cleaning/Cleaner.hpp"
+#include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Scanners/InstallersScanner.hpp"
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 #include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
@@ -5,6 +7,7 @@
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 #include "KlarboxKit/Scanners/UserCachesScanner.hpp"
 
+#include "Tests/Safety/HardTrees.hpp"
 #include "Tests/Scanners/ScanResults.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
@@ -25,14 +28,16 @@ using testing::UnorderedElementsAre;
 TEST(CacheScanners, judgeEntriesByTheirApplication) {
     const TemporaryTree home{{"system/file", bytes(5000)}};
     addFiles(home, "Library/Caches/",
-             "Com.apple.x/a com.apple.Music/a com.apple.Safari/a com.appleseed/a org.example.on/a");
+             "Com.apple.x/a com.apple.Music/a com.apple.Safari/a com.appleseed/a org.example.on/a "
+             // Those of developer tools and of the program itself are left out.
+             "Yarn/a pip com.github.xcpretty org.example.own");
     addFiles(home, "system/", "com.apple.Safari/a org.example.on/a");
     auto context = scanContext(home.root());
     context.environment.runningBundleIDs = {"org.example.on", "com.apple.Music"};
     context.environment.installedAppName = [](std::string_view id) {
         return id == "org.example.on" ? std::optional<std::string>("On") : std::nullopt;
     };
-    EXPECT_EQ(offers(UserCachesScanner(), context, home.root()), R"(
+    EXPECT_EQ(offers(UserCachesScanner("org.example.own"), context, home.root()), R"(
 user-caches:* | * | ~ | contents $/Library/Caches/Com.apple.x | .. | [x] safe
 user-caches:* | * | ~ | contents $/Library/Caches/com.apple.Music | .. | [ ] review
     The app is running.
@@ -54,16 +59,6 @@ system-caches:* | On | @ | contents $/system/org.example.on | .. | [ ] safe perm
     The app is running.
     Quit it first so it doesn't recreate files while cleaning.
 system-caches:* | * | @ | item $/system/file | .. | [x] safe permanent root)");
-}
-
-TEST(UserCachesScanner, leavesOutDeveloperToolsAndTheProgramItself) {
-    const TemporaryTree home;
-    addFiles(home, "Library/Caches/",
-             "Homebrew Yarn pip pypoetry CocoaPods ms-playwright node-gyp go-build JetBrains "
-             "org.swift.swiftpm pnpm deno electron electron-builder typescript Cypress "
-             "com.github.xcpretty org.example.own yarn org.example.own.beta");
-    const auto scan = UserCachesScanner("org.example.own").scan(scanContext(home.root()), {});
-    EXPECT_THAT(titles(scan), UnorderedElementsAre("yarn", "org.example.own.beta"));
 }
 
 /// Folders stay and files go, largest first.
@@ -98,6 +93,45 @@ TEST(EntryScanners, measureLinksAsThemselves) {
                 HasSubstr("| item $/Library/Caches/linked |"));
 }
 
+/// A cache that is a disk of its own has a Trash in it as soon as something was cleaned.
+TEST(CacheScanners, takeNothingThatTheSystemKeepsAtTheTopOfAVolume) {
+    const std::string kept = ".Trashes/0/a .fseventsd/a .Spotlight-V100/a lost+found/a "
+                             ".DocumentRevisions-V100/a .TemporaryItems/a .TRASH-1000/a ";
+    const std::string taken = "own/lost+found/a .Trash-x/a .trashes2/a";
+    const TemporaryTree home{{"linked", link("Library/Caches/disk")},
+                             {"Library/Caches", directory()}};
+    inIsolatedProcess([&] {
+        if (!enterMountNamespace()) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        const auto caches = home / "Library/Caches";
+        for (const auto &disk : {caches, caches.appending("disk")}) {
+            ASSERT_TRUE(FileManager::exists(disk) || ::mkdir(disk.path().c_str(), 0700) == 0);
+            ASSERT_TRUE(mountOn(disk));
+            addFiles(home, FS::tildePath(disk, home.root()).substr(2) + "/", kept + taken);
+        }
+        const auto context = scanContext(home.root());
+        const auto scan = UserCachesScanner().scan(context, {});
+        EXPECT_THAT(titles(scan), ElementsAre("disk", ".Trash-x", ".trashes2", "own"));
+        EXPECT_EQ(FS::children(home / "linked").size(), 3U);
+        // The files of three folders; none of the folders takes any space there.
+        EXPECT_EQ(scan.items.at(0).size,
+                  3 * DiskUsage::allocatedSize(home / "Library/Caches/disk/own/lost+found/a"));
+
+        const Cleaner cleaner(std::make_shared<SafetyGuard>(home.root()),
+                              std::make_shared<FileSystemRemover>(home.root()),
+                              context.environment.runner, nullptr, {});
+        const auto ignore = [](auto &&...) {};
+        const auto report = cleaner.clean(scan.items, RemovalMode::deletePermanently, ignore);
+        EXPECT_TRUE(report.failures().empty());
+        EXPECT_THAT(titles(UserCachesScanner().scan(context, {})), IsEmpty());
+        for (const auto &path : words(kept)) {
+            EXPECT_TRUE(FileManager::exists(caches.appending(path))) << path;
+            EXPECT_TRUE(FileManager::exists(caches.appending("disk/" + path))) << path;
+        }
+    });
+}
+
 TEST(TrashScanner, offersTheHomeTrashAndThoseOfOtherVolumes) {
     const auto mine = "/.Trashes/" + std::to_string(::getuid());
     const TemporaryTree tree{
@@ -125,6 +159,27 @@ trash:@ | Trash on Zip | @ | contents $/V/Zip/MINE | @ | [ ] review permanent WH
     EXPECT_THAT(titles(scan), ElementsAre("Trash", "Trash on Backup", "Trash on Zip"));
     ASSERT_EQ(scan.issues.size(), 1U);
     EXPECT_TRUE(std::holds_alternative<ScanIssue::Failed>(scan.issues[0].value()));
+}
+
+TEST(TrashScanner, takesALinkedTrashForTheFolderThatItLeadsTo) {
+    const TemporaryTree tree{{"home/.Trash", link("../far")},
+                             {"far/old", bytes(9000)},
+                             {"bad/.Trash", link("Documents")},
+                             {"bad/Documents/work", bytes(9000)}};
+    const TrashScanner scanner(tree / "none");
+    const auto context = scanContext(tree / "home");
+    const auto scan = scanner.scan(context, {});
+    ASSERT_EQ(each(scan, &KlarboxItem::size), std::vector{DiskUsage::allocatedSize(tree / "far")});
+    const Cleaner cleaner(std::make_shared<SafetyGuard>(context.home),
+                          std::make_shared<FileSystemRemover>(context.home),
+                          context.environment.runner, nullptr, {});
+    const auto report = cleaner.clean(scan.items, RemovalMode::moveToTrash, [](auto &&...) {});
+    EXPECT_TRUE(report.failures().empty());
+    EXPECT_THAT(FS::children(context.home.appending(".Trash")), IsEmpty()); // and the link is there
+    // What is protected is no Trash.
+    const auto refused = scanner.scan(scanContext(tree / "bad"), {});
+    EXPECT_THAT(refused.items, IsEmpty());
+    EXPECT_EQ(refused.issues.size(), 1U);
 }
 
 /// The startup volume is among the volumes, but its Trash is the one at home.

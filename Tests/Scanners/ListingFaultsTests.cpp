@@ -4,7 +4,9 @@
 #include "KlarboxKit/Scanners/InstallersScanner.hpp"
 #include "KlarboxKit/Scanners/LogsScanner.hpp"
 #include "KlarboxKit/Scanners/MailDownloadsScanner.hpp"
+#include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
 #include "KlarboxKit/Scanners/SystemCachesScanner.hpp"
+#include "KlarboxKit/Scanners/SystemLogsScanner.hpp"
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 #include "KlarboxKit/Scanners/UserCachesScanner.hpp"
 
@@ -13,6 +15,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +26,7 @@ namespace {
 thread_local int openError = 0;         // every folder fails to open
 thread_local int readError = 0;         // every listing breaks off before its end
 thread_local bool listsNoTypes = false; // entries come without a type
+thread_local std::string hiddenPath;    // what ends in this may not be looked at
 
 } // namespace
 
@@ -43,6 +47,15 @@ extern "C" dirent *readdir(DIR *stream) {
         entry->d_type = DT_UNKNOWN;
     }
     return entry;
+}
+
+extern "C" int fstatat(int at, const char *name, struct stat *status, int flags) noexcept {
+    static const auto real = reinterpret_cast<decltype(&::fstatat)>(::dlsym(RTLD_NEXT, "fstatat"));
+    if (!hiddenPath.empty() && std::string_view(name).ends_with(hiddenPath)) {
+        errno = EACCES;
+        return -1;
+    }
+    return real(at, name, status, flags);
 }
 
 namespace klarbox::test {
@@ -70,8 +83,10 @@ TEST(ListingFaults, areIssuesOnlyWhereThePersonCanHelp) {
         SCOPED_TRACE(scanner->info().id);
         EXPECT_EQ(scanner->scan(context, {}).items.size(), 1U);
         openError = EACCES;
+        hiddenPath = path.empty() ? "" : path.substr(1); // nor does it pass for missing
         auto scan = scanner->scan(context, {});
         openError = 0;
+        hiddenPath.clear();
         EXPECT_THAT(scan.items, IsEmpty());
         EXPECT_EQ(scan.issues, path.empty() ? std::vector<ScanIssue>{}
                                             : std::vector{ScanIssue::needsFullDiskAccess(path)});
@@ -83,6 +98,40 @@ TEST(ListingFaults, areIssuesOnlyWhereThePersonCanHelp) {
         ASSERT_EQ(scan.issues.size(), path.empty() ? 0U : 1U);
         EXPECT_TRUE(path.empty() ||
                     std::holds_alternative<ScanIssue::Failed>(scan.issues[0].value()));
+    }
+}
+
+TEST(ListingFaults, neverMakeAnythingPassForWhatItIsNot) {
+    const TemporaryTree home{
+        {"code/P/.venv/pyvenv.cfg", bytes(9000)}, {"code/P/.git/index", bytes(1), daysAgo(99)},
+        {"code/P/a", bytes(1), daysAgo(99)},      {"cache/app.gz/a", bytes(9000)},
+        {"Library/Caches", link("../cache")},     {"Library/Logs", link("../cache")}};
+    auto context = scanContext(home.root());
+    context.settings.projectRoots = {"~/code"};
+    const auto cache = home / "cache";
+    const auto projects = std::make_shared<ProjectArtifactsScanner>();
+    const struct {
+        std::shared_ptr<const CategoryScanner> scanner;
+        std::string hidden;
+        std::vector<bool> selected; ///< of what is offered
+    } rows[] = {
+        {projects, "none", {true}},
+        {projects, "/P/.git/index", {false}},
+        {projects, "/P/.git/logs/HEAD", {false}}, // which is not there, but who knows
+        {projects, "/P/a", {false}},
+        // Whether they are folders, which stay when they are emptied, or files, which go.
+        {std::make_shared<UserCachesScanner>(), "none", {true}},
+        {std::make_shared<UserCachesScanner>(), "/app.gz", {}},
+        {std::make_shared<LogsScanner>(), "/app.gz", {}},
+        {std::make_shared<SystemCachesScanner>(cache), "/app.gz", {}},
+        {std::make_shared<SystemLogsScanner>(home / "none", cache), "/app.gz", {}},
+    };
+    for (const auto &[scanner, hidden, selected] : rows) {
+        hiddenPath = hidden;
+        const auto scan = scanner->scan(context, {});
+        hiddenPath.clear();
+        EXPECT_EQ(each(scan, &KlarboxItem::isSelectedByDefault), selected)
+            << scanner->info().id << " without " << hidden;
     }
 }
 

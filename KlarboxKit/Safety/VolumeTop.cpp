@@ -1,0 +1,53 @@
+#include "KlarboxKit/Safety/VolumeTop.hpp"
+
+#include "KlarboxKit/Platform/FileStatus.hpp"
+#include "KlarboxKit/Platform/OpenFolder.hpp"
+#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Platform/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace klarbox::VolumeTop {
+
+namespace {
+
+constexpr std::array<std::string_view, 7> systemsNames{
+    ".trashes",        ".trash",     ".fseventsd", ".spotlight-v100", ".documentrevisions-v100",
+    ".temporaryitems", "lost+found",
+};
+
+/// Desktops have a Trash for each user, called by the number.
+constexpr std::string_view trashOfUser = ".trash-";
+
+} // namespace
+
+bool isTop(int folder) {
+    const auto status = FileStatus::ofOpen(folder);
+    if (!status) {
+        throw PlatformError::posix(errno);
+    }
+    if (status->isMountRoot) {
+        return true;
+    }
+    const auto above = openFolderToSearch(folder, "..");
+    const auto next = above ? FileStatus::ofOpen(above.get()) : std::nullopt;
+    return !next || next->device != status->device || next->inode == status->inode;
+}
+
+bool isSystemsName(std::string_view name) {
+    // Many of these file systems do not know upper case from lower.
+    const auto folded = Text::lowercased(name);
+    return std::ranges::count(systemsNames, folded) > 0 ||
+           (folded.starts_with(trashOfUser) && folded.size() > trashOfUser.size() &&
+            folded.find_first_not_of("0123456789", trashOfUser.size()) == std::string::npos);
+}
+
+void leaveOutSystemsOwn(int folder, std::vector<std::string> &names) {
+    if (std::ranges::any_of(names, isSystemsName) && isTop(folder)) {
+        std::erase_if(names, isSystemsName);
+    }
+}
+
+} // namespace klarbox::VolumeTop
