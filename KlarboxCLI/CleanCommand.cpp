@@ -9,6 +9,7 @@
 #include "KlarboxCLI/ScanSession.hpp"
 #include "KlarboxCLI/ScanTable.hpp"
 #include "KlarboxCLI/Selection.hpp"
+#include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iostream>
 #include <memory>
 #include <system_error>
 #include <unistd.h>
@@ -31,17 +31,6 @@ namespace {
 /// Whether questions can be asked: they go to standard error, answers come from standard input.
 bool canAsk() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
-}
-
-/// The answer to a question, without its line end; empty at the end of input.
-std::string ask(const std::string &question) {
-    write(stderr, question);
-    std::string answer;
-    if (!std::getline(std::cin, answer)) {
-        write(stderr, "\n");
-        return {};
-    }
-    return answer;
 }
 
 /// Lets the person choose from a numbered list.
@@ -81,6 +70,8 @@ struct Plan {
     std::int64_t bytes = 0;
     std::size_t permanent = 0;
     std::size_t trashed = 0;
+    std::size_t irreplaceable =
+        0;                        ///< of what goes at once, by a command too, what is not made anew
     std::string privilegedRemark; ///< about what belongs to the system; empty without any
     std::vector<std::string> commands;
 
@@ -88,15 +79,19 @@ struct Plan {
         : count(items.size()) {
         std::size_t privileged = 0;
         for (const auto &item : items) {
+            const std::size_t lasting = item.tier == SafetyTier::safe ? 0 : 1;
             bytes = saturatingAdd(bytes, item.size);
             if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
                 commands.push_back(Text::visible(command->action.displayString()));
+                irreplaceable += lasting;
             } else if (item.requiresPrivileges) {
                 ++privileged;
                 permanent += access.canRemove() ? 1 : 0;
+                irreplaceable += access.canRemove() ? lasting : 0;
             } else if (mode == RemovalMode::deletePermanently ||
                        item.removalPolicy == RemovalPolicy::permanentOnly) {
                 ++permanent;
+                irreplaceable += lasting;
             } else {
                 ++trashed;
             }
@@ -128,6 +123,10 @@ struct Plan {
         if (!privilegedRemark.empty()) {
             add(privilegedRemark);
         }
+        if (irreplaceable > 0) {
+            add("What goes and does not come back by itself: " +
+                DisplayText::count(irreplaceable, "item") + ".");
+        }
         for (const auto &command : commands) {
             add("This command will be run: " + command);
         }
@@ -146,13 +145,16 @@ std::string helperRemark(std::chrono::seconds elapsed) {
                        elapsed.count() % 60);
 }
 
+/// Asks. A habit must not be enough for what nobody can bring back.
 bool confirmed(const Plan &plan, std::size_t width) {
+    const bool isGrave = plan.irreplaceable > 0;
     const auto answer = ask(fmt::format(
-        "{}Clean {} ({}){}? [y/N] ", plan.description(width),
-        DisplayText::count(plan.count, "item"), DisplayText::size(plan.bytes),
-        plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
+        "{}Clean {} ({}){}? {} ", plan.description(width), DisplayText::count(plan.count, "item"),
+        DisplayText::size(plan.bytes),
+        plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : "",
+        isGrave ? "Type \"delete\" to go on [no]:" : "[y/N]"));
     const auto word = Text::lowercased(Text::trimmed(answer));
-    return word == "y" || word == "yes";
+    return isGrave ? word == "delete" : word == "y" || word == "yes";
 }
 
 /// Whether the report could be written. What was cleaned stays cleaned when it could not, so that

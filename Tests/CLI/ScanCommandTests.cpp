@@ -247,7 +247,7 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
                       "system-logs --category project-artifacts --category docker" +
                       demo.options;
     for (const int columns : {30, 40, 63, 64, 80, 120}) {
-        const auto run = runKlarboxOnTerminal(demo.folder.root(), scan, "", columns);
+        const auto run = runKlarboxOnTerminal(demo.folder.root(), scan, {}, columns);
         EXPECT_EQ(run.exitCode, 0);
         EXPECT_THAT(run.out, AllOf(HasSubstr("Scanning: "), HasSubstr("App Caches"),
                                    HasSubstr("[x]"), HasSubstr("review"), HasSubstr("Photos"),
@@ -257,7 +257,7 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
                   static_cast<std::size_t>(columns));
     }
     const auto plain = scan + "--no-progress --color never";
-    EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(), plain, "").out,
+    EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(), plain, {}).out,
                 AllOf(Not(HasSubstr("Scanning")), Not(HasSubstr("\x1b"))));
 }
 
