@@ -19,7 +19,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -157,17 +157,47 @@ bool confirmed(const Plan &plan, std::size_t width) {
     return isGrave ? word == "delete" : word == "y" || word == "yes";
 }
 
-/// Whether the report could be written. What was cleaned stays cleaned when it could not, so that
-/// this must not look like wrong usage, after which nothing was touched.
-bool reportWritten(const std::string &text) {
+/// The report as text. What was cleaned stays cleaned when there is no report, so that this must
+/// not look like wrong usage, after which nothing was touched: false then, and nothing is thrown.
+bool isReported(const std::vector<KlarboxItem> &items, const CleanReport &report, bool asJSON,
+                const OutputStyle &style) noexcept {
+    constexpr std::string_view lost = "klarbox: clean: the report of what was done is lost: ";
     try {
-        write(stdout, text);
+        write(stdout, asJSON ? encodeJSON(cleanDocument(report), 2) + "\n"
+                             : reportTable(items, report, style));
         return true;
-    } catch (const std::system_error &error) {
-        tell(
-            fmt::format("klarbox: clean: the report of what was done is lost: {}\n", error.what()));
-        return false;
+    } catch (const std::bad_alloc &) {
+        tell(lost);
+        tell("out of memory\n");
+    } catch (const std::exception &error) {
+        tell(lost);
+        tell(error.what());
+        tell("\n");
     }
+    return false;
+}
+
+/// Says how many items a stop left alone.
+void tellLeft(std::size_t count) noexcept {
+    try {
+        tell(fmt::format("Stopped; {} left as found.\n",
+                         DisplayText::count(count, "selected item")));
+    } catch (const std::bad_alloc &) {
+        tell("Stopped; what is not reported is left as found.\n");
+    }
+}
+
+/// Memory for the report, held while others use up the rest: as much as its document takes, of
+/// which its text is a part.
+std::vector<char> roomForReport(const std::vector<KlarboxItem> &items) {
+    constexpr std::size_t forEach = 4096;
+    std::size_t size = 0;
+    for (const auto &item : items) {
+        size += forEach + 4 * (item.id.size() + item.title.size());
+    }
+    std::vector<char> room;
+    room.reserve(size);
+    return room;
 }
 
 } // namespace
@@ -250,28 +280,36 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     }
     const Cleaner cleaner(guard, std::make_shared<FileSystemRemover>(session.context().home),
                           session.context().environment.runner, access.remover(), excluded);
+    const auto show = [&](std::int64_t index, std::int64_t total, const std::string &title) {
+        if (index < total) {
+            progress->show(
+                fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+        }
+    };
+    auto room = roomForReport(items);
     const auto report = cleaner.clean(
         items, mode,
         [&](std::int64_t index, std::int64_t total, const std::string &title) {
-            if (index < total) {
-                progress->show(
-                    fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+            try {
+                show(index, total, title);
+            } catch (const std::bad_alloc &) {
+                progress->clear(); // no line rather than a wrong one
             }
         },
         interrupt.token());
+    // From here on something may be gone: nothing ends as if nothing had been touched.
     progress->clear();
-
-    const auto text = options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
-                                        : reportTable(items, report, outputStyle);
-    const bool isReported = reportWritten(text);
+    room = {};
+    const bool isTold = isReported(items, report, options.scan.json, outputStyle);
     if (interrupt.wasRequested()) {
         if (const auto left = items.size() - report.outcomes.size(); left > 0) {
-            tell(fmt::format("Stopped; {} left as found.\n",
-                             DisplayText::count(left, "selected item")));
+            tellLeft(left);
         }
         return interrupt.exitCode();
     }
-    return isReported && report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;
+    const bool isClean = std::ranges::none_of(
+        report.outcomes, [](const CleanOutcome &outcome) { return outcome.result.isFailure(); });
+    return isTold && isClean ? ExitCode::done : ExitCode::cleaningFailed;
 }
 
 } // namespace klarbox

@@ -1,7 +1,9 @@
+#include "KlarboxCLI/Application.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
+#include "Tests/Support/MemoryEnds.hpp"
 
 #include <algorithm>
 #include <csignal>
@@ -246,6 +248,31 @@ TEST(CleanCommand, controlCFinishesTheItemInHandAndReportsAndASecondStopsAtOnce)
             EXPECT_EQ(document(run).at("outcomes")[0].at("result").at("kind"), "ranCommand");
         }
         EXPECT_TRUE(eventually([&] { return FileManager::exists(home / "ended"); })); // as it said
+    }
+}
+
+/// What is to be gone for memory to be out.
+std::string lastFile;
+
+TEST(CleanCommand, doesNotEndAsIfNothingWereTouchedWhenMemoryEndsWithTheLastItem) {
+    const TemporaryTree home{{"Library/Caches/com.example.a/x", bytes(2'000'000)}};
+    lastFile = (home / "Library/Caches/com.example.a/x").path();
+    for (const std::string options : {"", "--json "}) {
+        EXPECT_EXIT(
+            {
+                ::setenv("HOME", home.root().path().c_str(), 1);
+                isMemoryOut = [] { return ::access(lastFile.c_str(), F_OK) != 0; };
+                auto arguments = words("klarbox clean --yes --permanent --default-selection "
+                                       "--category user-caches " +
+                                       options);
+                std::vector<char *> pointers;
+                for (auto &argument : arguments) {
+                    pointers.push_back(argument.data());
+                }
+                ::_exit(runApplication(static_cast<int>(pointers.size()), pointers.data()));
+            },
+            testing::ExitedWithCode(1), "the report of what was done is lost: out of memory");
+        home.add({"Library/Caches/com.example.a/x", bytes(2'000'000)});
     }
 }
 

@@ -7,6 +7,7 @@
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
 #include "Tests/Support/FileSystemCalls.hpp"
+#include "Tests/Support/MemoryEnds.hpp"
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
@@ -386,6 +387,34 @@ TEST(Cleaner, turnsWhateverIsThrownIntoAnOutcome) {
     EXPECT_EQ(Collaborators{.runner = std::make_shared<ThrowingRunner>()}.clean(
                   fileItem(KlarboxTarget::command({FileURL("/brew"), {}}), {})),
               "failed: out of processes");
+}
+
+TEST(Cleaner, tellsWhatIsGoneWhereverMemoryEnds) {
+    bool isOut = true;
+    for (int allocations = 0; isOut; ++allocations) {
+        const TemporaryTree tree{{"root/a", bytes(1)}, {"root/b", bytes(1)}, {"root/c", bytes(1)}};
+        const auto each = DiskUsage::allocatedSize(tree / "root/a");
+        const std::vector items{
+            fileItem(target(tree.root(),
+                            allocations % 2 == 0 ? "contents root" : "items root/a root/b root/c"),
+                     allocations % 2 == 0 ? tree / "root" : tree.root())};
+        const auto cleaner = Collaborators{}.cleaner();
+        CleanReport report;
+        try {
+            const MemoryFor memory(allocations);
+            report = cleaner.clean(items, deletePermanently, ignoreProgress);
+            isOut = memory.hasEnded();
+        } catch (const std::bad_alloc &) {
+            report.outcomes = {{.id = "", .title = "", .result = CleanResult::failed("")}};
+        }
+        const auto gone = 3 - std::ssize(FileManager::contentsOfDirectory(tree / "root"));
+        const auto &outcome = report.outcomes.at(0);
+        SCOPED_TRACE(fmt::format("{}: {} gone, {}", allocations, gone, text(outcome)));
+        EXPECT_EQ(outcome.bytes, gone * each);
+        EXPECT_EQ(std::holds_alternative<CleanResult::Removed>(outcome.result.value()), gone == 3);
+        EXPECT_EQ(std::holds_alternative<CleanResult::Partial>(outcome.result.value()),
+                  gone == 1 || gone == 2);
+    }
 }
 
 TEST(Cleaner, leavesAloneWhatTheSettingsExclude) {
