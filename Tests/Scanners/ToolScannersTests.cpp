@@ -62,6 +62,9 @@ TEST(DockerScanner, saysSoWhenDockerDoesNotRun) {
         EXPECT_THAT(scan.items, IsEmpty());
         EXPECT_THAT(scan.issues, ElementsAre(expected));
     }
+    const auto refused = dockerContext({CommandResult::notStarted, "Not yours."}, {0, "1GB"});
+    EXPECT_THAT(DockerScanner().scan(refused, {}).issues,
+                ElementsAre(ScanIssue::failed("Docker could not be asked: Not yours.")));
     // A stopped scan says nothing about Docker.
     const auto context = dockerContext({-2, "Timed out"}, {0, ""});
     EXPECT_EQ(offers(DockerScanner(), context, context.home, stopped()), "");
