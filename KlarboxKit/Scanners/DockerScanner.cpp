@@ -21,9 +21,6 @@ std::optional<std::int64_t> bytes(std::string_view text) {
     return SizeText::bytes(text, 1000);
 }
 
-/// Longest line that is decoded, in bytes; real rows are a hundredth of it.
-constexpr std::size_t maximumRow = std::size_t{64} * 1024;
-
 /// Why Docker told nothing.
 std::string failure(const CommandResult &report) {
     return report.exitCode == CommandResult::notStarted
@@ -47,9 +44,6 @@ std::map<std::string, std::int64_t, std::less<>>
 DockerScanner::parseSystemDF(std::string_view report) {
     std::map<std::string, std::int64_t, std::less<>> reclaimable;
     for (const auto line : Text::lines(report)) {
-        if (line.size() > maximumRow) {
-            continue;
-        }
         try {
             const auto row = parseJSON(line);
             auto type = requiredString(row, "Type");
