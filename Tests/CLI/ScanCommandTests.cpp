@@ -169,12 +169,10 @@ TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
         {"no-tools.json", text(R"({"tools": {}})")},
         {"live.json", text("{}")},
     };
+    const auto program =
+        "#!/bin/sh\ncase $0 in *linked) ;; *) touch " + (tree / "ran").path() + "; esac\n";
     const auto addProgram = [&](const std::string &path) {
-        tree.add({path,
-                  text("#!/bin/sh\ncase $0 in *linked) ;; *) touch " + (tree / "ran").path() +
-                       "; esac\n"),
-                  {},
-                  0755});
+        tree.add({path, text(program), {}, 0755});
     };
     for (const auto *path : {"mine/.docker/bin/docker", "ann/.docker/bin/docker",
                              "ann/.local/bin/brew", "tools/linked"}) {
