@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -234,6 +235,15 @@ int run(int argc, char **argv, Interrupt &interrupt) {
     return ExitCode::done;
 }
 
+/// Says why nothing was done, on one line.
+void tellWhy(const std::exception &error) noexcept {
+    try {
+        tell(fmt::format("klarbox: {}\n", Text::visible(error.what())));
+    } catch (const std::bad_alloc &) {
+        tell("klarbox: out of memory\n");
+    }
+}
+
 } // namespace
 
 int runApplication(int argc, char **argv) {
@@ -243,8 +253,10 @@ int runApplication(int argc, char **argv) {
         ProcessSecurity::setGroupAside();
         Interrupt interrupt;
         return run(argc, argv, interrupt);
+    } catch (const std::bad_alloc &) {
+        tell("klarbox: out of memory\n");
     } catch (const std::exception &error) {
-        tell(fmt::format("klarbox: {}\n", Text::visible(error.what())));
+        tellWhy(error);
     }
     return ExitCode::usage;
 }

@@ -9,6 +9,7 @@
 #include "KlarboxCLI/ScanSession.hpp"
 #include "KlarboxCLI/ScanTable.hpp"
 #include "KlarboxCLI/Selection.hpp"
+#include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
@@ -17,9 +18,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iostream>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -31,17 +31,6 @@ namespace {
 /// Whether questions can be asked: they go to standard error, answers come from standard input.
 bool canAsk() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
-}
-
-/// The answer to a question, without its line end; empty at the end of input.
-std::string ask(const std::string &question) {
-    write(stderr, question);
-    std::string answer;
-    if (!std::getline(std::cin, answer)) {
-        write(stderr, "\n");
-        return {};
-    }
-    return answer;
 }
 
 /// Lets the person choose from a numbered list.
@@ -81,6 +70,8 @@ struct Plan {
     std::int64_t bytes = 0;
     std::size_t permanent = 0;
     std::size_t trashed = 0;
+    std::size_t irreplaceable =
+        0;                        ///< of what goes at once, by a command too, what is not made anew
     std::string privilegedRemark; ///< about what belongs to the system; empty without any
     std::vector<std::string> commands;
 
@@ -88,15 +79,19 @@ struct Plan {
         : count(items.size()) {
         std::size_t privileged = 0;
         for (const auto &item : items) {
+            const std::size_t lasting = item.tier == SafetyTier::safe ? 0 : 1;
             bytes = saturatingAdd(bytes, item.size);
             if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
                 commands.push_back(Text::visible(command->action.displayString()));
+                irreplaceable += lasting;
             } else if (item.requiresPrivileges) {
                 ++privileged;
                 permanent += access.canRemove() ? 1 : 0;
+                irreplaceable += access.canRemove() ? lasting : 0;
             } else if (mode == RemovalMode::deletePermanently ||
                        item.removalPolicy == RemovalPolicy::permanentOnly) {
                 ++permanent;
+                irreplaceable += lasting;
             } else {
                 ++trashed;
             }
@@ -128,6 +123,10 @@ struct Plan {
         if (!privilegedRemark.empty()) {
             add(privilegedRemark);
         }
+        if (irreplaceable > 0) {
+            add("What goes and does not come back by itself: " +
+                DisplayText::count(irreplaceable, "item") + ".");
+        }
         for (const auto &command : commands) {
             add("This command will be run: " + command);
         }
@@ -146,26 +145,59 @@ std::string helperRemark(std::chrono::seconds elapsed) {
                        elapsed.count() % 60);
 }
 
+/// Asks. A habit must not be enough for what nobody can bring back.
 bool confirmed(const Plan &plan, std::size_t width) {
+    const bool isGrave = plan.irreplaceable > 0;
     const auto answer = ask(fmt::format(
-        "{}Clean {} ({}){}? [y/N] ", plan.description(width),
-        DisplayText::count(plan.count, "item"), DisplayText::size(plan.bytes),
-        plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : ""));
+        "{}Clean {} ({}){}? {} ", plan.description(width), DisplayText::count(plan.count, "item"),
+        DisplayText::size(plan.bytes),
+        plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : "",
+        isGrave ? "Type \"delete\" to go on [no]:" : "[y/N]"));
     const auto word = Text::lowercased(Text::trimmed(answer));
-    return word == "y" || word == "yes";
+    return isGrave ? word == "delete" : word == "y" || word == "yes";
 }
 
-/// Whether the report could be written. What was cleaned stays cleaned when it could not, so that
-/// this must not look like wrong usage, after which nothing was touched.
-bool reportWritten(const std::string &text) {
+/// The report as text. What was cleaned stays cleaned when there is no report, so that this must
+/// not look like wrong usage, after which nothing was touched: false then, and nothing is thrown.
+bool isReported(const std::vector<KlarboxItem> &items, const CleanReport &report, bool asJSON,
+                const OutputStyle &style) noexcept {
+    constexpr std::string_view lost = "klarbox: clean: the report of what was done is lost: ";
     try {
-        write(stdout, text);
+        write(stdout, asJSON ? encodeJSON(cleanDocument(report), 2) + "\n"
+                             : reportTable(items, report, style));
         return true;
-    } catch (const std::system_error &error) {
-        tell(
-            fmt::format("klarbox: clean: the report of what was done is lost: {}\n", error.what()));
-        return false;
+    } catch (const std::bad_alloc &) {
+        tell(lost);
+        tell("out of memory\n");
+    } catch (const std::exception &error) {
+        tell(lost);
+        tell(error.what());
+        tell("\n");
     }
+    return false;
+}
+
+/// Says how many items a stop left alone.
+void tellLeft(std::size_t count) noexcept {
+    try {
+        tell(fmt::format("Stopped; {} left as found.\n",
+                         DisplayText::count(count, "selected item")));
+    } catch (const std::bad_alloc &) {
+        tell("Stopped; what is not reported is left as found.\n");
+    }
+}
+
+/// Memory for the report, held while others use up the rest: as much as its document takes, of
+/// which its text is a part.
+std::vector<char> roomForReport(const std::vector<KlarboxItem> &items) {
+    constexpr std::size_t forEach = 4096;
+    std::size_t size = 0;
+    for (const auto &item : items) {
+        size += forEach + 4 * (item.id.size() + item.title.size());
+    }
+    std::vector<char> room;
+    room.reserve(size);
+    return room;
 }
 
 } // namespace
@@ -248,28 +280,36 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     }
     const Cleaner cleaner(guard, std::make_shared<FileSystemRemover>(session.context().home),
                           session.context().environment.runner, access.remover(), excluded);
+    const auto show = [&](std::int64_t index, std::int64_t total, const std::string &title) {
+        if (index < total) {
+            progress->show(
+                fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+        }
+    };
+    auto room = roomForReport(items);
     const auto report = cleaner.clean(
         items, mode,
         [&](std::int64_t index, std::int64_t total, const std::string &title) {
-            if (index < total) {
-                progress->show(
-                    fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+            try {
+                show(index, total, title);
+            } catch (const std::bad_alloc &) {
+                progress->clear(); // no line rather than a wrong one
             }
         },
         interrupt.token());
+    // From here on something may be gone: nothing ends as if nothing had been touched.
     progress->clear();
-
-    const auto text = options.scan.json ? encodeJSON(cleanDocument(report), 2) + "\n"
-                                        : reportTable(items, report, outputStyle);
-    const bool isReported = reportWritten(text);
+    room = {};
+    const bool isTold = isReported(items, report, options.scan.json, outputStyle);
     if (interrupt.wasRequested()) {
         if (const auto left = items.size() - report.outcomes.size(); left > 0) {
-            tell(fmt::format("Stopped; {} left as found.\n",
-                             DisplayText::count(left, "selected item")));
+            tellLeft(left);
         }
         return interrupt.exitCode();
     }
-    return isReported && report.failures().empty() ? ExitCode::done : ExitCode::cleaningFailed;
+    const bool isClean = std::ranges::none_of(
+        report.outcomes, [](const CleanOutcome &outcome) { return outcome.result.isFailure(); });
+    return isTold && isClean ? ExitCode::done : ExitCode::cleaningFailed;
 }
 
 } // namespace klarbox

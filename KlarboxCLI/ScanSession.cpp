@@ -20,9 +20,13 @@
 #include <algorithm>
 #include <charconv>
 #include <fcntl.h>
+#include <filesystem>
+#include <functional>
 #include <iterator>
 #include <mutex>
+#include <numeric>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -194,8 +198,33 @@ bool isMountPoint(const FileURL &folder) {
 /// Where tools are, by their names.
 using Locator = decltype(ScanEnvironment::locateTool);
 
-/// Runs no program that lies in one of some folders: what others put there would run as whoever
-/// only wanted to look. But a program that the person named is one that the person means.
+/// Every place that a path leads through, by folders that are no links: the folders, the links that
+/// are met and where they lead, and the file itself, as far down as anything is there.
+std::vector<std::string> placesOnTheWay(const FileURL &file) {
+    namespace fs = std::filesystem;
+    constexpr int mostLinks = 40; // as many as the system follows
+    std::vector<std::string> places;
+    fs::path at = "/";
+    auto rest = fs::path(file.path()).relative_path();
+    for (int links = 0; !rest.empty() && links <= mostLinks;) {
+        const auto name = *rest.begin();
+        rest = std::accumulate(std::next(rest.begin()), rest.end(), fs::path(),
+                               std::divides<fs::path>());
+        at = name == ".." ? at.parent_path() : name == "." || name.empty() ? at : at / name;
+        places.push_back(at.string());
+        std::error_code error;
+        if (const auto target = fs::read_symlink(at, error); !error) {
+            ++links;
+            at = target.is_absolute() ? fs::path("/") : at.parent_path();
+            rest = target.relative_path() / rest;
+        }
+    }
+    return places;
+}
+
+/// Runs no program that lies in one of some folders, or that a link there leads to: what others put
+/// there would run as whoever only wanted to look. But a program that the person named is one that
+/// the person means.
 class CautiousCommandRunner final : public CommandRunning {
 public:
     /// `named` is empty when no programs were named.
@@ -214,15 +243,18 @@ public:
         if (folders_.empty() || (named_ && named_(written.lastComponent()) == written)) {
             return base_->run(action, timeout, std::move(stop));
         }
-        const auto program = SafetyGuard::canonicalPath(written.path());
-        if (std::ranges::any_of(folders_, [&](const std::string &folder) {
-                return SafetyGuard::isInside(program, folder);
-            })) {
+        const auto isForeign = [&](const std::string &place) {
+            return std::ranges::any_of(folders_, [&](const std::string &folder) {
+                return SafetyGuard::isInside(place, folder);
+            });
+        };
+        if (std::ranges::any_of(placesOnTheWay(written), isForeign)) {
             return {CommandResult::notStarted,
                     fmt::format("“{}” is somebody else's program.", Text::visible(written.path()))};
         }
-        // By the path that was looked at: a link on the way could lead elsewhere by now.
-        return base_->run({FileURL(program), action.arguments}, timeout, std::move(stop));
+        // By the path that was found, as tools find what belongs to them by their own path. No link
+        // on the way is anybody else's to change.
+        return base_->run(action, timeout, std::move(stop));
     }
 
 private:

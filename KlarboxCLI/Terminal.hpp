@@ -41,4 +41,10 @@ void write(std::FILE *stream, std::string_view text);
 /// Writes to standard error what work does not depend on: when nobody reads it, work goes on.
 void tell(std::string_view text);
 
+/// Asks on standard error, and returns the line that is then typed on standard input, a terminal,
+/// without its end; empty when the input ends before a line does. Whatever was typed before the
+/// question's last line stood there was meant for something else: it is dropped. Throws
+/// `std::system_error` when it cannot be dropped, or nothing can be asked.
+std::string ask(std::string_view question);
+
 } // namespace klarbox

@@ -9,6 +9,7 @@
 #include "KlarboxKit/Scanners/HomebrewScanner.hpp"
 
 #include <algorithm>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -20,13 +21,15 @@ namespace klarbox {
 
 namespace {
 
-CleanOutcome outcome(const KlarboxItem &item, CleanResult result, std::int64_t bytes = 0,
-                     bool wentToTrash = false) {
-    return {.id = item.id,
-            .title = item.title,
-            .result = std::move(result),
-            .bytes = bytes,
-            .wentToTrash = wentToTrash};
+/// What is told when memory runs out; so short that the text needs none of its own.
+constexpr const char *outOfMemory = "Out of memory";
+
+std::string message(std::string_view text) noexcept {
+    try {
+        return std::string(text);
+    } catch (const std::bad_alloc &) {
+        return outOfMemory;
+    }
 }
 
 /// The location with links resolved as far down as anything exists.
@@ -73,25 +76,14 @@ std::string lastLines(std::string_view output) {
         "{}", fmt::join(lines.end() - static_cast<std::ptrdiff_t>(count), lines.end(), "\n"));
 }
 
-CleanOutcome homebrewOutcome(const KlarboxItem &item, std::string_view output,
-                             std::span<const FileURL> stuckKegs) {
-    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
-                       DiskUsage::allocatedSize(stuckKegs);
-    std::vector<std::string> names;
-    for (const auto &keg : stuckKegs) {
-        names.push_back(fmt::format("{} {}", keg.parent().lastComponent(), keg.lastComponent()));
-    }
-    auto message = fmt::format("Homebrew couldn't remove {}: you don't have permission to delete "
-                               "some of its files (often left by running brew with sudo). Fix "
-                               "their ownership, then clean again.",
-                               fmt::join(names, ", "));
-    return outcome(item,
-                   freed >= 1 ? CleanResult::partial(std::move(message))
-                              : CleanResult::failed(std::move(message)),
-                   std::max<std::int64_t>(freed, 0));
-}
-
 } // namespace
+
+/// What became of an item; moved, it needs no memory.
+struct Cleaner::Fate {
+    CleanResult result;
+    std::int64_t bytes = 0;
+    bool wentToTrash = false;
+};
 
 /// What became of the parts of one item.
 class Cleaner::Tally {
@@ -103,7 +95,11 @@ public:
     void addFailed(std::int64_t count) { failed_ = saturatingAdd(failed_, count); }
     /// Of several violations, and of several messages, the first is kept.
     void keep(SafetyViolation violation) { violation_ = violation_.value_or(violation); }
-    void keep(std::string_view message) { message_ = message_.value_or(std::string(message)); }
+    void keep(std::string_view text) {
+        if (!message_) {
+            message_ = message(text);
+        }
+    }
 
     /// Counts one part as failed when `attempt` throws, and keeps why.
     template <typename Attempt>
@@ -113,31 +109,44 @@ public:
         } catch (const SafetyRefusal &refusal) {
             addFailed(1);
             keep(refusal.violation());
+        } catch (const std::bad_alloc &) {
+            addFailed(1);
+            keep(outOfMemory);
         } catch (const std::exception &error) {
             addFailed(1);
             keep(error.what());
         }
     }
 
-    /// The item's outcome; `success` is its result when nothing failed.
-    CleanOutcome outcome(const KlarboxItem &item, CleanResult success, bool wentToTrash) const {
-        return klarbox::outcome(item, result(std::move(success)),
-                                failed_ > 0 && removed_ == 0 ? 0 : bytes_, wentToTrash);
+    /// What the item came to; `success` is its result when nothing failed.
+    Fate fate(CleanResult success, bool wentToTrash) noexcept {
+        return {.result = result(std::move(success)),
+                .bytes = failed_ > 0 && removed_ == 0 ? 0 : bytes_,
+                .wentToTrash = wentToTrash};
     }
 
 private:
-    CleanResult result(CleanResult success) const {
+    CleanResult result(CleanResult success) noexcept {
         if (failed_ == 0) {
             return success;
         }
         if (removed_ > 0) {
-            return CleanResult::partial(fmt::format("{} of {} could not be removed ({})", failed_,
-                                                    saturatingAdd(removed_, failed_), reason()));
+            return CleanResult::partial(partialMessage());
         }
         if (violation_) {
             return CleanResult::refused(*violation_);
         }
-        return CleanResult::failed(message_.value_or("Nothing could be removed"));
+        return CleanResult::failed(message_ ? std::move(*message_)
+                                            : message("Nothing could be removed"));
+    }
+
+    std::string partialMessage() const noexcept {
+        try {
+            return fmt::format("{} of {} could not be removed ({})", failed_,
+                               saturatingAdd(removed_, failed_), reason());
+        } catch (const std::bad_alloc &) {
+            return outOfMemory;
+        }
     }
 
     std::string reason() const {
@@ -168,27 +177,38 @@ Cleaner::Cleaner(std::shared_ptr<const SafetyGuard> guard,
 CleanReport Cleaner::clean(std::span<const KlarboxItem> items, RemovalMode mode,
                            const Progress &progress, std::stop_token stop) const {
     const auto total = static_cast<std::int64_t>(items.size());
+    // The room for what is to be told is taken before anything is touched.
     CleanReport report;
     report.outcomes.reserve(items.size());
-    const auto done = [&] { return static_cast<std::int64_t>(report.outcomes.size()); };
+    for (const auto &item : items) {
+        report.outcomes.push_back(
+            {.id = item.id, .title = item.title, .result = CleanResult::removed()});
+    }
+    auto outcome = report.outcomes.begin();
+    const auto done = [&] { return outcome - report.outcomes.begin(); };
     for (const auto &item : items) {
         if (stop.stop_requested()) {
             break;
         }
         progress(done(), total, item.title);
-        report.outcomes.push_back(clean(item, mode));
+        auto fate = clean(item, mode);
+        outcome->result = std::move(fate.result);
+        outcome->bytes = fate.bytes;
+        outcome->wentToTrash = fate.wentToTrash;
+        ++outcome;
     }
     progress(done(), total, "");
+    report.outcomes.erase(outcome, report.outcomes.end());
     return report;
 }
 
-CleanOutcome Cleaner::clean(const KlarboxItem &item, RemovalMode mode) const {
+Cleaner::Fate Cleaner::clean(const KlarboxItem &item, RemovalMode mode) const noexcept {
     try {
         if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
             return runCommand(item, command->action);
         }
         if (!item.allowedRoot) {
-            return outcome(item, CleanResult::refused(SafetyViolation::notInsideRoot));
+            return {.result = CleanResult::refused(SafetyViolation::notInsideRoot)};
         }
         if (item.requiresPrivileges) {
             return cleanWithHelper(item, *item.allowedRoot);
@@ -196,14 +216,16 @@ CleanOutcome Cleaner::clean(const KlarboxItem &item, RemovalMode mode) const {
         return cleanAsUser(item, *item.allowedRoot,
                            mode == RemovalMode::moveToTrash &&
                                item.removalPolicy == RemovalPolicy::userChoice);
+    } catch (const std::bad_alloc &) {
+        return {.result = CleanResult::failed(outOfMemory)};
     } catch (const std::exception &error) {
         // One item's trouble must not cost the report of what was done with the others.
-        return outcome(item, CleanResult::failed(error.what()));
+        return {.result = CleanResult::failed(message(error.what()))};
     }
 }
 
-CleanOutcome Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
-                                  bool usesTrash) const {
+Cleaner::Fate Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
+                                   bool usesTrash) const {
     Tally tally;
     tally.attempt([&] {
         if (const auto *contents = std::get_if<KlarboxTarget::Contents>(&item.target.value())) {
@@ -214,15 +236,13 @@ CleanOutcome Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
             tally.attempt([&] { remove(url, safety_->pin(url, root), usesTrash, tally); });
         }
     });
-    return tally.outcome(item, usesTrash ? CleanResult::movedToTrash() : CleanResult::removed(),
-                         usesTrash);
+    return tally.fate(usesTrash ? CleanResult::movedToTrash() : CleanResult::removed(), usesTrash);
 }
 
-CleanOutcome Cleaner::cleanWithHelper(const KlarboxItem &item, const FileURL &root) const {
+Cleaner::Fate Cleaner::cleanWithHelper(const KlarboxItem &item, const FileURL &root) const {
     if (!privileged_) {
-        return outcome(item,
-                       CleanResult::failed(
-                           "System files need the Klarbox helper. Turn it on, then clean again."));
+        return {.result = CleanResult::failed(
+                    "System files need the Klarbox helper. Turn it on, then clean again.")};
     }
     Tally tally;
     std::vector<PrivilegedRequest> requests;
@@ -260,18 +280,34 @@ CleanOutcome Cleaner::cleanWithHelper(const KlarboxItem &item, const FileURL &ro
             }
         });
     }
-    return tally.outcome(item, CleanResult::removed(), false);
+    return tally.fate(CleanResult::removed(), false);
 }
 
-CleanOutcome Cleaner::runCommand(const KlarboxItem &item, const CommandAction &action) const {
+Cleaner::Fate Cleaner::runCommand(const KlarboxItem &item, const CommandAction &action) const {
     // A stop does not reach the tool: what it began it may finish, so that the outcome is known.
     const auto result = runner_->run(action, commandTimeout);
     if (result.succeeded()) {
-        return outcome(item, CleanResult::ranCommand(), item.size);
+        return {.result = CleanResult::ranCommand(), .bytes = item.size};
     }
     const auto stuckKegs = HomebrewScanner::unremovableKegs(result.output);
-    return stuckKegs.empty() ? outcome(item, CleanResult::failed(lastLines(result.output)))
-                             : homebrewOutcome(item, result.output, stuckKegs);
+    return stuckKegs.empty() ? Fate{.result = CleanResult::failed(lastLines(result.output))}
+                             : homebrewFate(result.output, stuckKegs);
+}
+
+Cleaner::Fate Cleaner::homebrewFate(std::string_view output, std::span<const FileURL> stuckKegs) {
+    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
+                       DiskUsage::allocatedSize(stuckKegs);
+    std::vector<std::string> names;
+    for (const auto &keg : stuckKegs) {
+        names.push_back(fmt::format("{} {}", keg.parent().lastComponent(), keg.lastComponent()));
+    }
+    auto message = fmt::format("Homebrew couldn't remove {}: you don't have permission to delete "
+                               "some of its files (often left by running brew with sudo). Fix "
+                               "their ownership, then clean again.",
+                               fmt::join(names, ", "));
+    return {.result = freed >= 1 ? CleanResult::partial(std::move(message))
+                                 : CleanResult::failed(std::move(message)),
+            .bytes = std::max<std::int64_t>(freed, 0)};
 }
 
 void Cleaner::removeContents(const FileURL &folder, const FileURL &root, bool usesTrash,

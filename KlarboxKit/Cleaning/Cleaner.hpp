@@ -18,6 +18,7 @@
 #include <span>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace klarbox {
@@ -44,18 +45,21 @@ public:
 
     /// Blocks until every item is dealt with, one after another in their order; the report has one
     /// outcome for each. A requested stop is honoured between items: the item in hand is finished
-    /// and the report ends with it. Whatever fails is an outcome; nothing is thrown. `progress` is
-    /// called on the calling thread.
+    /// and the report ends with it. Whatever fails is an outcome, memory that runs out included;
+    /// only when there is none for the report itself `std::bad_alloc` is thrown, before anything
+    /// is touched. `progress` is called on the calling thread.
     CleanReport clean(std::span<const KlarboxItem> items, RemovalMode mode,
                       const Progress &progress, std::stop_token stop = {}) const;
 
 private:
     class Tally;
+    struct Fate;
 
-    CleanOutcome clean(const KlarboxItem &item, RemovalMode mode) const;
-    CleanOutcome cleanAsUser(const KlarboxItem &item, const FileURL &root, bool usesTrash) const;
-    CleanOutcome cleanWithHelper(const KlarboxItem &item, const FileURL &root) const;
-    CleanOutcome runCommand(const KlarboxItem &item, const CommandAction &action) const;
+    Fate clean(const KlarboxItem &item, RemovalMode mode) const noexcept;
+    Fate cleanAsUser(const KlarboxItem &item, const FileURL &root, bool usesTrash) const;
+    Fate cleanWithHelper(const KlarboxItem &item, const FileURL &root) const;
+    Fate runCommand(const KlarboxItem &item, const CommandAction &action) const;
+    static Fate homebrewFate(std::string_view output, std::span<const FileURL> stuckKegs);
     void removeContents(const FileURL &folder, const FileURL &root, bool usesTrash,
                         Tally &tally) const;
     std::shared_ptr<const PinnedFolder> openContents(const FileURL &folder, const FileURL &root,

@@ -6,6 +6,7 @@
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 #include <unistd.h>
 #include <vector>
@@ -42,6 +43,24 @@ std::string searchPath(std::string_view inherited) {
     return path;
 }
 
+/// Throws only for want of memory; `status` is then how the tool ended, if it was started.
+CommandResult attempt(const CommandAction &action, std::chrono::nanoseconds timeout,
+                      const std::stop_token &stop, std::optional<int> &status) {
+    try {
+        ChildProcess child(action.executable, action.arguments, ProcessCommandRunner::environment(),
+                           stop);
+        status = child.wait(timeout);
+        // A tool that was told to stop may have ended for that, and call it a success.
+        if (!status || stop.stop_requested()) {
+            child.terminate();
+            return {CommandResult::timedOut, "Timed out"};
+        }
+        return {*status, Text::repairedUTF8(child.output())};
+    } catch (const PlatformError &error) {
+        return {CommandResult::notStarted, error.message()};
+    }
+}
+
 } // namespace
 
 std::map<std::string, std::string> ProcessCommandRunner::environment() {
@@ -64,19 +83,12 @@ std::map<std::string, std::string> ProcessCommandRunner::environment() {
 CommandResult ProcessCommandRunner::run(const CommandAction &action,
                                         std::chrono::nanoseconds timeout,
                                         std::stop_token stop) const {
-    if (stop.stop_requested()) {
-        return {CommandResult::timedOut, "Timed out"};
-    }
+    std::optional<int> status;
     try {
-        ChildProcess child(action.executable, action.arguments, environment());
-        const auto status = child.wait(timeout, std::move(stop));
-        if (!status) {
-            child.terminate();
-            return {CommandResult::timedOut, "Timed out"};
-        }
-        return {*status, Text::repairedUTF8(child.output())};
-    } catch (const PlatformError &error) {
-        return {CommandResult::notStarted, error.message()};
+        return attempt(action, timeout, stop, status);
+    } catch (const std::exception &) {
+        // So short a text needs no memory of its own.
+        return {status.value_or(CommandResult::notStarted), "Out of memory"};
     }
 }
 

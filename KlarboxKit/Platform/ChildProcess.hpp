@@ -3,11 +3,16 @@
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace klarbox {
@@ -25,9 +30,13 @@ public:
     /// that one that never stops writing cannot take all memory.
     static constexpr std::size_t outputLimit = std::size_t{256} << 20;
 
-    /// Starts the executable. Throws `PlatformError` (POSIX domain) naming it when that fails.
+    /// Starts the executable, unless a stop was requested already. One that is requested later asks
+    /// the child to terminate and ends every wait: on the thread that requests it, so that the
+    /// child is told even if this process ends right then. Throws `PlatformError` (POSIX domain)
+    /// naming the executable when it cannot be started, and `std::bad_alloc` before there is a
+    /// child.
     ChildProcess(const FileURL &executable, const std::vector<std::string> &arguments,
-                 const std::map<std::string, std::string> &environment);
+                 const std::map<std::string, std::string> &environment, std::stop_token stop = {});
 
     /// Never waits. What is left of the child (the child itself, or others that it gave its output
     /// to) goes on undisturbed: its output is drained and its exit collected in the background.
@@ -36,29 +45,42 @@ public:
     ChildProcess &operator=(const ChildProcess &) = delete;
 
     /// Blocks until the child has ended and its output was read to the end, until `timeout` has
-    /// passed, or until `stop` is requested. Returns the child's termination status when it has
+    /// passed, or until a stop is requested. Returns the child's termination status when it has
     /// ended (what others still hold of its output is not waited for past the limit), else nothing.
     /// May be called again.
     ///
     /// The status is the exit status, or the number of the signal that ended the child, which is
-    /// never 0 either.
-    std::optional<int> wait(std::chrono::nanoseconds timeout, std::stop_token stop);
+    /// never 0 either. Nothing is thrown.
+    std::optional<int> wait(std::chrono::nanoseconds timeout);
 
-    /// What was read so far, as it came.
+    /// What was read so far, as it came; "Out of memory" when there was no room for it.
     const std::string &output() const { return output_; }
 
-    /// Asks the child to terminate (SIGTERM); without effect once it has ended.
+    /// Asks the child to terminate (SIGTERM), the first time; without effect once it has ended.
     void terminate();
 
 private:
+    class Starting;
+
+    void start(const FileURL &executable, const std::vector<std::string> &arguments,
+               const std::map<std::string, std::string> &environment);
+    void stop();
     void collectStatus();
+    void keep(std::string_view piece);
     bool readSome();
 
-    UniqueFD process_; ///< becomes readable when the child ends; none once its exit was collected
+    std::stop_token stop_;
+    UniqueFD process_; ///< becomes readable when the child ends; none when there never was one
     UniqueFD pipe_;    ///< none once the output has ended
     UniqueFD stopped_; ///< becomes readable when a stop is requested
     std::optional<int> status_;
     std::string output_;
+    bool isOutputLost_ = false;
+    std::atomic<bool> isAskedToTerminate_ = false;
+    std::mutex mutex_; ///< for the next two
+    std::condition_variable started_;
+    bool isStarting_ = false;
+    std::optional<std::stop_callback<std::function<void()>>> onStop_; ///< ends before all others
 };
 
 } // namespace klarbox

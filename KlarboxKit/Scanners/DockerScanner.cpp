@@ -16,12 +16,16 @@ namespace {
 
 constexpr std::chrono::seconds timeLimit(30);
 
-/// Longest line that is decoded, in bytes; real rows are a hundredth of it.
-constexpr std::size_t maximumRow = std::size_t{64} * 1024;
-
 /// Docker counts in steps of 1000.
 std::optional<std::int64_t> bytes(std::string_view text) {
     return SizeText::bytes(text, 1000);
+}
+
+/// Why Docker told nothing.
+std::string failure(const CommandResult &report) {
+    return report.exitCode == CommandResult::notStarted
+               ? "Docker could not be asked: " + report.output
+               : "Docker isn't running. Start it to include its images and build cache.";
 }
 
 /// "1.2GB (40%)" is 1.2GB.
@@ -40,9 +44,6 @@ std::map<std::string, std::int64_t, std::less<>>
 DockerScanner::parseSystemDF(std::string_view report) {
     std::map<std::string, std::int64_t, std::less<>> reclaimable;
     for (const auto line : Text::lines(report)) {
-        if (line.size() > maximumRow) {
-            continue;
-        }
         try {
             const auto row = parseJSON(line);
             auto type = requiredString(row, "Type");
@@ -90,8 +91,7 @@ CategoryScan DockerScanner::scan(const ScanContext &context, std::stop_token sto
     if (!report.succeeded()) {
         // A scan that is being stopped cut the tool short itself.
         if (!stop.stop_requested()) {
-            scan.issues.push_back(ScanIssue::failed(
-                "Docker isn't running. Start it to include its images and build cache."));
+            scan.issues.push_back(ScanIssue::failed(failure(report)));
         }
         return scan;
     }

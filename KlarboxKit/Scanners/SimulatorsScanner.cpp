@@ -13,13 +13,6 @@
 
 namespace klarbox {
 
-namespace {
-
-/// Longest listing that is decoded, in bytes: thousands of devices.
-constexpr std::size_t maximumListing = std::size_t{4} << 20;
-
-} // namespace
-
 std::vector<FileURL> SimulatorsScanner::standardDeveloperTools() {
     return {
         FileURL("/Library/Developer/CommandLineTools/usr/bin/simctl"),
@@ -30,9 +23,6 @@ std::vector<FileURL> SimulatorsScanner::standardDeveloperTools() {
 
 std::vector<SimulatorsScanner::Device>
 SimulatorsScanner::parseUnavailable(std::string_view listing) {
-    if (listing.size() > maximumListing) {
-        return {};
-    }
     std::vector<Device> devices;
     try {
         const auto record = parseJSON(listing);

@@ -3,11 +3,9 @@
 #include "KlarboxKit/Scanning/PathTree.hpp"
 
 #include <condition_variable>
-#include <deque>
 #include <exception>
 #include <mutex>
-#include <optional>
-#include <system_error>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -41,39 +39,62 @@ void tidy(std::vector<CategoryScan> &scans, const ScanContext &context) {
     }
 }
 
-/// What the scanner finds; an issue when it throws, which costs the others nothing.
-CategoryScan scanned(const CategoryScanner &scanner, const ScanContext &context,
-                     std::stop_token stop) {
-    try {
-        return scanner.scan(context, std::move(stop));
-    } catch (const std::exception &error) {
-        return {.info = scanner.info(), .issues = {ScanIssue::failed(error.what())}};
-    }
+/// An empty category that says why; what happens to one scanner costs the others nothing.
+CategoryScan failed(const CategoryScanner &scanner, const char *why) {
+    return {.info = scanner.info(), .issues = {ScanIssue::failed(why)}};
 }
 
-/// Hands results from the scanners' threads to the coordinator's own.
-class Finished {
+/// Where the scanners' threads leave what they found for the coordinator's own. Its room is taken
+/// before they start, so that one without memory can still end in order.
+class Results {
 public:
-    void put(std::size_t position, CategoryScan scan) {
+    explicit Results(const ScannerList &scanners) {
+        finished_.reserve(scanners.size());
+        for (const auto &scanner : scanners) {
+            scans_.push_back(failed(*scanner, "Out of memory"));
+        }
+    }
+
+    /// Runs the scanner at a position.
+    void fill(std::size_t position, const CategoryScanner &scanner, const ScanContext &context,
+              const std::stop_token &stop) noexcept {
+        try {
+            scans_[position] = scanned(scanner, context, stop);
+        } catch (const std::bad_alloc &) {
+            // Its place says so already.
+        }
         {
             const std::lock_guard lock(mutex_);
-            queue_.emplace_back(position, std::move(scan));
+            finished_.push_back(position);
         }
         arrived_.notify_one();
     }
 
-    std::pair<std::size_t, CategoryScan> take() {
+    /// The place of the scan that was the `count`-th to finish; waits for it.
+    const CategoryScan &finished(std::size_t count) {
         std::unique_lock lock(mutex_);
-        arrived_.wait(lock, [&] { return !queue_.empty(); });
-        auto next = std::move(queue_.front());
-        queue_.pop_front();
-        return next;
+        arrived_.wait(lock, [&] { return finished_.size() > count; });
+        return scans_[finished_[count]];
     }
 
+    std::vector<CategoryScan> take() { return std::move(scans_); }
+
 private:
+    static CategoryScan scanned(const CategoryScanner &scanner, const ScanContext &context,
+                                const std::stop_token &stop) {
+        try {
+            return scanner.scan(context, stop);
+        } catch (const std::bad_alloc &) {
+            throw;
+        } catch (const std::exception &error) {
+            return failed(scanner, error.what());
+        }
+    }
+
     std::mutex mutex_;
     std::condition_variable arrived_;
-    std::deque<std::pair<std::size_t, CategoryScan>> queue_;
+    std::vector<CategoryScan> scans_;
+    std::vector<std::size_t> finished_; ///< positions in order of finishing
 };
 
 } // namespace
@@ -91,32 +112,25 @@ ScanCoordinator::scan(const ScanContext &context,
     const auto total = static_cast<std::int64_t>(relevant.size());
     progress({.completed = 0, .total = total});
 
-    Finished finished;
+    Results results(relevant);
     std::vector<std::jthread> threads;
     threads.reserve(relevant.size());
     for (std::size_t position = 0; position < relevant.size(); ++position) {
-        const auto run = [&, position, scanner = relevant[position]] {
-            finished.put(position, scanned(*scanner, context, stop));
+        const auto run = [&, position] {
+            results.fill(position, *relevant[position], context, stop);
         };
         try {
             threads.emplace_back(run);
-        } catch (const std::system_error &) {
+        } catch (const std::exception &) {
             run(); // no more threads to be had: one after the other then
         }
     }
 
-    std::vector<std::optional<CategoryScan>> byPosition(relevant.size());
     for (std::int64_t completed = 1; completed <= total; ++completed) {
-        auto [position, scan] = finished.take();
+        const auto &scan = results.finished(static_cast<std::size_t>(completed - 1));
         progress({.completed = completed, .total = total, .finished = scan.info});
-        byPosition[position] = std::move(scan);
     }
-
-    std::vector<CategoryScan> scans;
-    scans.reserve(byPosition.size());
-    for (auto &scan : byPosition) {
-        scans.push_back(*std::move(scan));
-    }
+    auto scans = results.take();
     tidy(scans, context);
     return scans;
 }

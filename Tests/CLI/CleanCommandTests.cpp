@@ -1,7 +1,9 @@
+#include "KlarboxCLI/Application.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
+#include "Tests/Support/MemoryEnds.hpp"
 
 #include <algorithm>
 #include <csignal>
@@ -164,22 +166,37 @@ TEST(CleanCommand, asksOnTheTerminalAndTakesSilenceForNo) {
     const TemporaryDemoWorld demo;
     const auto clean = "clean --category user-caches --category trash" + demo.options;
     const auto before = manifest(demo.world.root);
-    for (const auto *input : {"\n", "none\n", "1\n\n", "1\nn\n", "nonsense\n1\nno\n", "\x04"}) {
-        const auto run = runKlarboxOnTerminal(demo.folder.root(), clean, input);
-        EXPECT_EQ(run.exitCode, 0) << run.out;
-        EXPECT_EQ(manifest(demo.world.root), before) << input;
+    const std::vector<std::string> silence[] = {
+        {"\n"},
+        {"none\n"},
+        {"1\n", "\n"},
+        {"1\n", "n\n"},
+        {"nonsense\n", "1\n", "no\n"},
+        {"1\n", "y\x04\x04"},
+        {"\x04"},
+        {"6\n", "y\n"}, // the Trash, which does not come back
+    };
+    std::string paste;
+    while (paste.size() < 10'000) {
+        paste += "1\ny\n";
+    }
+    for (const auto &answers : silence) {
+        // What is typed or pasted during the scan, however much, answers nothing.
+        for (const auto &early : {std::string(), paste}) {
+            const auto run = runKlarboxOnTerminal(demo.folder.root(), clean, answers, 80, early);
+            EXPECT_EQ(run.exitCode, 0) << run.out;
+            EXPECT_EQ(manifest(demo.world.root), before) << answers.back();
+        }
     }
     // What was selected on the command line is shown before the question.
     EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(),
-                                     clean + "--item user-caches:com.example.photos", "n\n")
+                                     clean + "--item user-caches:com.example.photos", {"n\n"})
                     .out,
                 AllOf(HasSubstr("~/Library/Caches/com.example.photos"), HasSubstr("[y/N]")));
     EXPECT_EQ(manifest(demo.world.root), before);
-    // Number 6 is the Trash, the largest of its category: permanent, and said to be.
-    const auto run = runKlarboxOnTerminal(demo.folder.root(), clean, "6\ny\n");
+    const auto run = runKlarboxOnTerminal(demo.folder.root(), clean, {"6\n", "delete\n"});
     EXPECT_EQ(run.exitCode, 0) << run.out;
-    EXPECT_THAT(run.out,
-                AllOf(HasSubstr("deleted permanently"), HasSubstr("[y/N]"), HasSubstr("Freed")));
+    EXPECT_THAT(run.out, AllOf(HasSubstr("deleted permanently"), HasSubstr("Freed")));
     EXPECT_THAT(FileManager::contentsOfDirectory(demo.world.home().appending(".Trash")), IsEmpty());
 }
 
@@ -232,6 +249,24 @@ TEST(CleanCommand, controlCFinishesTheItemInHandAndReportsAndASecondStopsAtOnce)
         }
         EXPECT_TRUE(eventually([&] { return FileManager::exists(home / "ended"); })); // as it said
     }
+}
+
+/// What is to be gone for memory to be out.
+std::string lastFile;
+
+TEST(CleanCommand, doesNotEndAsIfNothingWereTouchedWhenMemoryEndsWithTheLastItem) {
+    const TemporaryTree home{{"Library/Caches/com.example.a/x", bytes(2'000'000)}};
+    lastFile = (home / "Library/Caches/com.example.a/x").path();
+    const char *arguments[] = {
+        "klarbox",     "clean", "--category", "user-caches", "--default-selection",
+        "--permanent", "--yes", "--json"};
+    EXPECT_EXIT(
+        {
+            ::setenv("HOME", home.root().path().c_str(), 1);
+            isMemoryOut = [] { return ::access(lastFile.c_str(), F_OK) != 0; };
+            ::_exit(runApplication(std::size(arguments), const_cast<char **>(arguments)));
+        },
+        testing::ExitedWithCode(1), "the report of what was done is lost: out of memory");
 }
 
 TEST(CleanCommand, controlCFinishesTheItemAlsoWhenNobodyReadsTheReportAnyMore) {

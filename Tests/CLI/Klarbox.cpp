@@ -17,7 +17,8 @@ Outcome runKlarbox(const FileURL &home, const std::string &arguments) {
 }
 
 Outcome runKlarboxOnTerminal(const FileURL &home, const std::string &arguments,
-                             const std::string &input, int columns) {
+                             const std::vector<std::string> &answers, int columns,
+                             const std::string &early) {
     auto launch = klarboxIn(home, arguments);
     const winsize size{.ws_row = 25,
                        .ws_col = static_cast<unsigned short>(columns),
@@ -28,13 +29,20 @@ Outcome runKlarboxOnTerminal(const FileURL &home, const std::string &arguments,
     const UniqueFD owner(terminal);
     Running klarbox(launch);
     ::close(launch.terminal);
-    check(::write(terminal, input.data(), input.size()) == static_cast<ssize_t>(input.size()),
-          "typing");
+    const auto type = [&](const std::string &keys) {
+        check(::write(terminal, keys.data(), keys.size()) == static_cast<ssize_t>(keys.size()),
+              "typing");
+    };
+    type(early);
+    auto answer = answers.begin();
     std::string shown;
     std::array<char, 4096> buffer{};
     // A terminal whose other side is gone says EIO.
     for (ssize_t got = 0; (got = ::read(terminal, buffer.data(), buffer.size())) > 0;) {
         shown.append(buffer.data(), static_cast<std::size_t>(got));
+        if (answer != answers.end() && (shown.ends_with("]: ") || shown.ends_with("[y/N] "))) {
+            type(*answer++);
+        }
     }
     auto outcome = klarbox.finish();
     outcome.out = std::move(shown);

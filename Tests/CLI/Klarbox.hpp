@@ -17,10 +17,11 @@ Launch klarboxIn(const FileURL &home, const std::string &arguments);
 /// Runs klarbox without a terminal and with nothing on standard input.
 Outcome runKlarbox(const FileURL &home, const std::string &arguments);
 
-/// Runs klarbox on a terminal of its own, typing `input` into it; `out` is what the terminal
-/// showed.
+/// Runs klarbox on a terminal of its own, typing `early` at once and an answer at each of its
+/// questions; `out` is what the terminal showed.
 Outcome runKlarboxOnTerminal(const FileURL &home, const std::string &arguments,
-                             const std::string &input, int columns = 80);
+                             const std::vector<std::string> &answers, int columns = 80,
+                             const std::string &early = "");
 
 /// A demo world of its own.
 struct TemporaryDemoWorld {

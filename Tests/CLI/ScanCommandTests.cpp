@@ -161,20 +161,28 @@ TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
         GTEST_SKIP() << "needs root, to give a home to another user";
     }
     const TemporaryTree tree{
-        {"mnt", directory()},      {"mine/.local/bin/brew", link("../../../ann/.local/bin/brew")},
-        {"linked", link("ann")},   {"no-tools.json", text(R"({"tools": {}})")},
+        {"mnt", directory()},
+        {"mine/.local/bin/brew", link("../../../ann/.local/bin/brew")},
+        {"other/.local/bin/brew", link("../../../tools/linked")},
+        {"bob/.docker/bin/docker", link("../../../mine/.docker/bin/docker")},
+        {"linked", link("ann")},
+        {"no-tools.json", text(R"({"tools": {}})")},
         {"live.json", text("{}")},
     };
+    const auto program =
+        "#!/bin/sh\ncase $0 in *linked) ;; *) touch " + (tree / "ran").path() + "; esac\n";
     const auto addProgram = [&](const std::string &path) {
-        tree.add({path, text("#!/bin/sh\ntouch " + (tree / "ran").path() + "\n"), {}, 0755});
+        tree.add({path, text(program), {}, 0755});
     };
-    for (const auto *path :
-         {"mine/.docker/bin/docker", "ann/.docker/bin/docker", "ann/.local/bin/brew"}) {
+    for (const auto *path : {"mine/.docker/bin/docker", "ann/.docker/bin/docker",
+                             "ann/.local/bin/brew", "tools/linked"}) {
         addProgram(path);
     }
     tree.add({"named.json", text(R"({"tools": {"docker": ")" +
                                  (tree / "ann/.docker/bin/docker").path() + R"("}})")});
-    ASSERT_EQ(::chown((tree / "ann").path().c_str(), 12345, 12345), 0);
+    for (const auto *home : {"ann", "bob"}) {
+        ASSERT_EQ(::chown((tree / home).path().c_str(), 12345, 12345), 0);
+    }
     const struct {
         const char *owner; ///< whose home the process has as its own
         const char *home;
@@ -186,8 +194,10 @@ TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
         {"mine", "mine", "/", "no-tools", "docker", true},
         {"mine", "ann", "/", "no-tools", "docker", false},
         {"mine", "ann", "/", "named", "docker", true}, // for it was meant
-        // By links, in front of the home and into it.
+        // By links, in front of the home, into it, and out of it.
         {"mine", "linked", "/", "no-tools", "docker", false},
+        {"mine", "bob", "/", "no-tools", "docker", false},
+        {"other", "ann", "/", "live", "homebrew", true}, // by the name that it knows itself by
         {"mine", "ann", "/", "live", "homebrew", false},
         {"ann", "mine", "/", "live", "homebrew", false},
         // Whose files these are, only the machine knows that the disk comes from.
@@ -200,9 +210,13 @@ TEST(ScanCommand, runsNoProgramOfAnotherUserOrDisk) {
         }
         addProgram("mnt/ann/.docker/bin/docker");
         for (const auto &[owner, home, disk, environment, category, isRun] : cases) {
-            shell(fmt::format("cd {}; HOME=$PWD/{} " KLARBOX_PROGRAM
-                              " scan --home {} --disk {} --environment {}.json --category {}",
-                              tree.root().path(), owner, home, disk, environment, category));
+            const auto run =
+                shell(fmt::format("cd {}; HOME=$PWD/{} " KLARBOX_PROGRAM
+                                  " scan --home {} --disk {} --environment {}.json --category {}",
+                                  tree.root().path(), owner, home, disk, environment, category));
+            if (category == std::string("docker")) {
+                EXPECT_EQ(run.out.find("somebody else's") == std::string::npos, isRun) << run.out;
+            }
             EXPECT_EQ(std::filesystem::remove((tree / "ran").path()), isRun)
                 << owner << " " << home << " " << environment;
         }
@@ -247,7 +261,7 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
                       "system-logs --category project-artifacts --category docker" +
                       demo.options;
     for (const int columns : {30, 40, 63, 64, 80, 120}) {
-        const auto run = runKlarboxOnTerminal(demo.folder.root(), scan, "", columns);
+        const auto run = runKlarboxOnTerminal(demo.folder.root(), scan, {}, columns);
         EXPECT_EQ(run.exitCode, 0);
         EXPECT_THAT(run.out, AllOf(HasSubstr("Scanning: "), HasSubstr("App Caches"),
                                    HasSubstr("[x]"), HasSubstr("review"), HasSubstr("Photos"),
@@ -257,7 +271,7 @@ TEST(ScanCommand, fitsTheTerminalAndDrawsProgressThere) {
                   static_cast<std::size_t>(columns));
     }
     const auto plain = scan + "--no-progress --color never";
-    EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(), plain, "").out,
+    EXPECT_THAT(runKlarboxOnTerminal(demo.folder.root(), plain, {}).out,
                 AllOf(Not(HasSubstr("Scanning")), Not(HasSubstr("\x1b"))));
 }
 

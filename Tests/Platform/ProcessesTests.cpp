@@ -31,7 +31,7 @@ std::optional<RunningProcess> waitFor(const std::string &executable, ChildProces
         if (auto found = find(executable); found && !found->arguments.empty()) {
             return found;
         }
-    } while (!child.wait(5ms, {}));
+    } while (!child.wait(5ms));
     return std::nullopt;
 }
 
@@ -56,7 +56,7 @@ TEST(Processes, areToldWithTheirExecutableAndEveryArgument) {
     EXPECT_TRUE(find(program.path())) << "another file has the name of the one that is gone";
 
     child.terminate();
-    ASSERT_TRUE(child.wait(10s, {}));
+    ASSERT_TRUE(child.wait(10s));
     EXPECT_FALSE(find(program.path()));
 }
 
@@ -94,7 +94,7 @@ TEST(Processes, inAFlatpakSandboxBelongToItsApplication) {
         }
         EXPECT_EQ(viewer->packagedApplication, expected);
         sandbox.terminate();
-        EXPECT_TRUE(sandbox.wait(10s, {}));
+        EXPECT_TRUE(sandbox.wait(10s));
     }
 }
 

@@ -62,6 +62,9 @@ TEST(DockerScanner, saysSoWhenDockerDoesNotRun) {
         EXPECT_THAT(scan.items, IsEmpty());
         EXPECT_THAT(scan.issues, ElementsAre(expected));
     }
+    const auto refused = dockerContext({CommandResult::notStarted, "Not yours."}, {0, "1GB"});
+    EXPECT_THAT(DockerScanner().scan(refused, {}).issues,
+                ElementsAre(ScanIssue::failed("Docker could not be asked: Not yours.")));
     // A stopped scan says nothing about Docker.
     const auto context = dockerContext({-2, "Timed out"}, {0, ""});
     EXPECT_EQ(offers(DockerScanner(), context, context.home, stopped()), "");
@@ -101,6 +104,7 @@ TEST(DockerScanner, readsTheReport) {
         {R"({"Type":null,"Reclaimable":"1B"})", {}},
         {R"([{"Type":"a","Reclaimable":"1B"}])", {}},
         {std::string(100'000, '['), {}},
+        {R"({"Type":"a","Reclaimable":"1B"})" + std::string(100'000, ' '), {{"a", 1}}},
     };
     for (const auto &[report, expected] : cases) {
         EXPECT_EQ(DockerScanner::parseSystemDF(report), expected) << report.substr(0, 100);
@@ -281,15 +285,15 @@ TEST(SimulatorsScanner, offersNothingUnlessTheListingIsWhole) {
         {0, R"({"devices": {"r": [{"name": 1, "udid": "U", "dataPath": "/x/y"}]}})"},
         {0, R"([])"},
         {0, std::string(100'000, '[')},
-        {0, good + std::string(std::size_t{5} << 20, ' ')},
     };
     for (const auto &listing : cases) {
         const auto context = simulators(listing);
         EXPECT_EQ(offers(SimulatorsScanner(), context, context.home), "")
             << listing.output.substr(0, 100);
     }
-    // What the cases above vary. Nothing to measure is worth offering when every size is wanted.
-    const auto context = simulators({0, good});
+    // What the cases above vary, however long. Nothing to measure is worth offering when every size
+    // is wanted.
+    const auto context = simulators({0, good + std::string(std::size_t{5} << 20, ' ')});
     EXPECT_EQ(offers(SimulatorsScanner(), context, context.home), R"(
 simulators:unavailable | 1 unavailable simulator | A | command | none | [x] safe
     /usr/bin/xcrun ["simctl", "delete", "unavailable"] frees 0 bytes)");

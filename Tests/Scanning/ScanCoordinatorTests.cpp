@@ -1,5 +1,6 @@
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
 
+#include "Tests/Support/MemoryEnds.hpp"
 #include "Tests/Support/Sanitizers.hpp"
 #include "Tests/Support/ScanFixture.hpp"
 
@@ -141,6 +142,24 @@ TEST(ScanCoordinator, runsAllScannersAtOnceAndPassesAStopOnToThem) {
     ASSERT_EQ(scans.size(), count);
     for (const auto &scan : scans) {
         EXPECT_THAT(scan.issues, ElementsAre(ScanIssue::failed("partial")));
+    }
+}
+
+TEST(ScanCoordinator, losesACategoryWhereMemoryEndsAndNoMore) {
+    bool isOut = true;
+    for (int allocations = 0; isOut; ++allocations) {
+        const auto starved =
+            std::make_shared<ScriptedScanner>("starved", [&](CategoryScan &scan, std::stop_token) {
+                allocationsLeft = allocations; // of this thread, up to its end
+                scan.issues.push_back(ScanIssue::failed(std::string(100, 'x')));
+                isOut = allocationsLeft == 0;
+                throw std::runtime_error(std::string(100, 'y'));
+            });
+        const auto scans =
+            ScanCoordinator({starved, finds({at("a")})}).scan(scanContext(home), ignoreProgress);
+        EXPECT_EQ(scans.at(0).info.id, "starved");
+        EXPECT_EQ(scans.at(0).issues.size(), 1U);
+        EXPECT_EQ(scans.at(1).items.size(), 1U);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
@@ -108,15 +109,22 @@ public:
         return reaper;
     }
 
-    void adopt(UniqueFD process, UniqueFD pipe) {
+    void adopt(UniqueFD process, UniqueFD pipe) noexcept {
         const std::lock_guard lock(mutex_);
-        arrived_.push_back({std::move(process), std::move(pipe)});
-        if (!thread_.joinable()) {
-            try {
+        try {
+            arrived_.emplace_back();
+        } catch (const std::bad_alloc &) {
+            // Closed, the pipe would end a child that writes.
+            pipe.release();
+            return;
+        }
+        arrived_.back() = {std::move(process), std::move(pipe)};
+        try {
+            if (!thread_.joinable()) {
                 thread_ = std::jthread([this](std::stop_token stop) { run(std::move(stop)); });
-            } catch (const std::system_error &) {
-                return; // no thread to be had just now; the next arrival tries again
             }
+        } catch (const std::exception &) {
+            return; // no thread to be had just now; the next arrival tries again
         }
         signalEvent(wake_);
     }
@@ -137,21 +145,31 @@ private:
 
     Reaper() : wake_(makeEvent()) {}
 
+    void collect(std::vector<Orphan> &orphans, std::vector<pollfd> &polled) {
+        {
+            const std::lock_guard lock(mutex_);
+            orphans.reserve(orphans.size() + arrived_.size());
+            std::ranges::move(arrived_, std::back_inserter(orphans));
+            arrived_.clear();
+        }
+        // poll passes over negative descriptors, so each orphan simply has two places.
+        polled.assign(1, {wake_.get(), POLLIN, 0});
+        for (const auto &orphan : orphans) {
+            polled.push_back({orphan.process.get(), POLLIN, 0});
+            polled.push_back({orphan.pipe.get(), POLLIN, 0});
+        }
+    }
+
     void run(std::stop_token stop) {
         std::vector<Orphan> orphans;
         std::vector<pollfd> polled;
         std::array<char, chunkSize> chunk;
         while (!stop.stop_requested()) {
-            {
-                const std::lock_guard lock(mutex_);
-                std::ranges::move(arrived_, std::back_inserter(orphans));
-                arrived_.clear();
-            }
-            // poll passes over negative descriptors, so each orphan simply has two places.
-            polled.assign(1, {wake_.get(), POLLIN, 0});
-            for (const auto &orphan : orphans) {
-                polled.push_back({orphan.process.get(), POLLIN, 0});
-                polled.push_back({orphan.pipe.get(), POLLIN, 0});
+            try {
+                collect(orphans, polled);
+            } catch (const std::bad_alloc &) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                continue;
             }
             if (::poll(polled.data(), polled.size(), -1) < 0) {
                 pauseUnlessInterrupted();
@@ -311,39 +329,104 @@ Clock::time_point deadlineAfter(std::chrono::nanoseconds timeout) {
 
 } // namespace
 
+/// While it lives, a stop waits for a child that is being started.
+class ChildProcess::Starting {
+public:
+    explicit Starting(ChildProcess &child) : child_(child) { set(true); }
+    ~Starting() {
+        set(false);
+        child_.started_.notify_all();
+    }
+    Starting(const Starting &) = delete;
+    Starting &operator=(const Starting &) = delete;
+
+private:
+    void set(bool isStarting) {
+        const std::lock_guard lock(child_.mutex_);
+        child_.isStarting_ = isStarting;
+    }
+
+    ChildProcess &child_;
+};
+
 ChildProcess::ChildProcess(const FileURL &executable, const std::vector<std::string> &arguments,
-                           const std::map<std::string, std::string> &environment) {
+                           const std::map<std::string, std::string> &environment,
+                           std::stop_token stop)
+    : stop_(std::move(stop)) {
     try {
         // Now, as later there would be a running child and nobody to tell that something is amiss.
         Reaper::shared();
         stopped_ = makeEvent();
-        auto pipe = makePipe();
-        const auto pid = spawn(executable, arguments, environment, pipe.writeEnd);
-        process_ = openProcess(pid);
-        if (!process_) {
-            takeBack(pid, errno);
-        }
-        pipe_ = std::move(pipe.readEnd);
+        onStop_.emplace(stop_, [this] { this->stop(); });
+        start(executable, arguments, environment);
     } catch (const PlatformError &error) {
         throw PlatformError(PlatformError::Domain::posix, error.code(),
                             fmt::format("“{}” could not be started: {}.",
                                         Text::repairedUTF8(executable.path()),
                                         std::generic_category().message(error.code())));
     }
+    if (stop_.stop_requested()) {
+        terminate(); // starting took longer than whoever stopped could wait
+    }
 }
 
 ChildProcess::~ChildProcess() {
+    onStop_.reset();
+    if (status_) {
+        process_.reset();
+    }
     if (process_ || pipe_) {
         Reaper::shared().adopt(std::move(process_), std::move(pipe_));
     }
 }
 
-void ChildProcess::collectStatus() {
-    if (process_) {
-        status_ = collectedStatus(process_);
-        if (status_) {
-            process_.reset();
+void ChildProcess::start(const FileURL &executable, const std::vector<std::string> &arguments,
+                         const std::map<std::string, std::string> &environment) {
+    const Starting starting(*this);
+    if (stop_.stop_requested()) {
+        return;
+    }
+    auto pipe = makePipe();
+    const auto pid = spawn(executable, arguments, environment, pipe.writeEnd);
+    process_ = openProcess(pid);
+    if (!process_) {
+        takeBack(pid, errno);
+    }
+    pipe_ = std::move(pipe.readEnd);
+}
+
+void ChildProcess::stop() {
+    {
+        // A program whose disk does not answer must not hold up whoever stops.
+        std::unique_lock lock(mutex_);
+        if (started_.wait_for(lock, std::chrono::seconds(1), [this] { return !isStarting_; })) {
+            terminate();
         }
+    }
+    signalEvent(stopped_);
+}
+
+void ChildProcess::collectStatus() {
+    // Its descriptor stays: a stop may be using it on another thread.
+    if (process_ && !status_) {
+        status_ = collectedStatus(process_);
+    }
+}
+
+void ChildProcess::keep(std::string_view piece) {
+    if (isOutputLost_) {
+        return;
+    }
+    try {
+        if (output_.size() + piece.size() > outputLimit) {
+            output_.erase(0, outputLimit / 2);
+        }
+        output_.append(piece);
+    } catch (const std::bad_alloc &) {
+        // How the child ends is worth more than what it says. So short a text needs no room.
+        isOutputLost_ = true;
+        output_ = std::string();
+        output_ = "Out of memory";
     }
 }
 
@@ -355,20 +438,15 @@ bool ChildProcess::readSome() {
         pipe_.reset();
         return false;
     }
-    if (output_.size() + length > outputLimit) {
-        output_.erase(0, outputLimit / 2);
-    }
-    output_.append(chunk.data(), length);
+    keep({chunk.data(), length});
     return length > 0;
 }
 
-std::optional<int> ChildProcess::wait(std::chrono::nanoseconds timeout, std::stop_token stop) {
+std::optional<int> ChildProcess::wait(std::chrono::nanoseconds timeout) {
     const auto deadline = deadlineAfter(timeout);
-    const std::stop_callback onStop(stop, [this] { signalEvent(stopped_); });
-
     while (!status_ || pipe_) {
         const auto remaining = deadline - Clock::now();
-        if (remaining <= Clock::duration::zero() || stop.stop_requested()) {
+        if (remaining <= Clock::duration::zero() || stop_.stop_requested()) {
             collectStatus();
             if (status_) {
                 // What the child itself wrote is in the pipe by now: at most a pipe's worth, while
@@ -379,8 +457,9 @@ std::optional<int> ChildProcess::wait(std::chrono::nanoseconds timeout, std::sto
             }
             return status_;
         }
-        std::array<pollfd, 3> polled{
-            {{process_.get(), POLLIN, 0}, {pipe_.get(), POLLIN, 0}, {stopped_.get(), POLLIN, 0}}};
+        std::array<pollfd, 3> polled{{{status_ ? -1 : process_.get(), POLLIN, 0},
+                                      {pipe_.get(), POLLIN, 0},
+                                      {stopped_.get(), POLLIN, 0}}};
         const auto step = std::min<Clock::duration>(remaining, std::chrono::hours(1));
         const auto seconds = std::chrono::floor<std::chrono::seconds>(step);
         const timespec limit{seconds.count(), std::chrono::nanoseconds(step - seconds).count()};
@@ -399,7 +478,7 @@ std::optional<int> ChildProcess::wait(std::chrono::nanoseconds timeout, std::sto
 }
 
 void ChildProcess::terminate() {
-    if (process_) {
+    if (process_ && !isAskedToTerminate_.exchange(true)) {
         sendSignal(process_, SIGTERM);
     }
 }
