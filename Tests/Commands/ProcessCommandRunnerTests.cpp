@@ -201,12 +201,11 @@ TEST(ProcessCommandRunner, tellsTheToolOfAStopAtOnceAndEndsTheWait) {
 TEST(ProcessCommandRunner, tellsHowAToolEndedWithoutMemoryToo) {
     const TemporaryTree tree;
     const auto tool = scriptIn(tree, "echo > ran; echo what the tool says; exit 3");
-    for (bool isOut = true; isOut;) {
-        static int allocations = 0;
-        const MemoryFor memory(allocations++);
+    bool isOut = true;
+    for (int allocations = 0; isOut; ++allocations) {
+        allocationsLeft = allocations;
         const auto result = ProcessCommandRunner().run(tool, 60s);
-        isOut = memory.hasEnded();
-        allocationsLeft = -1;
+        isOut = std::exchange(allocationsLeft, -1) == 0;
         const bool ran = std::filesystem::remove((tree / "ran").path());
         EXPECT_EQ(result.exitCode, ran ? 3 : -1) << allocations;
         EXPECT_TRUE(result.output == "Out of memory" || result.output == "what the tool says\n");

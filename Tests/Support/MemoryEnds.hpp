@@ -13,17 +13,6 @@ inline bool (*isMemoryOut)() = nullptr;
 /// How many allocations of this thread succeed still; all of them when negative.
 inline thread_local int allocationsLeft = -1;
 
-/// While it lives, only so many allocations of this thread succeed.
-class MemoryFor {
-public:
-    explicit MemoryFor(int allocations) { allocationsLeft = allocations; }
-    ~MemoryFor() { allocationsLeft = -1; }
-    MemoryFor(const MemoryFor &) = delete;
-    MemoryFor &operator=(const MemoryFor &) = delete;
-
-    bool hasEnded() const { return allocationsLeft == 0; }
-};
-
 } // namespace klarbox::test
 
 [[gnu::noinline]] void *operator new(std::size_t size) {
