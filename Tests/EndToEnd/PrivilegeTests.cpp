@@ -42,7 +42,8 @@ TEST_F(Privileges, endWithEitherProcess) {
     startHelper();
     const auto first = verifier();
     ::kill(first, SIGKILL);
-    EXPECT_EQ(helper_->finish().exitCode, 1);
+    const auto outcome = helper_->finish();
+    EXPECT_EQ(outcome.exitCode, 1) << outcome.err;
     helper_.reset();
     EXPECT_THAT(journal_->messages("connections", 1),
                 Contains("The process that verifies peers has ended."));

@@ -4,6 +4,7 @@
 
 #include "Tests/Safety/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
+#include "Tests/Support/Sanitizers.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -52,7 +53,7 @@ TEST(DescriptorGrant, allHoldersTogetherMayOpenHalfOfWhatTheProcessMay) {
                         held += grant.descriptors();
                         peak = std::max(peak, held);
                     }
-                    std::this_thread::sleep_for(1ms);
+                    std::this_thread::sleep_for(isSanitized ? 20ms : 1ms);
                     const std::lock_guard lock(mutex);
                     held -= grant.descriptors(); // before the place is another's
                 }
