@@ -53,15 +53,14 @@ void XPCServedConnection::resume() {
         state_->connections.push_back(shared_from_this());
     }
     try {
-        std::thread([self = shared_from_this()]() mutable {
+        std::thread([self = shared_from_this()] {
             self->serve();
+            // Kept by this thread, too: whoever waits for the last connection to be gone may be
+            // done with the listener before this has told.
             const auto state = self->state_;
-            std::unique_lock lock(state->mutex);
+            const std::lock_guard lock(state->mutex);
             std::erase(state->connections, self);
-            self.reset();
-            // Notified once this thread is entirely gone, so that whoever waits for it may unload
-            // what it ran.
-            std::notify_all_at_thread_exit(state->changed, std::move(lock));
+            state->changed.notify_all();
         }).detach();
     } catch (...) {
         const std::lock_guard lock(state_->mutex);
