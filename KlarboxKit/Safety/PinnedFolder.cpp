@@ -18,7 +18,8 @@ namespace klarbox {
 namespace {
 
 std::shared_ptr<const PinnedFolder> pinned(UniqueFD descriptor, FileURL location) {
-    return std::make_shared<const PinnedFolder>(std::move(descriptor), std::move(location));
+    return std::make_shared<const PinnedFolder>(
+        PinnedFolder{.descriptor = std::move(descriptor), .location = std::move(location)});
 }
 
 /// The folder at a path that should have no links; null when it cannot be opened.

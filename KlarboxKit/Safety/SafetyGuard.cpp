@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <ranges>
 #include <utility>
 
 namespace klarbox {
@@ -168,7 +167,8 @@ std::vector<SafetyGuard::Root> SafetyGuard::resolved(std::span<const FileURL> ro
                                                      std::string_view realPath) {
     std::vector<Root> found;
     // From the last one on: a root inside another stands after it, and proves that other.
-    for (const auto &root : std::views::reverse(roots)) {
+    for (auto each = roots.rbegin(); each != roots.rend(); ++each) {
+        const auto &root = *each;
         const auto proves = [&](std::string_view path) { return leadsThrough(path, root.path()); };
         if (proves(realPath) || std::ranges::any_of(found, proves, &Root::path)) {
             found.push_back(rootAt(root, root.path()));

@@ -95,9 +95,10 @@ PeerVerifier::~PeerVerifier() {
 
 PeerVerifier::Verified PeerVerifier::verify(const PeerProcess &peer, const UniqueFD &connection,
                                             std::chrono::steady_clock::time_point deadline) const {
-    auto [conversation, other] = connectedSockets();
-    sendPacket(control_, "peer", other.get());
-    other.reset();
+    auto sockets = connectedSockets();
+    const auto conversation = std::move(sockets.first);
+    sendPacket(control_, "peer", sockets.second.get());
+    sockets.second.reset();
     sendPacket(conversation, fmt::format("{}", peer.pid()), peer.descriptor().get());
     const auto next = [&] { awaitPacket(conversation, connection, deadline); };
     Verified verified;
