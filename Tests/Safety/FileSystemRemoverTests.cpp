@@ -304,11 +304,11 @@ TEST(FileSystemRemover, anotherVolumeHasATrashOfItsOwn) {
         EXPECT_TRUE(FileManager::type(tree / ("elsewhere/" + own + "/item")));
 
         // Where files and folders of one file system have different device numbers.
-        for (const auto *path : {"unsafe/lower/home/item", "disk/upper/home/x", "disk/work/x"}) {
+        for (const auto *path : {"unsafe/lower/home/item", "disk/upper/home/x", "disk/spare/x"}) {
             tree.add({path, bytes(1)});
         }
         const auto layers = fmt::format("lowerdir={0}/unsafe/lower,upperdir={0}/disk/upper,"
-                                        "workdir={0}/disk/work,xino=off",
+                                        "workdir={0}/disk/spare,xino=off",
                                         tree.root().path());
         if (::mount("none", (tree / "layered").path().c_str(), "overlay", 0, layers.c_str()) == 0) {
             EXPECT_EQ(trashed(tree / "layered/home/item", tree / "layered/home"), moved);

@@ -1,5 +1,7 @@
 #include "Tests/Support/IsolatedProcess.hpp"
 
+#include "KlarboxKit/Platform/Linux/Capabilities.hpp"
+
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
@@ -93,6 +95,7 @@ void becomeOrdinaryUser() {
         check(::setresgid(nobody, nobody, nobody) == 0, "setresgid");
         check(::setresuid(nobody, nobody, nobody) == 0, "setresuid");
     }
+    keepCapabilities({}); // in a namespace of its own it may have had them all
 }
 
 void limitDescriptors(unsigned count) {
