@@ -70,8 +70,8 @@ struct Plan {
     std::int64_t bytes = 0;
     std::size_t permanent = 0;
     std::size_t trashed = 0;
-    std::size_t irreplaceable =
-        0;                        ///< of what goes at once, by a command too, what is not made anew
+    /// What goes at once, by a command too, and is not made anew.
+    std::size_t irreplaceable = 0;
     std::string privilegedRemark; ///< about what belongs to the system; empty without any
     std::vector<std::string> commands;
 

@@ -97,9 +97,6 @@ public:
     /// longer be verified.
     void run(const std::stop_token &stop = {});
 
-    /// Connections that are being served at this moment.
-    std::size_t connectionCount() const;
-
 private:
     std::shared_ptr<struct XPCListenerState> state_;
 };

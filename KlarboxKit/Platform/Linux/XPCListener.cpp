@@ -180,11 +180,6 @@ void XPCListener::setDelegate(XPCListenerDelegate *delegate) {
     state_->delegate = delegate;
 }
 
-std::size_t XPCListener::connectionCount() const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->connections.size();
-}
-
 void XPCListener::run(const std::stop_token &stop) {
     const UniqueFD stopped(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!stopped) {
