@@ -1,5 +1,6 @@
 #include "KlarboxCLI/CleanCommand.hpp"
 
+#include "KlarboxCLI/CleanObstacles.hpp"
 #include "KlarboxCLI/DisplayText.hpp"
 #include "KlarboxCLI/Interrupt.hpp"
 #include "KlarboxCLI/PrivilegedAccess.hpp"
@@ -35,15 +36,19 @@ bool canAsk() {
 
 /// Lets the person choose from a numbered list.
 std::vector<CategoryScan> askForSelection(const std::vector<CategoryScan> &scans,
-                                          const OutputStyle &style) {
-    write(stderr, scanTable(scans, {.style = style, .numbered = true}));
+                                          const ScanSession &session, const OutputStyle &style) {
+    const auto obstacles = session.obstacles();
+    write(stderr, scanTable(scans, {.style = style,
+                                    .numbered = true,
+                                    .obstacles = &obstacles,
+                                    .remarks = session.remarks(scans)}));
     const auto numbered = numberedItems(scans);
     if (numbered.empty()) {
         return scans;
     }
     std::vector<std::size_t> byDefault;
     for (std::size_t i = 0; i < numbered.size(); ++i) {
-        if (numbered[i]->isSelectedByDefault) {
+        if (obstacles.startsOutSelected(*numbered[i])) {
             byDefault.push_back(i + 1);
         }
     }
@@ -72,32 +77,31 @@ struct Plan {
     std::size_t trashed = 0;
     /// What goes at once, by a command too, and is not made anew.
     std::size_t irreplaceable = 0;
-    std::string privilegedRemark; ///< about what belongs to the system; empty without any
+    std::size_t ofTheSystem = 0;
     std::vector<std::string> commands;
+    std::vector<std::string> remarks; ///< about what cannot be cleaned here
 
-    Plan(const std::vector<KlarboxItem> &items, RemovalMode mode, const PrivilegedAccess &access)
-        : count(items.size()) {
-        std::size_t privileged = 0;
+    Plan(const std::vector<KlarboxItem> &items, RemovalMode mode, const CleanObstacles &obstacles,
+         std::vector<std::string> hints)
+        : count(items.size()),
+          remarks(std::move(hints)) {
         for (const auto &item : items) {
+            if (obstacles.of(item)) {
+                continue; // tried, but it promises nothing
+            }
             const std::size_t lasting = item.tier == SafetyTier::safe ? 0 : 1;
             bytes = saturatingAdd(bytes, item.size);
+            ofTheSystem += item.requiresPrivileges ? 1 : 0;
             if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
                 commands.push_back(Text::visible(command->action.displayString()));
                 irreplaceable += lasting;
-            } else if (item.requiresPrivileges) {
-                ++privileged;
-                permanent += access.canRemove() ? 1 : 0;
-                irreplaceable += access.canRemove() ? lasting : 0;
-            } else if (mode == RemovalMode::deletePermanently ||
+            } else if (item.requiresPrivileges || mode == RemovalMode::deletePermanently ||
                        item.removalPolicy == RemovalPolicy::permanentOnly) {
                 ++permanent;
                 irreplaceable += lasting;
             } else {
                 ++trashed;
             }
-        }
-        if (privileged > 0) {
-            privilegedRemark = access.remark(privileged);
         }
     }
 
@@ -120,8 +124,8 @@ struct Plan {
             add(DisplayText::count(permanent, "item") +
                 " will be deleted permanently. This can't be undone.");
         }
-        if (!privilegedRemark.empty()) {
-            add(privilegedRemark);
+        if (ofTheSystem > 0) {
+            add("Of the system: " + DisplayText::count(ofTheSystem, "item") + ".");
         }
         if (irreplaceable > 0) {
             add("What goes and does not come back by itself: " +
@@ -130,6 +134,7 @@ struct Plan {
         for (const auto &command : commands) {
             add("This command will be run: " + command);
         }
+        std::ranges::for_each(remarks, add);
         return text;
     }
 };
@@ -233,9 +238,24 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
 
     // The shell's prompt shall not stand in the line of a question that was not answered.
     hook.replace([] { tell("\n"); });
-    scans = hasSelection
-                ? Selection::select(std::move(scans), options.defaultSelection, options.items)
-                : askForSelection(scans, errorStyle);
+    const auto obstacles = session.obstacles();
+    std::vector<std::string> remarks;
+    if (hasSelection) {
+        // Told is also what the default would take but cannot.
+        remarks = obstacles.remarks(Selection::items(Selection::select(
+            scans,
+            [&](const auto &item) { return options.defaultSelection && item.isSelectedByDefault; },
+            options.items)));
+        scans = Selection::select(
+            std::move(scans),
+            [&](const auto &item) {
+                return options.defaultSelection && obstacles.startsOutSelected(item);
+            },
+            options.items);
+    } else {
+        scans = askForSelection(scans, session, errorStyle);
+        remarks = obstacles.remarks(Selection::items(scans));
+    }
     auto items = Selection::items(scans);
     // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
     std::stable_partition(items.begin(), items.end(), [](const KlarboxItem &item) {
@@ -245,7 +265,7 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const PrivilegedAccess access(session.roots(), guard, [progress](std::chrono::seconds elapsed) {
         progress->remark(helperRemark(elapsed));
     });
-    const Plan plan(items, mode, access);
+    const Plan plan(items, mode, obstacles, std::move(remarks));
 
     if (options.dryRun) {
         write(stdout, options.scan.json
@@ -262,8 +282,10 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
         }
-    } else if (!access.canRemove() && !plan.privilegedRemark.empty()) {
-        tell(plan.privilegedRemark + "\n"); // nobody has seen the plan
+    } else { // nobody has seen the plan
+        for (const auto &remark : plan.remarks) {
+            tell(remark + "\n");
+        }
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.

@@ -31,12 +31,17 @@ std::optional<std::string> InstalledApplications::name(std::string_view identifi
     if (found != index_.names.end()) {
         return found->second;
     }
-    return index_.isComplete ? std::nullopt : std::optional<std::string>(identifier);
+    if (index_.isComplete && index_.hasBundleFolder) {
+        return std::nullopt;
+    }
+    hasTakenAll_ = hasTakenAll_ || !index_.hasBundleFolder;
+    return std::string(identifier);
 }
 
 InstalledApplications::Index InstalledApplications::makeIndex() const {
     Index index;
     for (const auto &folder : bundleFolders_) {
+        index.hasBundleFolder = index.hasBundleFolder || FileManager::exists(folder);
         addBundles(index, folder, deepestSubfolder);
     }
     for (const auto &folder : entryFolders_) {

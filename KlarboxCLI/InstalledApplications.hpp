@@ -2,6 +2,7 @@
 
 #include "KlarboxKit/Platform/FileURL.hpp"
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,15 +23,19 @@ public:
     InstalledApplications(std::vector<FileURL> bundleFolders, std::vector<FileURL> entryFolders);
 
     /// The name of the application with this identifier, letter case aside. Nothing only when it
-    /// is certain that there is none: where a folder or an application could not be read, an
-    /// unknown identifier stands for itself, as data of an application that nobody saw must not
-    /// pass for that of a removed one.
+    /// is certain that there is none: where a folder or an application could not be read, or no
+    /// bundle folder exists (a home without its disk), an unknown identifier stands for itself, as
+    /// data of an application that nobody saw must not pass for that of a removed one.
     std::optional<std::string> name(std::string_view identifier) const;
+
+    /// Whether identifiers were taken for installed because none of the bundle folders exists.
+    bool hasTakenAllForInstalled() const { return hasTakenAll_; }
 
 private:
     struct Index {
         std::unordered_map<std::string, std::string> names; ///< by folded identifier
         bool isComplete = true;
+        bool hasBundleFolder = false;
     };
 
     Index makeIndex() const;
@@ -41,6 +46,7 @@ private:
     std::vector<FileURL> entryFolders_;
     mutable std::once_flag once_;
     mutable Index index_;
+    mutable std::atomic<bool> hasTakenAll_ = false;
 };
 
 } // namespace klarbox

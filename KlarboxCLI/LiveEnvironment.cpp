@@ -108,12 +108,18 @@ std::vector<FileURL> bundleFolders(const FileURL &home, const FileURL &disk) {
 
 } // namespace
 
-ScanEnvironment liveEnvironment(const FileURL &home, const FileURL &disk) {
+std::shared_ptr<const InstalledApplications> applicationsFor(const FileURL &home,
+                                                             const FileURL &disk) {
+    return std::make_shared<const InstalledApplications>(bundleFolders(home, disk),
+                                                         DesktopEntries::folders(home));
+}
+
+ScanEnvironment liveEnvironment(const FileURL &home,
+                                std::shared_ptr<const InstalledApplications> applications) {
     ScanEnvironment environment{
         .runningBundleIDs = {},
         .runningCommandLines = {},
-        .installedAppName = [applications = std::make_shared<const InstalledApplications>(
-                                 bundleFolders(home, disk), DesktopEntries::folders(home))](
+        .installedAppName = [applications = std::move(applications)](
                                 std::string_view bundleID) { return applications->name(bundleID); },
         .hasFullDiskAccess = canListGuardedFolders(home),
         .now = std::chrono::floor<FileManager::Date::duration>(std::chrono::system_clock::now()),

@@ -22,7 +22,10 @@ int runScan(const ScanOptions &options, Interrupt &interrupt) {
     if (options.json) {
         write(stdout, encodeJSON(scanDocument(scans), 2) + "\n");
     } else {
-        write(stdout, scanTable(scans, {.style = OutputStyle::of(stdout, options.color)}));
+        const auto obstacles = session.obstacles();
+        write(stdout, scanTable(scans, {.style = OutputStyle::of(stdout, options.color),
+                                        .obstacles = &obstacles,
+                                        .remarks = session.remarks(scans)}));
     }
     return ExitCode::done;
 }

@@ -8,6 +8,7 @@
 #include "KlarboxKit/Commands/SizeText.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
+#include "KlarboxKit/Platform/PlacesOnTheWay.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
@@ -21,10 +22,8 @@
 #include <charconv>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <mutex>
-#include <numeric>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -83,6 +82,32 @@ FileURL folder(std::string_view option, const std::string &path) {
 FileURL startupDisk(const std::string &path) {
     auto url = folder("--disk", path);
     return FileManager::realPath(url.path()) == "/" ? FileURL("/", true) : url;
+}
+
+/// The home folder that is meant when none is named: the person's own on this machine's disk, the
+/// only one of any other. Somebody's own home beside the disk of another is not what they ask for.
+FileURL homeOn(const FileURL &disk) {
+    if (disk == FileURL("/")) {
+        return FileManager::homeDirectory();
+    }
+    const auto users = disk.appending("Users", true);
+    std::vector<FileURL> homes;
+    std::vector<std::string> names;
+    for (const auto &entry : ScannerSupport::childrenOrNone(users)) {
+        const auto name = entry.lastComponent();
+        if (FileManager::type(entry) == FileManager::FileType::directory &&
+            Text::lowercased(name) != "shared" && !name.starts_with('.')) {
+            homes.push_back(entry);
+            names.push_back(Text::visible(name));
+        }
+    }
+    if (homes.size() != 1) {
+        throw UsageError(
+            fmt::format("--disk: which home folder is meant? {} holds {}; name one with --home",
+                        Text::visible(users.path()),
+                        homes.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "))));
+    }
+    return homes.front();
 }
 
 ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerList all) {
@@ -198,30 +223,6 @@ bool isMountPoint(const FileURL &folder) {
 /// Where tools are, by their names.
 using Locator = decltype(ScanEnvironment::locateTool);
 
-/// Every place that a path leads through, by folders that are no links: the folders, the links that
-/// are met and where they lead, and the file itself, as far down as anything is there.
-std::vector<std::string> placesOnTheWay(const FileURL &file) {
-    namespace fs = std::filesystem;
-    constexpr int mostLinks = 40; // as many as the system follows
-    std::vector<std::string> places;
-    fs::path at = "/";
-    auto rest = fs::path(file.path()).relative_path();
-    for (int links = 0; !rest.empty() && links <= mostLinks;) {
-        const auto name = *rest.begin();
-        rest = std::accumulate(std::next(rest.begin()), rest.end(), fs::path(),
-                               std::divides<fs::path>());
-        at = name == ".." ? at.parent_path() : name == "." || name.empty() ? at : at / name;
-        places.push_back(at.string());
-        std::error_code error;
-        if (const auto target = fs::read_symlink(at, error); !error) {
-            ++links;
-            at = target.is_absolute() ? fs::path("/") : at.parent_path();
-            rest = target.relative_path() / rest;
-        }
-    }
-    return places;
-}
-
 /// Runs no program that lies in one of some folders, or that a link there leads to: what others put
 /// there would run as whoever only wanted to look. But a program that the person named is one that
 /// the person means.
@@ -284,10 +285,9 @@ ScanSession::ScanSession(const ScanOptions &options)
     : disk_(startupDisk(options.disk)),
       roots_(PrivilegedRoots::below(disk_)),
       scanners_(scannersNamed(options.categories,
-                              defaultScanners(roots_, disk_.appending("Volumes", true)))),
+                              defaultScanners(roots_, disk_.appending("Volumes", true), disk_))),
       context_{
-          .home =
-              options.home.empty() ? FileManager::homeDirectory() : folder("--home", options.home),
+          .home = options.home.empty() ? homeOn(disk_) : folder("--home", options.home),
           .settings = options.settingsFile.empty()
                           ? SettingsStore::loadOrFirstRun(SettingsStore::defaultLocation())
                           : SettingsStore::load(FileURL(options.settingsFile)),
@@ -295,7 +295,8 @@ ScanSession::ScanSession(const ScanOptions &options)
           .minimumSize = parseMinimumSize(options.minimumSize),
       } {
     requireFolder("the home folder", context_.home);
-    auto live = liveEnvironment(context_.home, disk_);
+    applications_ = applicationsFor(context_.home, disk_);
+    auto live = liveEnvironment(context_.home, applications_);
     const auto search = std::exchange(live.locateTool, nullptr);
     context_.environment = environment(options.environmentFile, std::move(live));
     const auto named = context_.environment.locateTool;
@@ -332,6 +333,23 @@ std::vector<FileURL> ScanSession::enclosures() const {
     std::ranges::copy(ScannerSupport::childrenOrNone(disk_.appending("Volumes")),
                       std::back_inserter(folders));
     return folders;
+}
+
+std::vector<std::string> ScanSession::remarks(const std::vector<CategoryScan> &scans) const {
+    std::vector<KlarboxItem> items;
+    for (const auto &scan : scans) {
+        items.insert(items.end(), scan.items.begin(), scan.items.end());
+    }
+    auto all = obstacles().remarks(items);
+    const bool judgesContainers = std::ranges::any_of(scans, [](const CategoryScan &scan) {
+        return scan.info == CategoryCatalog::orphanedContainers();
+    });
+    if (judgesContainers && applications_->hasTakenAllForInstalled()) {
+        all.emplace_back("Which applications are installed is not known, as there is no folder of "
+                         "applications: each counts as installed. Name the Mac's disk with --disk "
+                         "to find containers of removed ones.");
+    }
+    return all;
 }
 
 std::vector<CategoryScan> ScanSession::scan(ProgressLine &progress, std::stop_token stop) const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KlarboxCLI/CleanObstacles.hpp"
+#include "KlarboxCLI/InstalledApplications.hpp"
 #include "KlarboxCLI/Interrupt.hpp"
 #include "KlarboxCLI/ProgressLine.hpp"
 #include "KlarboxCLI/ScanOptions.hpp"
@@ -30,6 +32,13 @@ public:
     /// machine's. A person's own home may have its caches on another disk, and is cleaned there.
     std::vector<FileURL> enclosures() const;
 
+    /// What keeps findings from being cleaned by this process.
+    CleanObstacles obstacles() const { return CleanObstacles(PrivilegedAccess::way(roots_)); }
+
+    /// What to know about findings of this session's scan that they do not say themselves, in
+    /// paragraphs.
+    std::vector<std::string> remarks(const std::vector<CategoryScan> &scans) const;
+
     /// Scans, showing on `progress` which categories run, how many are done and what was found so
     /// far. Blocks.
     std::vector<CategoryScan> scan(ProgressLine &progress, std::stop_token stop) const;
@@ -42,6 +51,7 @@ private:
     PrivilegedRoots roots_;
     ScannerList scanners_;
     ScanContext context_;
+    std::shared_ptr<const InstalledApplications> applications_;
 };
 
 } // namespace klarbox

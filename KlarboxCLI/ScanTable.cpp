@@ -35,6 +35,8 @@ public:
         : scans_(scans),
           style_(options.style),
           isSelection_(options.isSelection),
+          obstacles_(options.obstacles),
+          remarks_(options.remarks),
           width_(style_.width == 0 ? 0 : std::max(style_.width, DisplayText::narrowest)) {
         const auto total = numberedItems(scans).size();
         numberWidth_ = options.numbered ? std::to_string(total).size() + gap : 0;
@@ -71,6 +73,7 @@ public:
         if (!isSelection_) {
             writeTotal();
         }
+        writeRemarks();
         return std::move(text_);
     }
 
@@ -144,7 +147,7 @@ private:
                 DisplayText::rightAligned(std::to_string(++number_), numberWidth_ - gap),
                 numberWidth_);
         }
-        row += item.isSelectedByDefault || isSelection_ ? style_.green("[x]") : "[ ]";
+        row += isSelection_ || startsOutSelected(item) ? style_.green("[x]") : "[ ]";
         row += std::string(gap, ' ');
         row += DisplayText::rightAligned(DisplayText::size(item), sizeWidth);
         row += std::string(gap, ' ');
@@ -210,7 +213,7 @@ private:
             foundBytes = saturatingAdd(foundBytes, scan.totalSize());
             found += scan.items.size();
             for (const auto &item : scan.items) {
-                if (item.isSelectedByDefault) {
+                if (startsOutSelected(item)) {
                     ++selected;
                     selectedBytes = saturatingAdd(selectedBytes, item.size);
                 }
@@ -230,9 +233,22 @@ private:
         }
     }
 
+    void writeRemarks() {
+        for (const auto &remark : remarks_) {
+            paragraph(remark, 0);
+        }
+    }
+
+    bool startsOutSelected(const KlarboxItem &item) const {
+        return obstacles_ == nullptr ? item.isSelectedByDefault
+                                     : obstacles_->startsOutSelected(item);
+    }
+
     const std::vector<CategoryScan> &scans_;
     OutputStyle style_;
     bool isSelection_;
+    const CleanObstacles *obstacles_;
+    std::vector<std::string> remarks_;
     std::size_t width_;
     std::size_t numberWidth_ = 0;
     std::size_t titleWidth_ = 0;

@@ -24,7 +24,8 @@ std::optional<std::size_t> parseNumber(std::string_view text, std::size_t count)
 
 } // namespace
 
-std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault,
+std::vector<CategoryScan> select(std::vector<CategoryScan> scans,
+                                 const std::function<bool(const KlarboxItem &)> &wanted,
                                  const std::vector<std::string> &identifiers) {
     // Names on disk may differ only in bytes that cannot be shown; then the text names neither.
     std::map<std::string, std::set<std::string>> shownAs;
@@ -33,7 +34,7 @@ std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault
             shownAs[Text::repairedUTF8(item.id)].insert(item.id);
         }
     }
-    std::set<std::string> wanted;
+    std::set<std::string> named;
     for (const auto &identifier : identifiers) {
         auto meant = shownAs[Text::repairedUTF8(identifier)];
         if (!Text::isValidUTF8(identifier)) {
@@ -46,11 +47,11 @@ std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault
                                                        : "more than one item is shown as",
                                          Text::visible(identifier)));
         }
-        wanted.merge(meant);
+        named.merge(meant);
     }
     for (auto &scan : scans) {
         std::erase_if(scan.items, [&](const KlarboxItem &item) {
-            return !(byDefault && item.isSelectedByDefault) && !wanted.contains(item.id);
+            return !wanted(item) && !named.contains(item.id);
         });
     }
     return scans;

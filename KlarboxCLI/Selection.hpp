@@ -3,6 +3,7 @@
 #include "KlarboxKit/Model/CategoryScan.hpp"
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,10 +11,11 @@
 
 namespace klarbox::Selection {
 
-/// The scans with nothing but the items that start out selected (when `byDefault`) or whose
-/// identifiers, byte for byte or as they are shown, are listed. Throws `UsageError` for an
-/// identifier that the scan did not find, or that more than one item shows.
-std::vector<CategoryScan> select(std::vector<CategoryScan> scans, bool byDefault,
+/// The scans with nothing but the items that are `wanted` or whose identifiers, byte for byte or as
+/// they are shown, are listed. Throws `UsageError` for an identifier that the scan did not find, or
+/// that more than one item shows.
+std::vector<CategoryScan> select(std::vector<CategoryScan> scans,
+                                 const std::function<bool(const KlarboxItem &)> &wanted,
                                  const std::vector<std::string> &identifiers);
 
 /// The scans with nothing but the items whose numbers (of `numberedItems`) are given.

@@ -17,6 +17,7 @@
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -286,6 +287,12 @@ std::optional<EntryFacts> facts(const FileURL &url, FinalLink link) {
 bool isMissing(const FileURL &url) {
     struct stat st {};
     return !status(url, st, 0) && isAbsence(errno);
+}
+
+bool isOnReadOnlyVolume(const FileURL &url) {
+    struct statvfs volume {};
+    return !hasNUL(url.path()) && ::statvfs(url.path().c_str(), &volume) == 0 &&
+           (volume.f_flag & ST_RDONLY) != 0;
 }
 
 std::optional<std::string> realPath(std::string_view path) {

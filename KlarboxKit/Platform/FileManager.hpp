@@ -56,6 +56,10 @@ std::optional<EntryFacts> facts(const FileURL &url, FinalLink link = FinalLink::
 /// neither `exists` nor is missing.
 bool isMissing(const FileURL &url);
 
+/// Whether the path leads to a file system on which nothing can be changed; false when it cannot be
+/// looked at.
+bool isOnReadOnlyVolume(const FileURL &url);
+
 /// The path with every symbolic link resolved; nothing when it does not lead anywhere.
 std::optional<std::string> realPath(std::string_view path);
 

@@ -1,10 +1,14 @@
 #include "KlarboxKit/Scanners/BrokenLaunchAgentsScanner.hpp"
 
+#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Platform/PlacesOnTheWay.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <string_view>
 #include <sys/stat.h>
@@ -25,6 +29,15 @@ bool isMissing(const FileURL &url) {
     struct stat st {};
     return ::stat(url.path().c_str(), &st) != 0 &&
            (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG);
+}
+
+/// Whether a program comes with the system, on the volume that nobody else can write to.
+bool isOfTheSystem(const FileURL &program) {
+    constexpr std::array<std::string_view, 4> folders{"/System/", "/bin/", "/sbin/", "/usr/"};
+    return !program.path().starts_with("/usr/local/") &&
+           std::ranges::any_of(folders, [&](std::string_view folder) {
+               return program.path().starts_with(folder);
+           });
 }
 
 } // namespace
@@ -49,6 +62,15 @@ std::optional<std::string> BrokenLaunchAgentsScanner::program(const PropertyList
     return std::string(*arguments->at(0).asString());
 }
 
+bool BrokenLaunchAgentsScanner::isGone(const FileURL &program) const {
+    if (!isMissing(program) || disk_ == FileURL("/")) {
+        return isMissing(program);
+    }
+    // The volume of a Mac's home folders is often mounted without that of its system.
+    const bool isKnown = !isOfTheSystem(program) || FileManager::exists(disk_.appending("usr/bin"));
+    return isKnown && isMissing(FileURL(placesOnTheWay(program, disk_).back()));
+}
+
 CategoryScan BrokenLaunchAgentsScanner::scan(const ScanContext &context, std::stop_token) const {
     CategoryScan scan{.info = info()};
     const auto root = context.homePath("Library/LaunchAgents");
@@ -61,7 +83,7 @@ CategoryScan BrokenLaunchAgentsScanner::scan(const ScanContext &context, std::st
         // A bare name is found through the search path only when the agent starts, and a program on
         // another volume may be there again tomorrow.
         if (!missing || !missing->starts_with('/') || missing->starts_with("/Volumes/") ||
-            !isMissing(FileURL(*missing))) {
+            !isGone(FileURL(*missing))) {
             continue;
         }
         scan.items.push_back({

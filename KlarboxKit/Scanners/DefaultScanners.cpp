@@ -23,7 +23,8 @@
 
 namespace klarbox {
 
-ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory) {
+ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory,
+                            const FileURL &disk) {
     return {
         std::make_shared<UserCachesScanner>(mainBundleIdentifier()),
         std::make_shared<LogsScanner>(),
@@ -43,7 +44,7 @@ ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumes
         std::make_shared<AISessionsScanner>(),
         std::make_shared<OrphanedContainersScanner>(mainBundleIdentifier()),
         std::make_shared<BrokenPreferencesScanner>(),
-        std::make_shared<BrokenLaunchAgentsScanner>(),
+        std::make_shared<BrokenLaunchAgentsScanner>(disk),
     };
 }
 

@@ -5,9 +5,10 @@
 
 namespace klarbox {
 
-/// New scanners of every category, in catalog order, over these system folders and the folder whose
-/// entries are the mounted volumes.
-ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory);
+/// New scanners of every category, in catalog order, over these system folders, the folder whose
+/// entries are the mounted volumes, and where the startup disk is mounted.
+ScannerList defaultScanners(const PrivilegedRoots &roots, const FileURL &volumesDirectory,
+                            const FileURL &disk = FileURL("/"));
 
 /// The same over the folders of this machine.
 ScannerList defaultScanners();

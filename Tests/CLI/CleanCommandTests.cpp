@@ -3,12 +3,14 @@
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
+#include "Tests/Support/IsolatedProcess.hpp"
 #include "Tests/Support/MemoryEnds.hpp"
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
 
@@ -145,6 +147,59 @@ TEST(CleanCommand, followsNoLinkOutOfAnotherUsersHomeNorOffADiskOrVolume) {
                                  (tree / "disk/Volumes/Stick").path(), uid));
     EXPECT_EQ(run.exitCode, 1) << run.err;
     EXPECT_TRUE(FileManager::exists(tree / ("precious/" + uid + "/x")));
+}
+
+TEST(CleanCommand, leavesOutOfTheDefaultWhatCannotBeCleanedHere) {
+    const TemporaryDemoWorld demo;
+    const std::string clean = "clean --category user-caches --category system-caches ";
+    std::filesystem::permissions(demo.folder.root().path(), std::filesystem::perms(0755));
+    inIsolatedProcess([&] {
+        becomeOrdinaryUser();
+        const auto all =
+            document(demo.run("scan --json --category system-caches")).at("categories");
+        ASSERT_TRUE(all[0].at("items")[0].at("isSelectedByDefault"));
+        const auto id = all[0].at("items")[0].at("id").get<std::string>();
+        const auto told = HasSubstr("of the system of another disk. Run klarbox with sudo");
+        // Marked, counted and taken is what can go.
+        const auto asked = runKlarboxOnTerminal(demo.folder.root(), clean + demo.options,
+                                                {"default\n", "n\n"}, 200);
+        EXPECT_THAT(asked.out, AllOf(told, HasSubstr("\n3 items, ")));
+        const auto dry = demo.run(clean + "--dry-run --json --default-selection");
+        EXPECT_THAT(itemIDs(document(dry)), Not(HasSubstr(id)));
+        EXPECT_THAT(demo.run(clean + "--dry-run --default-selection").out, told);
+        EXPECT_THAT(demo.run("scan --category system-caches").out,
+                    AllOf(told, HasSubstr("; nothing selected")));
+        // Named, it is tried, and told.
+        const auto run = demo.run(clean + "--yes --json --item " + id);
+        EXPECT_EQ(run.exitCode, 1);
+        EXPECT_THAT(run.err, told);
+        EXPECT_THAT(document(run).at("failures"), ElementsAre(id));
+    });
+}
+
+TEST(CleanCommand, saysBeforehandThatADiskIsReadOnly) {
+    const TemporaryTree home{{"Library/Caches", directory()}};
+    inIsolatedProcess([&] {
+        const auto caches = home / "Library/Caches";
+        if (!enterMountNamespace() ||
+            ::mount("none", caches.path().c_str(), "tmpfs", 0, nullptr) != 0) {
+            GTEST_SKIP() << "needs mounts of its own";
+        }
+        home.add({"Library/Caches/com.example.a/x", bytes(2'000'000)});
+        ASSERT_EQ(::mount("none", caches.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr),
+                  0);
+        const auto clean = [&](const char *selection) {
+            return runKlarbox(home.root(),
+                              fmt::format("clean --yes --category user-caches {}", selection));
+        };
+        const auto told = HasSubstr("1 item, 2.0 MB, on a disk that is mounted read-only.");
+        const auto all = clean("--default-selection");
+        EXPECT_EQ(all.exitCode, 0);
+        EXPECT_THAT(all.err, told);
+        const auto named = clean("--item user-caches:com.example.a");
+        EXPECT_EQ(named.exitCode, 1);
+        EXPECT_THAT(named.err, told);
+    });
 }
 
 TEST(CleanCommand, refusesWithoutASelectionOrSomebodyToAsk) {

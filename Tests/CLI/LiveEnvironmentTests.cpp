@@ -49,7 +49,7 @@ ScanEnvironment environmentWith(const FileURL &program) {
     ScanEnvironment environment;
     // Just after its start a process has its executable already, but not its arguments.
     EXPECT_TRUE(eventually([&] {
-        environment = liveEnvironment(FileURL("/nonexistent"), FileURL("/"));
+        environment = liveEnvironment(FileURL("/nonexistent"), nullptr);
         return environment.isRunning(program.path() + " 30");
     }));
     return environment;
@@ -143,7 +143,8 @@ TEST(LiveEnvironment, knowsInstalledApplicationsByBundlesAndDesktopEntries) {
         const auto shared = (tree / "share").path() + "::relative:" + (tree / "more").path();
         ::setenv("XDG_DATA_HOME", (tree / "data").path().c_str(), 1);
         ::setenv("XDG_DATA_DIRS", shared.c_str(), 1);
-        const auto environment = liveEnvironment(tree / "home", tree / "disk");
+        const auto environment =
+            liveEnvironment(tree / "home", applicationsFor(tree / "home", tree / "disk"));
         // Scanners ask side by side.
         std::vector<std::jthread> scanners(4);
         for (auto &scanner : scanners) {
@@ -173,7 +174,8 @@ TEST(LiveEnvironment, takesUnknownApplicationsForInstalledWhereItCouldNotLook) {
         std::filesystem::permissions(tree.root().path(), std::filesystem::perms(0755));
         inIsolatedProcess([&] {
             becomeOrdinaryUser();
-            const auto environment = liveEnvironment(tree / "home", tree / "disk");
+            const auto environment =
+                liveEnvironment(tree / "home", applicationsFor(tree / "home", tree / "disk"));
             EXPECT_EQ(environment.installedAppName("com.e.seen"), "Seen") << unreadable;
             EXPECT_EQ(environment.installedAppName("com.e.unseen"), "com.e.unseen") << unreadable;
         });
@@ -202,8 +204,7 @@ TEST(LiveEnvironment, hasFullDiskAccessUnlessAGuardedFolderRefusesToBeListed) {
         std::ranges::for_each(entries, [&](const Entry &entry) { tree.add(entry); });
         inIsolatedProcess([&, &name = name, &expected = expected] {
             becomeOrdinaryUser();
-            EXPECT_EQ(liveEnvironment(tree.root(), FileURL("/")).hasFullDiskAccess, expected)
-                << name;
+            EXPECT_EQ(liveEnvironment(tree.root(), nullptr).hasFullDiskAccess, expected) << name;
         });
     }
 }

@@ -128,6 +128,59 @@ TEST(ScanCommand, refusesBadInputWithOneLineThatSaysWhatAndWhere) {
     }
 }
 
+TEST(ScanCommand, takesTheOnlyHomeOfADiskAndAsksWhichOfSeveral) {
+    const std::string cache = "/Library/Caches/com.example.";
+    const TemporaryTree tree{
+        {cache.substr(1) + "mine/x", bytes(2'000'000)}, // of who scans
+        {"one/Users/ann" + cache + "ann/x", bytes(2'000'000)},
+        {"one/Users/shared" + cache + "shared/x", bytes(2'000'000)},
+        {"one/Users/.localized", bytes(1)},
+        {"one/Users/linked", link("/")},
+        {"two/Users/ann", directory()},
+        {"two/Users/bob", directory()},
+        {"none/Users/Shared", directory()},
+        {"itself", link("/")},
+    };
+    const struct {
+        const char *disk;
+        const char *told; ///< in the document, or in the error
+        int exitCode;
+    } cases[] = {
+        {"one", "user-caches:com.example.ann\n", 0},
+        {"itself", "user-caches:com.example.mine\n", 0},
+        {"two", "two/Users holds ann, bob; name one with --home", 2},
+        {"none", "none/Users holds none", 2},
+    };
+    for (const auto &[disk, told, exitCode] : cases) {
+        const auto run = runKlarbox(
+            tree.root(), fmt::format("scan --json --category user-caches --disk {}", disk));
+        EXPECT_EQ(run.exitCode, exitCode) << run.err;
+        if (exitCode == 0) {
+            EXPECT_EQ(itemIDs(document(run)), told);
+        } else {
+            EXPECT_THAT(run.err, HasSubstr(told));
+        }
+    }
+}
+
+TEST(ScanCommand, saysThatItDoesNotKnowTheApplicationsOfAHomeWithoutItsDisk) {
+    if (FileManager::exists(FileURL("/Applications"))) {
+        GTEST_SKIP() << "this machine has a folder of applications";
+    }
+    const TemporaryTree tree{{"home/Library/Containers/com.example.gone/x", bytes(2'000'000)}};
+    const auto scan = [&](const char *options) {
+        const auto run =
+            runKlarbox(tree.root(),
+                       fmt::format("scan --home home --category orphaned-containers {}", options));
+        EXPECT_EQ(run.exitCode, 0) << run.err;
+        return run.out;
+    };
+    EXPECT_THAT(scan(""), AllOf(HasSubstr("not known"), Not(HasSubstr("com.example.gone"))));
+    tree.add({"disk/Applications", directory()});
+    EXPECT_THAT(scan("--disk disk"),
+                AllOf(Not(HasSubstr("not known")), HasSubstr("com.example.gone")));
+}
+
 TEST(ScanCommand, takesNoOtherFolderForACurrentOneThatIsGone) {
     const TemporaryTree tree{{"root/home/Library/Caches", directory()}, {"root/gone", directory()}};
     const auto run = shell("cd " + (tree / "root/gone").path() +

@@ -54,14 +54,16 @@ TEST(Selection, answersAreReadAsAPersonMeansThem) {
 }
 
 TEST(Selection, takesExactlyWhatIsNamedOrNothing) {
-    EXPECT_THAT(ids(Selection::select(scans(), false, {"big"})), ElementsAre("big"));
-    EXPECT_THAT(ids(Selection::select(scans(), true, {"big"})),
+    const auto none = [](const KlarboxItem &) { return false; };
+    const auto marked = [](const KlarboxItem &item) { return item.isSelectedByDefault; };
+    EXPECT_THAT(ids(Selection::select(scans(), none, {"big"})), ElementsAre("big"));
+    EXPECT_THAT(ids(Selection::select(scans(), marked, {"big"})),
                 ElementsAre("small", "big", "bad-\xe9", "bad-\xe8"));
-    EXPECT_THROW(Selection::select(scans(), true, {"big", "gone"}), UsageError);
+    EXPECT_THROW(Selection::select(scans(), marked, {"big", "gone"}), UsageError);
     // Two items are shown alike; guessing which is meant could remove the wrong one.
-    EXPECT_THROW(Selection::select(scans(), false, {"bad-\uFFFD"}), UsageError);
-    EXPECT_THAT(ids(Selection::select(scans(), false, {"bad-\xe8"})), ElementsAre("bad-\xe8"));
-    EXPECT_THROW(Selection::select(scans(), false, {"bad-\xe7"}), UsageError);
+    EXPECT_THROW(Selection::select(scans(), none, {"bad-\uFFFD"}), UsageError);
+    EXPECT_THAT(ids(Selection::select(scans(), none, {"bad-\xe8"})), ElementsAre("bad-\xe8"));
+    EXPECT_THROW(Selection::select(scans(), none, {"bad-\xe7"}), UsageError);
     // Numbers are those of the table, which lists the largest first.
     EXPECT_THAT(ids(Selection::selectNumbers(scans(), {1, 4})), ElementsAre("small", "big"));
 }

@@ -104,6 +104,49 @@ TEST(BrokenLaunchAgentsScanner, offersAgentsWhoseProgramIsGone) {
     EXPECT_THAT(each(scan, &KlarboxItem::note), testing::ElementsAreArray(expected));
 }
 
+TEST(BrokenLaunchAgentsScanner, takesAProgramOfAnotherDiskForGoneOnlyWhenNeitherDiskHasIt) {
+    const TemporaryTree disk{
+        {"Applications/A.app/a", bytes(1)},
+        {"usr/local/bin/whole", link("/Applications/A.app/a")}, // of the disk, not of this machine
+        {"usr/local/bin/out", link("../../../../../../../../Applications/A.app/a")},
+        {"usr/local/bin/gone", link("/bin/sh-of-nobody")},
+        {"usr/local/bin/loop", link("/usr/local/bin/loop")},
+        {"etc", link("/private/etc")},
+        {"private/etc/x", bytes(1)},
+    };
+    const std::pair<const char *, bool> programs[] = {
+        {"/Applications/A.app/a", false},
+        {"/Applications/B.app/b", true},
+        {"/usr/local/bin/whole", false},
+        {"/usr/local/bin/out", false},
+        {"/usr/local/bin/gone", true},
+        {"/usr/local/bin/loop", true},
+        {"/etc/x", false},
+        {"/bin/sh", false}, // this machine has it
+        {"/usr/libexec/of-the-system", true},
+    };
+    std::vector<std::string> gone;
+    const auto home = "Users/ann";
+    for (int number = 1; const auto &[program, isGone] : programs) {
+        const auto list = fmt::format("{}/Library/LaunchAgents/{}.plist", home, number++);
+        disk.add({list, text(fmt::format("Program = \"{}\";", program))});
+        if (isGone) {
+            gone.push_back("broken-launch-agents:" + (disk / list).path());
+        }
+    }
+    const auto found = [&] {
+        return each(BrokenLaunchAgentsScanner(disk.root()).scan(scanContext(disk / home), {}),
+                    &KlarboxItem::id);
+    };
+    // The system lies on another volume of that Mac; what comes with it is not known to be gone.
+    const auto ofTheSystem = gone.back();
+    gone.pop_back();
+    EXPECT_THAT(found(), testing::ElementsAreArray(gone));
+    disk.add({"usr/bin", directory()});
+    gone.push_back(ofTheSystem);
+    EXPECT_THAT(found(), testing::ElementsAreArray(gone));
+}
+
 TEST(BrokenLaunchAgentsScanner, namesAgentsAsTheyNameThemselves) {
     const auto agent = [](const std::string &label) {
         return text("Program = \"/gone\"; Label = \"" + label + "\";");
