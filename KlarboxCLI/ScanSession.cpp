@@ -341,6 +341,10 @@ std::vector<std::string> ScanSession::remarks(const std::vector<CategoryScan> &s
         items.insert(items.end(), scan.items.begin(), scan.items.end());
     }
     auto all = obstacles().remarks(items);
+    if (items.empty()) {
+        all.emplace_back("To see a scan that finds something, of a make-believe Mac: \"./dev run "
+                         "demo\" in the folder of Klarbox's sources.");
+    }
     const bool judgesContainers = std::ranges::any_of(scans, [](const CategoryScan &scan) {
         return scan.info == CategoryCatalog::orphanedContainers();
     });

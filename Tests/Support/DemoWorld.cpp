@@ -158,38 +158,50 @@ void put(const DemoWorld &world, const Row &row) {
     }
 }
 
-/// A tool that notes what it was asked and answers from `cases`, the body of a shell `case`. The
-/// cellar is found beside the tool's own folder.
+/// A tool that notes what it was asked and answers from `cases`, the body of a shell `case`, in
+/// which `did` tells whether it was asked something before.
 void addTool(const DemoWorld &world, std::string_view name, std::string_view cases) {
-    const auto path = fmt::format("homebrew/bin/{}", name);
-    const auto script = fmt::format("#!/bin/sh\nprintf '%s\\n' \"{} $*\" >> '{}'\ncase \"$*\" in\n"
-                                    "{}\n*) exit 1 ;;\nesac\n",
-                                    name, world.toolLog().path(), cases);
-    makeEntry(world.root, {path, text(script), daysAgo(300), 0755});
+    constexpr const char *script = R"sh(#!/bin/sh
+did() {{ grep -qxF "{0} $*" '{1}'; }}
+printf '%s\n' "{0} $*" >> '{1}'
+case "$*" in
+{2}
+*) exit 1 ;;
+esac
+)sh";
+    makeEntry(world.root,
+              {fmt::format("homebrew/bin/{}", name),
+               text(fmt::format(script, name, world.toolLog().path(), cases)), daysAgo(300), 0755});
 }
 
+/// Tools that do as they are told: what was cleaned is reported no more.
 void addTools(const DemoWorld &world) {
-    addTool(world, "brew", R"('cleanup -n --prune=all')
+    addTool(world, "brew", R"sh('cleanup -n --prune=all')
+    did cleanup --prune=all && exit
     echo 'Would remove: wget/1.21.4 (92 files, 4.5MB)'
     echo '==> This operation would free approximately 1.2GB of disk space.' ;;
 'autoremove -n')
+    did autoremove && exit
     echo '==> Would autoremove 2 unneeded formulae:'
     echo libfoo
     echo libbar ;;
-'cleanup --prune=all' | autoremove) ;;)");
+'cleanup --prune=all') ;;
+autoremove) rm -r "${0%/bin/*}/Cellar/libfoo" "${0%/bin/*}/Cellar/libbar" ;;)sh");
     addTool(world, "docker", R"sh('system df --format {{json .}}')
     echo '{"Active":"1","Reclaimable":"1.1GB (40%)","Type":"Images"}'
-    echo '{"Reclaimable":"2.5GB","Type":"Build Cache"}' ;;
+    did builder prune -f || echo '{"Reclaimable":"2.5GB","Type":"Build Cache"}' ;;
 'images -f dangling=true --format {{.Size}}')
+    did image prune -f && exit
     echo 120MB
     echo 1.1GB ;;
 'builder prune -f' | 'image prune -f') ;;)sh");
-    const auto device = world.home().appending("Library/Developer/CoreSimulator/Devices/6D1F/data");
+    const auto device = world.home().appending("Library/Developer/CoreSimulator/Devices/6D1F");
     addTool(world, "xcrun",
-            fmt::format(R"('simctl list devices unavailable -j')
+            fmt::format(R"sh('simctl list devices unavailable -j')
+    did simctl delete unavailable && echo '{{"devices":{{}}}}' && exit
     echo '{{"devices":{{"com.apple.CoreSimulator.SimRuntime.iOS-15-0":[
-    {{"name":"iPhone 8","udid":"6D1F","dataPath":"{}"}}]}}}}' ;;
-'simctl delete unavailable') ;;)",
+    {{"name":"iPhone 8","udid":"6D1F","dataPath":"{0}/data"}}]}}}}' ;;
+'simctl delete unavailable') rm -r '{0}' ;;)sh",
                         device.path()));
 }
 
