@@ -296,12 +296,10 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
             "is running goes on.\n");
     });
     interrupt.finishWorkFirst();
-    std::vector<FileURL> excluded;
-    for (const auto &path : session.context().settings.excludedPaths) {
-        excluded.push_back(session.context().expand(path));
-    }
-    const Cleaner cleaner(guard, std::make_shared<FileSystemRemover>(session.context().home),
-                          session.context().environment.runner, access.remover(), excluded);
+    const Cleaner cleaner(
+        guard, std::make_shared<FileSystemRemover>(session.context().home),
+        session.context().environment.runner, access.remover(),
+        Exclusions(session.context().home, session.context().settings.excludedPaths));
     const auto show = [&](std::int64_t index, std::int64_t total, const std::string &title) {
         if (index < total) {
             progress->show(

@@ -32,33 +32,6 @@ std::string message(std::string_view text) noexcept {
     }
 }
 
-/// The location with links resolved as far down as anything exists.
-FileURL resolved(const FileURL &url) {
-    std::string missing;
-    for (auto at = url.standardized();; at = at.parent()) {
-        if (const auto real = FileManager::realPath(at.path())) {
-            return FileURL(*real + missing);
-        }
-        if (at.path() == "/") {
-            return url;
-        }
-        missing = fmt::format("/{}{}", at.lastComponent(), missing);
-    }
-}
-
-PathTree excludedTree(std::span<const FileURL> excluded) {
-    PathTree tree;
-    for (const auto &url : excluded) {
-        tree.insert(PathTree::components(url));
-        tree.insert(PathTree::components(resolved(url)));
-        // For a link: where the link itself really is.
-        const auto standard = url.standardized();
-        tree.insert(
-            PathTree::components(resolved(standard.parent()).appending(standard.lastComponent())));
-    }
-    return tree;
-}
-
 /// Whether a real path is where the root lies, letter case apart.
 bool isPlaceOf(const FileURL &root, std::string_view realPath) {
     const auto resolved = SafetyGuard::resolved(root);
@@ -167,12 +140,12 @@ Cleaner::Cleaner(std::shared_ptr<const SafetyGuard> guard,
                  std::shared_ptr<const ItemRemover> remover,
                  std::shared_ptr<const CommandRunning> runner,
                  std::shared_ptr<const PrivilegedRemoving> privileged,
-                 std::span<const FileURL> excluded)
+                 Exclusions excluded)
     : safety_(std::move(guard)),
       remover_(std::move(remover)),
       runner_(std::move(runner)),
       privileged_(std::move(privileged)),
-      excluded_(excludedTree(excluded)) {}
+      excluded_(std::move(excluded)) {}
 
 CleanReport Cleaner::clean(std::span<const KlarboxItem> items, RemovalMode mode,
                            const Progress &progress, std::stop_token stop) const {
@@ -369,8 +342,7 @@ FileURL Cleaner::validate(const FileURL &url, const FileURL &root) const {
 }
 
 void Cleaner::expectNotExcluded(const FileURL &written, const FileURL &location) const {
-    if (excluded_.touches(PathTree::components(written)) ||
-        excluded_.touches(PathTree::components(location))) {
+    if (excluded_.touches(written) || excluded_.touches(location)) {
         throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
                                              Text::visible(written.path())));
     }

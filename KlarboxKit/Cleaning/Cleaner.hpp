@@ -9,7 +9,7 @@
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/PinnedFolder.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
-#include "KlarboxKit/Scanning/PathTree.hpp"
+#include "KlarboxKit/Scanning/Exclusions.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -35,13 +35,12 @@ public:
     using Progress =
         std::function<void(std::int64_t index, std::int64_t total, const std::string &title)>;
 
-    /// `privileged` is null when the helper is turned off. A path that is, holds or lies inside one
-    /// of `excluded`, as written or with links resolved, fails and stays as it is; the locations
-    /// are resolved here, once.
+    /// `privileged` is null when the helper is turned off. A path that `excluded`
+    /// touches, as written or with links resolved, fails and stays as it is.
     Cleaner(std::shared_ptr<const SafetyGuard> guard, std::shared_ptr<const ItemRemover> remover,
             std::shared_ptr<const CommandRunning> runner,
             std::shared_ptr<const PrivilegedRemoving> privileged,
-            std::span<const FileURL> excluded = {});
+            Exclusions excluded = {});
 
     /// Blocks until every item is dealt with, one after another in their order; the report has one
     /// outcome for each. A requested stop is honoured between items: the item in hand is finished
@@ -73,7 +72,7 @@ private:
     std::shared_ptr<const ItemRemover> remover_;
     std::shared_ptr<const CommandRunning> runner_;
     std::shared_ptr<const PrivilegedRemoving> privileged_;
-    PathTree excluded_;
+    Exclusions excluded_;
 };
 
 } // namespace klarbox

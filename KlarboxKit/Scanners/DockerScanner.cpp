@@ -35,7 +35,7 @@ std::int64_t reclaimableBytes(std::string_view text) {
 }
 
 bool isOffered(std::int64_t size, const ScanContext &context) {
-    return size >= 1 && size >= context.minimumSize;
+    return size >= 1 && context.isLargeEnough(size);
 }
 
 } // namespace

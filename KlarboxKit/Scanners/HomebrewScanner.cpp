@@ -24,7 +24,7 @@ std::optional<KlarboxItem> oldVersions(const FileURL &brew, const ScanContext &c
         return std::nullopt;
     }
     const auto estimate = HomebrewScanner::parseKlarboxEstimate(result.output);
-    if (!estimate || *estimate < context.minimumSize) {
+    if (!estimate || !context.isLargeEnough(*estimate)) {
         return std::nullopt;
     }
     return KlarboxItem{
@@ -68,7 +68,7 @@ std::optional<KlarboxItem> unusedDependencies(const FileURL &brew, const ScanCon
         folders.push_back(cellar.appending(name));
     }
     const auto size = DiskUsage::allocatedSize(folders, [&] { return stop.stop_requested(); });
-    if (size < context.minimumSize) {
+    if (!context.isLargeEnough(size)) {
         return std::nullopt;
     }
     return KlarboxItem{

@@ -30,7 +30,7 @@ std::optional<std::int64_t> offeredSize(std::span<const FileURL> urls, const Sca
     for (const auto &url : urls) {
         size -= DiskUsage::allocatedSize(systemsOwnOrNone(url), isStopped);
     }
-    return size < 1 || size < context.minimumSize ? std::nullopt : std::optional(size);
+    return size < 1 || !context.isLargeEnough(size) ? std::nullopt : std::optional(size);
 }
 
 std::optional<std::int64_t> offeredSize(const FileURL &url, const ScanContext &context,

@@ -78,7 +78,7 @@ CategoryScan SimulatorsScanner::scan(const ScanContext &context, std::stop_token
         }
     }
     const auto size = DiskUsage::allocatedSize(folders, [&] { return stop.stop_requested(); });
-    if (devices.empty() || size < context.minimumSize) {
+    if (devices.empty() || !context.isLargeEnough(size)) {
         return scan;
     }
     scan.items.push_back({

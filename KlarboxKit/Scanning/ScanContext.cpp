@@ -27,4 +27,15 @@ std::int64_t ScanContext::daysSince(FileManager::Date date) const {
     return std::chrono::duration_cast<std::chrono::days>(environment.now - date).count();
 }
 
+bool ScanContext::isLargeEnough(std::int64_t size) const {
+    if (size >= minimumSize) {
+        return true;
+    }
+    if (size > 0 && keptBack) {
+        ++keptBack->bySize;
+        keptBack->bytesBySize += size;
+    }
+    return false;
+}
+
 } // namespace klarbox

@@ -5,6 +5,7 @@
 #include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Scanning/ScanSettings.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,12 +34,23 @@ struct ScanEnvironment {
     bool isRunning(std::string_view marker) const;
 };
 
+/// How many findings a scan kept back, and why. Counted from several threads at once.
+struct KeptBack {
+    std::atomic<std::int64_t> byExclusions = 0;
+    std::atomic<std::int64_t> bySize = 0; ///< smaller than the minimum size
+    std::atomic<std::int64_t> bytesBySize = 0;
+};
+
 /// Everything a scanner works from.
 struct ScanContext {
     FileURL home; ///< the person's home folder; every user location is built from it
     ScanSettings settings;
     ScanEnvironment environment;
     std::int64_t minimumSize; ///< bytes; most scanners offer nothing smaller
+    std::shared_ptr<KeptBack> keptBack = nullptr; ///< where to count; null: nowhere
+
+    /// Whether a finding of this size is to be offered; one that is too small is counted.
+    bool isLargeEnough(std::int64_t size) const;
 
     /// The location that a path as typed stands for: "~" and "~/…" lie in `home`, a relative path
     /// in the process's current folder. Nothing is standardised. Throws as `FileURL` does.

@@ -1,7 +1,9 @@
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
 
+#include "KlarboxKit/Scanning/Exclusions.hpp"
 #include "KlarboxKit/Scanning/PathTree.hpp"
 
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -13,31 +15,73 @@ namespace klarbox {
 
 namespace {
 
-/// Drops what the person excluded and what an earlier item already claims.
-void tidy(std::vector<CategoryScan> &scans, const ScanContext &context) {
-    PathTree excluded;
-    for (const auto &path : context.settings.excludedPaths) {
-        excluded.insert(PathTree::components(context.expand(path)));
+/// Judges what the scanners found: by what the person excluded, and by what another category holds
+/// that the person excluded as a whole.
+class Judge {
+public:
+    explicit Judge(const ScanContext &context)
+        : excluded_(context.home, context.settings.excludedPaths),
+          keptBack_(context.keptBack) {}
+
+    bool excludesCategory(std::string_view id) const { return excluded_.excludesCategory(id); }
+
+    /// Empties a category that is excluded; what it held no other may offer.
+    void withdraw(CategoryScan &scan) {
+        for (const auto &item : scan.items) {
+            for (const auto &url : item.target.paths()) {
+                withdrawn_.insert(PathTree::components(url));
+            }
+        }
+        count(scan.items.size());
+        scan.items.clear();
     }
-    PathTree claimed;
-    for (auto &scan : scans) {
+
+    /// Drops what the person excluded and what an earlier item already claims.
+    void tidy(CategoryScan &scan) {
         std::erase_if(scan.items, [&](const KlarboxItem &item) {
             std::vector<PathTree::Components> paths;
             for (const auto &url : item.target.paths()) {
                 paths.push_back(PathTree::components(url));
-            }
-            for (const auto &path : paths) {
-                if (excluded.touches(path) || claimed.covers(path)) {
+                if (isExcluded(url, paths.back())) {
+                    count(1);
                     return true;
                 }
             }
+            if (std::ranges::any_of(paths,
+                                    [&](const auto &path) { return claimed_.covers(path); })) {
+                return true;
+            }
             for (const auto &path : paths) {
-                claimed.insert(path);
+                claimed_.insert(path);
             }
             return false;
         });
     }
-}
+
+private:
+    /// As a clean would judge: by the path as written and by where it really is.
+    bool isExcluded(const FileURL &url, const PathTree::Components &path) {
+        if (withdrawn_.touches(path)) {
+            return true;
+        }
+        if (excluded_.isEmpty()) {
+            return false;
+        }
+        return excluded_.touches(url) || excluded_.touches(links_.resolved(url, false));
+    }
+
+    void count(std::size_t findings) const {
+        if (keptBack_) {
+            keptBack_->byExclusions += static_cast<std::int64_t>(findings);
+        }
+    }
+
+    Exclusions excluded_;
+    LinkMemo links_;
+    PathTree withdrawn_;
+    PathTree claimed_;
+    std::shared_ptr<KeptBack> keptBack_;
+};
 
 /// An empty category that says why; what happens to one scanner costs the others nothing.
 CategoryScan failed(const CategoryScanner &scanner, const char *why) {
@@ -112,12 +156,19 @@ ScanCoordinator::scan(const ScanContext &context,
     const auto total = static_cast<std::int64_t>(relevant.size());
     progress({.completed = 0, .total = total});
 
+    Judge judge(context);
+    // Of a category that is left alone everything is, whatever its size.
+    auto withdrawing = context;
+    withdrawing.minimumSize = 0;
+    withdrawing.keptBack = nullptr;
     Results results(relevant);
     std::vector<std::jthread> threads;
     threads.reserve(relevant.size());
     for (std::size_t position = 0; position < relevant.size(); ++position) {
         const auto run = [&, position] {
-            results.fill(position, *relevant[position], context, stop);
+            const auto &scanner = *relevant[position];
+            results.fill(position, scanner,
+                         judge.excludesCategory(scanner.info().id) ? withdrawing : context, stop);
         };
         try {
             threads.emplace_back(run);
@@ -131,7 +182,14 @@ ScanCoordinator::scan(const ScanContext &context,
         progress({.completed = completed, .total = total, .finished = scan.info});
     }
     auto scans = results.take();
-    tidy(scans, context);
+    for (auto &scan : scans) {
+        if (judge.excludesCategory(scan.id())) {
+            judge.withdraw(scan);
+        }
+    }
+    for (auto &scan : scans) {
+        judge.tidy(scan);
+    }
     return scans;
 }
 

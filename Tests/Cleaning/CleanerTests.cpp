@@ -150,7 +150,10 @@ struct Collaborators {
     std::vector<FileURL> excluded = {};
 
     Cleaner cleaner() const {
-        return {std::make_shared<SafetyGuard>(home), remover, runner, helper, excluded};
+        std::vector<std::string> entries;
+        std::ranges::transform(excluded, std::back_inserter(entries), &FileURL::path);
+        return {std::make_shared<SafetyGuard>(home), remover, runner, helper,
+                Exclusions(home, entries)};
     }
     std::string clean(const KlarboxItem &item, RemovalMode mode = deletePermanently) const {
         const auto outcomes = cleaner().clean({&item, 1}, mode, ignoreProgress).outcomes;

@@ -185,6 +185,14 @@ TEST(ScanCoordinator, dropsWhatThePersonExcluded) {
         {"~/b", at({"a", "b/c", "d"}), true},
         {"~", at({}), false},
         {"/", KlarboxTarget::command({FileURL("/usr/bin/true"), {}}), false},
+        {"~/Library/Caches/*", at("Library/Caches/x/data"), true},
+        {"~/Library/Caches/*", at("Library/Caches"), false}, // nothing there matches
+        {"~/Library/C?CH*S/x", at("Library/Caches/x"), true},
+        {"~/Library/*/x", at("Library/Caches/deep/x"), false},
+        {"~/**/node_modules", at("a/b/node_modules/c"), true},
+        {"~/**/node_modules", at("node_modules"), true},
+        {"~/a\\*", at("a*"), true},
+        {"~/a\\*", at("ab"), false},
     };
     for (const auto &[excluded, target, isDropped] : cases) {
         EXPECT_EQ(kept({finds({target})}, {"/unrelated", excluded}), isDropped ? "/" : "0/")
