@@ -88,11 +88,8 @@ void addScanOptions(CLI::App &command, ScanOptions &options) {
             "When to use colour: auto, always or never (default: auto)")
         ->type_name("WHEN");
 
-    std::vector<std::string> categories;
-    for (const auto &info : CategoryCatalog::all()) {
-        categories.push_back(info.id);
-    }
-    command.footer(helpSection("Categories", fmt::format("{}", fmt::join(categories, ", "))));
+    command.footer(helpSection("Categories",
+                               fmt::format("{}", fmt::join(CategoryCatalog::identifiers(), ", "))));
 }
 
 void addCleanOptions(CLI::App &command, CleanOptions &options) {

@@ -16,6 +16,7 @@
 #include "KlarboxKit/Scanners/DefaultScanners.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
+#include "KlarboxKit/Scanning/Exclusions.hpp"
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"
 
 #include <algorithm>
@@ -114,12 +115,9 @@ ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerLis
     for (const auto &id : categories) {
         if (std::ranges::none_of(all,
                                  [&](const auto &scanner) { return scanner->info().id == id; })) {
-            std::vector<std::string> known;
-            for (const auto &info : CategoryCatalog::all()) {
-                known.push_back(info.id);
-            }
             throw UsageError(fmt::format("unknown category '{}'; the categories are {}",
-                                         Text::visible(id), fmt::join(known, ", ")));
+                                         Text::visible(id),
+                                         fmt::join(CategoryCatalog::identifiers(), ", ")));
         }
     }
     if (!categories.empty()) {
@@ -128,6 +126,22 @@ ScannerList scannersNamed(const std::vector<std::string> &categories, ScannerLis
         });
     }
     return all;
+}
+
+/// Refuses settings that exclude a category which does not exist: whoever wrote its name wrong
+/// wants one to be left alone.
+ScanSettings withKnownCategories(ScanSettings settings) {
+    const auto known = CategoryCatalog::identifiers();
+    for (const auto &entry : settings.excludedPaths) {
+        if (entry.starts_with(Exclusions::categoryPrefix) &&
+            std::ranges::find(known, entry.substr(Exclusions::categoryPrefix.size())) ==
+                known.end()) {
+            throw UsageError(fmt::format("settings: excludedPaths: '{}' names no category; the "
+                                         "categories are {}",
+                                         Text::visible(entry), fmt::join(known, ", ")));
+        }
+    }
+    return settings;
 }
 
 ScanEnvironment environment(const std::string &file, ScanEnvironment live) {
@@ -288,11 +302,13 @@ ScanSession::ScanSession(const ScanOptions &options)
                               defaultScanners(roots_, disk_.appending("Volumes", true), disk_))),
       context_{
           .home = options.home.empty() ? homeOn(disk_) : folder("--home", options.home),
-          .settings = options.settingsFile.empty()
-                          ? SettingsStore::loadOrFirstRun(SettingsStore::defaultLocation())
-                          : SettingsStore::load(FileURL(options.settingsFile)),
+          .settings = withKnownCategories(
+              options.settingsFile.empty()
+                  ? SettingsStore::loadOrFirstRun(SettingsStore::defaultLocation())
+                  : SettingsStore::load(FileURL(options.settingsFile))),
           .environment = {},
           .minimumSize = parseMinimumSize(options.minimumSize),
+          .keptBack = std::make_shared<KeptBack>(),
       } {
     requireFolder("the home folder", context_.home);
     applications_ = applicationsFor(context_.home, disk_);
@@ -335,12 +351,32 @@ std::vector<FileURL> ScanSession::enclosures() const {
     return folders;
 }
 
+std::vector<std::string> ScanSession::keptBack() const {
+    std::vector<std::string> parts;
+    const auto add = [&](std::int64_t findings, const std::string &why) {
+        if (findings > 0) {
+            parts.push_back(DisplayText::count(static_cast<std::size_t>(findings), "finding") +
+                            why);
+        }
+    };
+    const auto &counts = *context_.keptBack;
+    add(counts.byExclusions, " by the exclusions in your settings");
+    add(counts.bySize,
+        fmt::format(" smaller than {} ({} together)", DisplayText::size(context_.minimumSize),
+                    DisplayText::size(counts.bytesBySize)));
+    if (parts.empty()) {
+        return {};
+    }
+    return {fmt::format("Kept back: {}.", fmt::join(parts, ", "))};
+}
+
 std::vector<std::string> ScanSession::remarks(const std::vector<CategoryScan> &scans) const {
     std::vector<KlarboxItem> items;
     for (const auto &scan : scans) {
         items.insert(items.end(), scan.items.begin(), scan.items.end());
     }
-    auto all = obstacles().remarks(items);
+    auto all = keptBack();
+    std::ranges::move(obstacles().remarks(items), std::back_inserter(all));
     if (items.empty()) {
         all.emplace_back("To see a scan that finds something, of a make-believe Mac: \"./dev run "
                          "demo\" in the folder of Klarbox's sources.");

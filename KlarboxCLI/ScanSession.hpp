@@ -46,6 +46,7 @@ public:
 private:
     /// Where what lies there need not be this person's.
     std::vector<FileURL> foreignFolders() const;
+    std::vector<std::string> keptBack() const;
 
     FileURL disk_;
     PrivilegedRoots roots_;

@@ -7,6 +7,8 @@
 #include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Scanning/CategoryCatalog.hpp"
+#include "KlarboxKit/Scanning/Exclusions.hpp"
 
 #include <algorithm>
 #include <array>
@@ -37,7 +39,9 @@ constexpr std::array keys{
     Key{"includeNodeModules", &ScanSettings::includeNodeModules, "true or false"},
     Key{"staleProjectDays", &ScanSettings::staleProjectDays,
         "days without a change after which a project is stale"},
-    Key{"excludedPaths", &ScanSettings::excludedPaths, "what is never offered or cleaned"},
+    Key{"excludedPaths", &ScanSettings::excludedPaths,
+        "what is never offered or cleaned: paths, with the wildcards *, ? and **, or "
+        "category:ID"},
 };
 
 const Key &keyNamed(const std::string &name) {
@@ -108,21 +112,54 @@ std::vector<std::string> &listOf(ScanSettings &settings, const Key &key, std::st
     throw UsageError(fmt::format("settings {}: {} is not a list; use set", action, key.name));
 }
 
+bool holdsExclusions(const Key &key) {
+    const auto *list = std::get_if<List>(&key.field);
+    return list != nullptr && *list == &ScanSettings::excludedPaths;
+}
+
 /// Refuses, where the person can still see the slip, what would mean another place in every folder
 /// that klarbox is run in, and what a settings file cannot hold.
 void checkPaths(std::string_view where, const Key &key, const std::vector<std::string> &values) {
+    const auto refuse = [&](const std::string &value, std::string_view why) {
+        throw UsageError(
+            fmt::format("{}: {}: '{}' {}", where, key.name, Text::visible(value), why));
+    };
     for (const auto &value : values) {
         if (!Text::isValidUTF8(value)) {
-            throw UsageError(fmt::format("{}: {}: '{}' is not UTF-8, and settings cannot hold "
-                                         "anything else",
-                                         where, key.name, Text::visible(value)));
+            refuse(value, "is not UTF-8, and settings cannot hold anything else");
+        }
+        const bool excludes = holdsExclusions(key);
+        if (excludes && value.starts_with(Exclusions::categoryPrefix)) {
+            const auto known = CategoryCatalog::identifiers();
+            const auto id = value.substr(Exclusions::categoryPrefix.size());
+            if (std::ranges::find(known, id) == known.end()) {
+                refuse(value, fmt::format("names no category; the categories are {}",
+                                          fmt::join(known, ", ")));
+            }
+            continue;
         }
         const bool isPath = value == "~" || value.starts_with("~/") || value.starts_with('/');
         if (!isPath || value.find('\0') != std::string::npos) {
-            throw UsageError(fmt::format("{}: {}: '{}' is not a path that begins with / or ~/",
-                                         where, key.name, Text::visible(value)));
+            refuse(value, excludes ? "is not a path that begins with / or ~/, nor category:ID"
+                                   : "is not a path that begins with / or ~/");
+        }
+        if (excludes && Exclusions::isEverything(FileManager::homeDirectory(), value)) {
+            refuse(value, "would exclude the whole disk");
         }
     }
+}
+
+/// What the person should know of sound settings: an exclusion with a slip in it protects nothing.
+std::string remarksOn(const ScanSettings &settings) {
+    std::string remarks;
+    for (const auto &entry : settings.excludedPaths) {
+        if (!entry.starts_with(Exclusions::categoryPrefix) &&
+            !Exclusions::matchesAnything(FileManager::homeDirectory(), entry)) {
+            remarks +=
+                fmt::format("excludedPaths: '{}' matches nothing here.\n", Text::visible(entry));
+        }
+    }
+    return remarks;
 }
 
 void change(ScanSettings &settings, const SettingsOptions &options) {
@@ -198,6 +235,7 @@ int runSettings(const SettingsOptions &options) {
               FileManager::type(file)
                   ? fmt::format("{} is sound.\n", shownFile)
                   : fmt::format("{} does not exist; the first-run settings apply.\n", shownFile));
+        write(stdout, remarksOn(settings));
     } else if (options.action == "show") {
         write(stdout, everything(settings));
     } else if (options.action == "get") {

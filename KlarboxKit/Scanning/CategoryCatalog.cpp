@@ -95,6 +95,14 @@ const std::array<CategoryInfo, 19> &all() {
     return categories;
 }
 
+std::vector<std::string> identifiers() {
+    std::vector<std::string> identifiers;
+    for (const auto &info : all()) {
+        identifiers.push_back(info.id);
+    }
+    return identifiers;
+}
+
 const CategoryInfo &userCaches() {
     return all()[0];
 }

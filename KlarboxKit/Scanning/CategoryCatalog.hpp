@@ -3,6 +3,8 @@
 #include "KlarboxKit/Model/CategoryInfo.hpp"
 
 #include <array>
+#include <string>
+#include <vector>
 
 /// Every category there is, in the order in which they are scanned, shown and claim paths.
 namespace klarbox::CategoryCatalog {
@@ -29,5 +31,8 @@ const CategoryInfo &brokenLaunchAgents();
 
 /// All of them, in order.
 const std::array<CategoryInfo, 19> &all();
+
+/// Their identifiers, in the same order.
+std::vector<std::string> identifiers();
 
 } // namespace klarbox::CategoryCatalog

@@ -11,7 +11,7 @@ namespace klarbox {
 namespace {
 
 /// So many entries are listed to answer one question; a tree of more counts as holding a match.
-constexpr std::size_t mostListed = 200'000;
+constexpr std::size_t mostListed = 1'000'000;
 
 constexpr std::string_view anyDepthName = "**";
 
@@ -236,26 +236,27 @@ bool Exclusions::Cursor::isTouched() const {
 
 /// Looks along the patterns for what they match, in a list and not by recursion: trees are deep.
 bool Exclusions::matchesBelow(const Cursor &cursor) const {
-    std::vector<Cursor> open{cursor};
-    std::size_t listed = 0;
-    while (!open.empty()) {
-        const auto at = std::move(open.back());
+    std::vector<Cursor> open;
+    const auto consider = [&](Cursor at) {
+        if (!at.states_.empty() &&
+            FileManager::type(at.place_) == FileManager::FileType::directory) {
+            open.push_back(std::move(at));
+        }
+    };
+    consider(cursor);
+    for (std::size_t listed = 0; !open.empty();) {
+        const auto folder = std::move(open.back());
         open.pop_back();
-        if (at.isCovered_) {
-            return true;
-        }
-        if (at.states_.empty() ||
-            FileManager::type(at.place_) != FileManager::FileType::directory) {
-            continue;
-        }
         try {
-            const auto names = FileManager::contentsOfDirectory(at.place_);
-            listed += names.size();
-            if (listed > mostListed) {
-                return true;
-            }
-            for (const auto &name : names) {
-                open.push_back(at.child(name));
+            for (const auto &entry : FileManager::entriesOfDirectory(folder.place_)) {
+                auto at = folder.child(entry.name);
+                if (at.isCovered_ || ++listed > mostListed) {
+                    return true;
+                }
+                if (entry.type.value_or(FileManager::FileType::directory) ==
+                    FileManager::FileType::directory) {
+                    consider(std::move(at));
+                }
             }
         } catch (const PlatformError &) {
             return true; // what cannot be seen may be what is to be kept
@@ -268,11 +269,27 @@ bool Exclusions::excludesCategory(std::string_view id) const {
     return std::ranges::find(categories_, id) != categories_.end();
 }
 
-bool Exclusions::isEverything(std::string_view entry) {
-    return entry.starts_with('/') &&
-           std::ranges::all_of(patternOf(entry), [](const auto &component) {
-               return component.find_first_not_of('*') == std::string::npos;
-           });
+bool Exclusions::isEverything(const FileURL &home, std::string_view entry) {
+    return std::ranges::all_of(patternOf(entry, home), [](const auto &component) {
+        return component.find_first_not_of('*') == std::string::npos;
+    });
+}
+
+bool Exclusions::matchesAnything(const FileURL &home, const std::string &entry) {
+    const Exclusions alone(home, {&entry, 1});
+    const auto pattern = patternOf(entry, home);
+    if (std::ranges::any_of(pattern, isWild)) {
+        return alone.matchesBelow(alone.at(FileURL("/")));
+    }
+    std::string path;
+    for (const auto &component : pattern) {
+        path += "/" + unescaped(component);
+    }
+    try {
+        return FileManager::facts(FileURL(path.empty() ? "/" : path)).has_value();
+    } catch (const PlatformError &) {
+        return true; // it may be there
+    }
 }
 
 LinkMemo::Place LinkMemo::step(const Place &parent, std::string_view name) {

@@ -53,8 +53,14 @@ public:
     bool excludesCategory(std::string_view id) const;
     bool isEmpty() const { return nodes_.size() == 1 && !nodes_.front().isMember; }
 
-    /// Whether an entry would exclude the whole disk.
-    static bool isEverything(std::string_view entry);
+    /// Whether an entry, a path, would exclude the whole disk.
+    static bool isEverything(const FileURL &home, std::string_view entry);
+
+    /// Whether an entry, a path, excludes anything that exists now, or that cannot be looked at.
+    static bool matchesAnything(const FileURL &home, const std::string &entry);
+
+    /// The identifiers of the categories that are excluded, as written.
+    const std::vector<std::string> &categories() const { return categories_; }
 
 private:
     struct Node {

@@ -42,7 +42,7 @@ public:
             std::vector<PathTree::Components> paths;
             for (const auto &url : item.target.paths()) {
                 paths.push_back(PathTree::components(url));
-                if (isExcluded(url, paths.back())) {
+                if (isExcluded(item.target, url, paths.back())) {
                     count(1);
                     return true;
                 }
@@ -60,14 +60,17 @@ public:
 
 private:
     /// As a clean would judge: by the path as written and by where it really is.
-    bool isExcluded(const FileURL &url, const PathTree::Components &path) {
+    bool isExcluded(const KlarboxTarget &target, const FileURL &url,
+                    const PathTree::Components &path) {
         if (withdrawn_.touches(path)) {
             return true;
         }
         if (excluded_.isEmpty()) {
             return false;
         }
-        return excluded_.touches(url) || excluded_.touches(links_.resolved(url, false));
+        // What is emptied is what a link leads to; what is removed is the link.
+        const bool isEmptied = std::holds_alternative<KlarboxTarget::Contents>(target.value());
+        return excluded_.touches(url) || excluded_.touches(links_.resolved(url, isEmptied));
     }
 
     void count(std::size_t findings) const {
