@@ -49,6 +49,11 @@ std::string lastLines(std::string_view output) {
         "{}", fmt::join(lines.end() - static_cast<std::ptrdiff_t>(count), lines.end(), "\n"));
 }
 
+[[noreturn]] void throwExcluded(const FileURL &written) {
+    throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
+                                         Text::visible(written.path())));
+}
+
 } // namespace
 
 /// What became of an item; moved, it needs no memory.
@@ -139,8 +144,7 @@ private:
 Cleaner::Cleaner(std::shared_ptr<const SafetyGuard> guard,
                  std::shared_ptr<const ItemRemover> remover,
                  std::shared_ptr<const CommandRunning> runner,
-                 std::shared_ptr<const PrivilegedRemoving> privileged,
-                 Exclusions excluded)
+                 std::shared_ptr<const PrivilegedRemoving> privileged, Exclusions excluded)
     : safety_(std::move(guard)),
       remover_(std::move(remover)),
       runner_(std::move(runner)),
@@ -206,7 +210,11 @@ Cleaner::Fate Cleaner::cleanAsUser(const KlarboxItem &item, const FileURL &root,
             return;
         }
         for (const auto &url : item.target.paths()) {
-            tally.attempt([&] { remove(url, safety_->pin(url, root), usesTrash, tally); });
+            tally.attempt([&] {
+                const auto entry = safety_->pin(url, root);
+                expectNotExcluded(url, entry.location());
+                remove(entry, usesTrash, tally);
+            });
         }
     });
     return tally.fate(usesTrash ? CleanResult::movedToTrash() : CleanResult::removed(), usesTrash);
@@ -291,11 +299,17 @@ void Cleaner::removeContents(const FileURL &folder, const FileURL &root, bool us
     if (!resolvedRoot) {
         throw SafetyRefusal(SafetyViolation::notFound);
     }
-    for (const auto &name : opened->names()) {
+    const auto siblings = safety_->siblings(written.standardized(), opened, *resolvedRoot);
+    const auto exclusionsAsWritten = excluded_.at(written);
+    const auto exclusions = excluded_.at(opened->location);
+    for (const auto name : opened->names()) {
         tally.attempt([&] {
-            const auto child = written.appending(name);
-            remove(child, safety_->pin(child.standardized(), opened, *resolvedRoot), usesTrash,
-                   tally);
+            const auto entry = siblings.pin(std::string(name));
+            if (!excluded_.isEmpty() && (exclusionsAsWritten.child(name).isTouched() ||
+                                         exclusions.child(name).isTouched())) {
+                throwExcluded(written.appending(name));
+            }
+            remove(entry, usesTrash, tally);
         });
     }
 }
@@ -323,9 +337,7 @@ Cleaner::openContents(const FileURL &folder, const FileURL &root, FileURL &writt
     return PinnedFolder::open(entry);
 }
 
-void Cleaner::remove(const FileURL &written, const PinnedEntry &entry, bool usesTrash,
-                     Tally &tally) const {
-    expectNotExcluded(written, entry.location());
+void Cleaner::remove(const PinnedEntry &entry, bool usesTrash, Tally &tally) const {
     const auto bytes = DiskUsage::allocatedSize(entry);
     if (usesTrash) {
         remover_->moveToTrash(entry);
@@ -343,8 +355,7 @@ FileURL Cleaner::validate(const FileURL &url, const FileURL &root) const {
 
 void Cleaner::expectNotExcluded(const FileURL &written, const FileURL &location) const {
     if (excluded_.touches(written) || excluded_.touches(location)) {
-        throw std::runtime_error(fmt::format("The settings exclude “{}” or something inside it.",
-                                             Text::visible(written.path())));
+        throwExcluded(written);
     }
 }
 

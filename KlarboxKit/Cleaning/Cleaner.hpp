@@ -39,8 +39,7 @@ public:
     /// touches, as written or with links resolved, fails and stays as it is.
     Cleaner(std::shared_ptr<const SafetyGuard> guard, std::shared_ptr<const ItemRemover> remover,
             std::shared_ptr<const CommandRunning> runner,
-            std::shared_ptr<const PrivilegedRemoving> privileged,
-            Exclusions excluded = {});
+            std::shared_ptr<const PrivilegedRemoving> privileged, Exclusions excluded = {});
 
     /// Blocks until every item is dealt with, one after another in their order; the report has one
     /// outcome for each. A requested stop is honoured between items: the item in hand is finished
@@ -63,8 +62,7 @@ private:
                         Tally &tally) const;
     std::shared_ptr<const PinnedFolder> openContents(const FileURL &folder, const FileURL &root,
                                                      FileURL &written) const;
-    void remove(const FileURL &written, const PinnedEntry &entry, bool usesTrash,
-                Tally &tally) const;
+    void remove(const PinnedEntry &entry, bool usesTrash, Tally &tally) const;
     FileURL validate(const FileURL &url, const FileURL &root) const;
     void expectNotExcluded(const FileURL &written, const FileURL &location) const;
 

@@ -129,32 +129,37 @@ PrivilegedRequestHandler::resolve(const std::string &path) const {
     throw SafetyRefusal(SafetyViolation::notInsideRoot);
 }
 
+PinnedEntry PrivilegedRequestHandler::pin(const Resolved &resolved) const {
+    return safety_->siblings(resolved.url.parent(), resolved.folder, resolved.root)
+        .pin(std::string(resolved.url.lastComponent()));
+}
+
 PrivilegedRemovalResult PrivilegedRequestHandler::removeItem(const std::string &path,
                                                              Cancellation &cancellation) const {
     const auto resolved = resolve(path);
-    return remove(safety_->pin(resolved.url, resolved.folder, resolved.root), cancellation);
+    return remove(pin(resolved), cancellation);
 }
 
 PrivilegedRemovalResult PrivilegedRequestHandler::removeContents(const std::string &path,
                                                                  Cancellation &cancellation) const {
     const auto resolved = resolve(path);
-    const auto entry = safety_->pin(resolved.url, resolved.folder, resolved.root);
+    const auto entry = pin(resolved);
     if (entry.isKnownNoFolder()) {
         return PrivilegedRemovalResult::failed("Not a folder");
     }
     const auto folder = PinnedFolder::open(entry);
     const auto names = folder->names();
+    const auto siblings = safety_->siblings(folder->location, folder, resolved.root);
     PrivilegedRemovalResult total;
-    for (std::size_t next = 0; next < names.size(); ++next) {
+    auto left = static_cast<std::int64_t>(names.size());
+    for (const auto name : names) {
         if (cancellation.ask()) {
-            add(total, {.failedCount = static_cast<std::int64_t>(names.size() - next),
-                        .error = Cancellation::message});
+            add(total, {.failedCount = left, .error = Cancellation::message});
             break;
         }
-        add(total, withFailuresAsResults([&] {
-                const auto child = folder->location.appending(names[next]);
-                return remove(safety_->pin(child, folder, resolved.root), cancellation);
-            }));
+        --left;
+        add(total, withFailuresAsResults(
+                       [&] { return remove(siblings.pin(std::string(name)), cancellation); }));
     }
     return total;
 }

@@ -56,6 +56,7 @@ private:
 
     /// Throws `SafetyRefusal` for a path that falls under no root.
     Resolved resolve(const std::string &path) const;
+    PinnedEntry pin(const Resolved &resolved) const;
     PrivilegedRemovalResult removeItem(const std::string &path, Cancellation &cancellation) const;
     PrivilegedRemovalResult removeContents(const std::string &path,
                                            Cancellation &cancellation) const;

@@ -328,12 +328,12 @@ UniqueFD openDirectory(int at, const std::string &name, const FileURL &url) {
     return folder;
 }
 
-std::vector<std::string> contentsOfDirectory(const UniqueFD &folder, const FileURL &url) {
-    std::vector<std::string> names;
+NameList contentsOfDirectory(const UniqueFD &folder, const FileURL &url) {
+    NameList names;
     DirectoryReader reader;
     for (bool isLast = false; !isLast && reader.fill(folder.get()); isLast = reader.isAtEnd()) {
         for (DirectoryEntry entry; reader.next(entry);) {
-            names.emplace_back(entry.name);
+            names.append(entry.name);
         }
     }
     if (reader.error() != 0) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/NameList.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>
@@ -73,7 +74,7 @@ UniqueFD openDirectory(int at, const std::string &name, const FileURL &url);
 
 /// The names of the entries of a folder that was opened for listing just now, wherever it is by
 /// now.
-std::vector<std::string> contentsOfDirectory(const UniqueFD &folder, const FileURL &url);
+NameList contentsOfDirectory(const UniqueFD &folder, const FileURL &url);
 
 /// One entry of a folder as its listing tells it.
 struct ListedEntry {

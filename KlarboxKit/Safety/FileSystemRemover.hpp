@@ -4,6 +4,8 @@
 #include "KlarboxKit/Safety/ItemRemover.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 
+#include <memory>
+
 namespace klarbox {
 
 /// Removes the user's own files, as the user. Deletes with the same walk as `SecureDeleter`; the
@@ -25,8 +27,13 @@ public:
                            const CancellationTest &isCancelled) const override;
 
 private:
+    class Trashes;
+
+    void trash(const PinnedEntry &entry) const;
+
     FileURL home_;
     SafetyGuard guard_;
+    std::shared_ptr<Trashes> trashes_; ///< has a lock of its own
 };
 
 } // namespace klarbox

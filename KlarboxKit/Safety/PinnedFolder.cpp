@@ -62,7 +62,7 @@ std::shared_ptr<const PinnedFolder> PinnedFolder::open(const PinnedEntry &entry)
     return pinned(std::move(folder), location);
 }
 
-std::vector<std::string> PinnedFolder::names() const {
+NameList PinnedFolder::names() const {
     auto names = FileManager::contentsOfDirectory(descriptor, location);
     VolumeTop::leaveOutSystemsOwn(descriptor.get(), names);
     return names;

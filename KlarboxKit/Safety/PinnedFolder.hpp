@@ -1,11 +1,10 @@
 #pragma once
 
 #include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Platform/NameList.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <memory>
-#include <string>
-#include <vector>
 
 namespace klarbox {
 
@@ -34,7 +33,7 @@ struct PinnedFolder {
     /// The names of its entries in the order of the file system; once, right after it was opened
     /// for listing; at the top of a volume without what the system keeps there. Throws a
     /// `PlatformError`, which names the folder when it cannot be listed to its end.
-    std::vector<std::string> names() const;
+    NameList names() const;
 };
 
 } // namespace klarbox

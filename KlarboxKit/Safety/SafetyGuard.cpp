@@ -98,6 +98,11 @@ bool isInside(std::span<const std::string> candidate, std::span<const std::strin
            std::ranges::equal(parent, candidate.first(parent.size()));
 }
 
+bool isAtOrInside(std::span<const std::string> candidate, std::span<const std::string> parent) {
+    return parent.size() <= candidate.size() &&
+           std::ranges::equal(parent, candidate.first(parent.size()));
+}
+
 std::vector<std::string> components(const FileURL &url) {
     return Text::foldedPathComponents(url.path());
 }
@@ -122,13 +127,11 @@ bool isTopOfMountedVolume(std::string_view foldedPath) {
     return pieces.size() == 2 && pieces.front() == "volumes";
 }
 
-/// The name of what a standardised location names; only an entry of a folder has one.
-std::string nameOf(const FileURL &written) {
-    const auto name = written.lastComponent();
-    if (name.empty() || name == "/" || name == "." || name == "..") {
+/// Only an entry of a folder has a name.
+void expectName(std::string_view name) {
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos) {
         refuse(SafetyViolation::isRoot);
     }
-    return std::string(name);
 }
 
 } // namespace
@@ -186,7 +189,8 @@ FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
         refuse(SafetyViolation::notFound);
     }
     const auto written = url.standardized();
-    const auto name = nameOf(written);
+    const auto name = written.lastComponent();
+    expectName(name);
     const auto parent = FileManager::realPath(written.parent().path());
     if (!parent) {
         refuse(SafetyViolation::notFound);
@@ -197,7 +201,7 @@ FileURL SafetyGuard::validate(const FileURL &url, const FileURL &root) const {
     if (!type) {
         refuse(SafetyViolation::notFound);
     }
-    judge(written, location, *resolvedRoot);
+    Siblings(*this, written.parent(), FileURL(*parent), *resolvedRoot).judge(name);
     return FileURL(location.path(), *type == FileManager::FileType::directory);
 }
 
@@ -207,57 +211,87 @@ PinnedEntry SafetyGuard::pin(const FileURL &url, const FileURL &root) const {
         refuse(SafetyViolation::notFound);
     }
     const auto written = url.standardized();
-    nameOf(written);
-    return pin(written, PinnedFolder::resolving(written.parent()), *resolvedRoot);
+    expectName(written.lastComponent());
+    const auto folder = written.parent();
+    return siblings(folder, PinnedFolder::resolving(folder), *resolvedRoot)
+        .pin(std::string(written.lastComponent()));
 }
 
-PinnedEntry SafetyGuard::pin(const FileURL &url, const std::shared_ptr<const PinnedFolder> &folder,
-                             const Root &root) const {
-    PinnedEntry entry{.folder = folder, .name = nameOf(url)};
-    if (folder && entry.name.find('\0') == std::string::npos) {
-        entry.status = FileStatus::of(entry.parent(), entry.name.c_str());
+SafetyGuard::Siblings SafetyGuard::siblings(const FileURL &written,
+                                            std::shared_ptr<const PinnedFolder> folder,
+                                            const Root &root) const {
+    Siblings siblings(*this, written, folder ? folder->location : written, root);
+    siblings.folder_ = std::move(folder);
+    return siblings;
+}
+
+PinnedEntry SafetyGuard::Siblings::pin(const std::string &name) const {
+    expectName(name);
+    PinnedEntry entry{.folder = folder_, .name = name};
+    if (folder_ && name.find('\0') == std::string::npos) {
+        entry.status = FileStatus::of(entry.parent(), name.c_str());
     }
     if (!entry.status) {
         refuse(SafetyViolation::notFound);
     }
-    judge(url, entry.location(), root);
+    judge(name);
     return entry;
 }
 
-/// What is left to say of a location that exists: `written` as it was asked for, `location` with
-/// the links in its parent folders resolved.
-void SafetyGuard::judge(const FileURL &written, const FileURL &location, const Root &root) const {
-    const auto candidate = components(location);
-    if (candidate == root.components) {
+SafetyGuard::Siblings::Siblings(const SafetyGuard &guard, const FileURL &written,
+                                const FileURL &location, const Root &root) {
+    const auto folder = components(location);
+    const auto asked = components(written);
+    if (!isAtOrInside(folder, root.components)) {
+        const bool claimsInside = isAtOrInside(asked, components(root.url.standardized())) ||
+                                  isAtOrInside(asked, root.components);
+        common_ = claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot;
+    } else if (!guard.enclosures_.empty() && guard.leadOut(asked, folder)) {
+        common_ = SafetyViolation::symlinkEscape;
+    }
+    if (!root.components.empty() &&
+        std::ranges::equal(folder, std::span(root.components).first(root.components.size() - 1))) {
+        nameOfRoot_ = root.components.back();
+    }
+    isInGitDirectory_ = std::ranges::find(folder, ".git") != folder.end();
+    const auto prefix = folder.empty() ? "/" : Text::foldedPath(location.path()) + "/";
+    for (const auto *listed : {&guard.protectedPaths_, &guard.linkedTrash_}) {
+        for (const auto &path : *listed) {
+            if (path.starts_with(prefix)) {
+                protectedNames_.push_back(path.substr(prefix.size())); // or what is further down
+            }
+        }
+    }
+}
+
+/// What is left to say of an entry that exists.
+void SafetyGuard::Siblings::judge(std::string_view name) const {
+    const auto folded = Text::lowercased(name);
+    if (folded == nameOfRoot_) {
         refuse(SafetyViolation::isRoot);
     }
-    if (!klarbox::isInside(candidate, root.components)) {
-        const auto asked = components(written);
-        const bool claimsInside = klarbox::isInside(asked, components(root.url.standardized())) ||
-                                  klarbox::isInside(asked, root.components);
-        refuse(claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot);
+    if (common_) {
+        refuse(*common_);
     }
-    if (!enclosures_.empty() && leadsOut(components(written), candidate)) {
-        refuse(SafetyViolation::symlinkEscape);
-    }
-    if (std::ranges::find(candidate, ".git") != candidate.end()) {
+    if (isInGitDirectory_ || folded == ".git") {
         refuse(SafetyViolation::insideGitDirectory);
     }
-    if (isListed(Text::foldedPath(location.path()))) {
+    if (std::ranges::find(protectedNames_, folded) != protectedNames_.end()) {
         refuse(SafetyViolation::protectedLocation);
     }
 }
 
-bool SafetyGuard::leadsOut(Components written, const Components &candidate) const {
-    if (klarbox::isInside(written, home_.written)) {
+/// Whether entries of a folder lead out of an enclosure that they are written as lying in.
+bool SafetyGuard::leadOut(Components written, const Components &folder) const {
+    if (isAtOrInside(written, home_.written)) {
         written.erase(written.begin(),
                       written.begin() + static_cast<std::ptrdiff_t>(home_.written.size()));
         written.insert(written.begin(), home_.real.begin(), home_.real.end());
     }
     return std::ranges::any_of(enclosures_, [&](const Place &each) {
-        const bool holdsIt =
-            klarbox::isInside(written, each.written) || klarbox::isInside(written, each.real);
-        return holdsIt && !klarbox::isInside(candidate, each.real);
+        const bool holdsThem =
+            isAtOrInside(written, each.written) || isAtOrInside(written, each.real);
+        return holdsThem && !isAtOrInside(folder, each.real);
     });
 }
 

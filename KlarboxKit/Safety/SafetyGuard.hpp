@@ -56,11 +56,31 @@ public:
     /// is no descriptor left.
     PinnedEntry pin(const FileURL &url, const FileURL &root) const;
 
-    /// The same for an entry of a folder that is held already, null when there is none. `url` is
-    /// the standardised location as it was asked for; of it only the name counts for what is
-    /// looked at, and all of it for which refusal is the right one. Throws `SafetyRefusal` alone.
-    PinnedEntry pin(const FileURL &url, const std::shared_ptr<const PinnedFolder> &folder,
-                    const Root &root) const;
+    /// Judges the entries of one folder, each as `pin` would: what they have in common is judged
+    /// once, however many there are. Refers to the guard. Immutable; safe from any thread.
+    class Siblings {
+    public:
+        /// Throws `SafetyRefusal`, and nothing else.
+        PinnedEntry pin(const std::string &name) const;
+
+    private:
+        friend SafetyGuard;
+        /// Entries of a folder as it was asked for, and as it really lies.
+        Siblings(const SafetyGuard &guard, const FileURL &written, const FileURL &location,
+                 const Root &root);
+        void judge(std::string_view name) const;
+
+        std::shared_ptr<const PinnedFolder> folder_;
+        std::optional<SafetyViolation> common_; ///< of every entry but the root
+        std::optional<std::string> nameOfRoot_; ///< lower-cased, like those below; if it is one
+        bool isInGitDirectory_;
+        std::vector<std::string> protectedNames_;
+    };
+
+    /// Of a folder that is held already, null when there is none. `written` is the standardised
+    /// location of the folder as it was asked for, which counts for which refusal is the right one.
+    Siblings siblings(const FileURL &written, std::shared_ptr<const PinnedFolder> folder,
+                      const Root &root) const;
 
     /// Whether the location is protected, or is the top folder of a mounted volume.
     bool isProtected(const FileURL &url) const;
@@ -86,8 +106,7 @@ private:
 
     static Place place(const FileURL &folder);
     bool isListed(const std::string &foldedPath) const;
-    void judge(const FileURL &written, const FileURL &location, const Root &root) const;
-    bool leadsOut(Components written, const Components &candidate) const;
+    bool leadOut(Components written, const Components &folder) const;
 
     /// By whatever spelling, `Text::foldedPath`s.
     using Paths = std::unordered_set<std::string>;

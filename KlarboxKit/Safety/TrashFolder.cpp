@@ -178,16 +178,29 @@ TrashFolder TrashFolder::onVolume(const PinnedEntry &entry) {
     return TrashFolder(std::move(own));
 }
 
-int TrashFolder::take(const PinnedEntry &entry) const {
-    auto name = entry.name;
-    for (int number = 2;; ++number) {
-        const int code =
-            renameExclusively(entry.parent(), entry.name.c_str(), folder_.get(), name.c_str());
-        if (code != EEXIST || number == INT_MAX) {
-            return code;
-        }
-        name = numberedName(entry.name, number);
+TrashFolder::Identity TrashFolder::identity() const {
+    const auto status = statusOf(folder_);
+    return {status.st_dev, status.st_ino};
+}
+
+int TrashFolder::take(const PinnedEntry &entry) {
+    constexpr int few = 8; // numbers that are tried again rather than remembered
+    const auto move = [&](const std::string &name) {
+        return renameExclusively(entry.parent(), entry.name.c_str(), folder_.get(), name.c_str());
+    };
+    int code = move(entry.name);
+    if (code != EEXIST) {
+        return code;
     }
+    const auto known = nextNumbers_.find(entry.name);
+    int number = known == nextNumbers_.end() ? 2 : known->second;
+    while ((code = move(numberedName(entry.name, number))) == EEXIST && number < INT_MAX) {
+        ++number;
+    }
+    if (number > few) {
+        nextNumbers_[entry.name] = number;
+    }
+    return code;
 }
 
 std::string numberedName(const std::string &name, int number) {

@@ -8,10 +8,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <utility>
 
 namespace klarbox {
 
-/// One of a user's Trash folders, held open. Movable; safe from any thread.
+/// One of a user's Trash folders, held open. Movable; for one thread at a time.
 class TrashFolder {
 public:
     /// ".Trash" in a home folder, made when it is missing; nothing when there is no such home, or
@@ -29,12 +31,18 @@ public:
     /// Moves the entry here as one step, under its own name or, when that is taken, the first free
     /// one with a number before its extension. Nothing is replaced or copied. Answers an errno
     /// value, 0 for none: EXDEV when the entry is on another volume.
-    int take(const PinnedEntry &entry) const;
+    int take(const PinnedEntry &entry);
+
+    /// Device and inode of the folder.
+    using Identity = std::pair<std::uint64_t, std::uint64_t>;
+    Identity identity() const;
 
 private:
     explicit TrashFolder(UniqueFD folder) : folder_(std::move(folder)) {}
 
     UniqueFD folder_;
+    /// Where to begin to look for a free number, by names of which many are taken.
+    std::unordered_map<std::string, int> nextNumbers_;
 };
 
 /// The name that an entry gets in a Trash where its own is taken: the number before the extension,

@@ -37,6 +37,10 @@ bool isTop(int folder) {
 }
 
 bool isSystemsName(std::string_view name) {
+    constexpr std::string_view firstLetters = ".lL";
+    if (name.empty() || firstLetters.find(name.front()) == std::string_view::npos) {
+        return false; // as nearly all of a large folder
+    }
     // Many of these file systems do not know upper case from lower.
     const auto folded = Text::lowercased(name);
     return std::ranges::count(systemsNames, folded) > 0 ||
@@ -47,6 +51,18 @@ bool isSystemsName(std::string_view name) {
 void leaveOutSystemsOwn(int folder, std::vector<std::string> &names) {
     if (std::ranges::any_of(names, isSystemsName) && isTop(folder)) {
         std::erase_if(names, isSystemsName);
+    }
+}
+
+void leaveOutSystemsOwn(int folder, NameList &names) {
+    if (std::ranges::any_of(names, isSystemsName) && isTop(folder)) {
+        NameList others;
+        for (const auto name : names) {
+            if (!isSystemsName(name)) {
+                others.append(name);
+            }
+        }
+        names = std::move(others);
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Platform/NameList.hpp"
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,5 +22,6 @@ bool isSystemsName(std::string_view name);
 /// Takes what is the system's out of the names of entries of the open folder; only at the top of a
 /// volume anything is. Throws as `isTop` does, and then the names are as they were.
 void leaveOutSystemsOwn(int folder, std::vector<std::string> &names);
+void leaveOutSystemsOwn(int folder, NameList &names);
 
 } // namespace klarbox::VolumeTop
