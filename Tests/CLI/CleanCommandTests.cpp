@@ -100,8 +100,7 @@ TEST(CleanCommand, deletesPermanentlyAndRunsExactlyTheSelectedCommands) {
               "docker images -f dangling=true --format {{.Size}}\n"
               "docker builder prune -f\n");
     // The demo's tools have done it.
-    EXPECT_EQ(itemIDs(document(demo.run("scan --json --category docker"))),
-              "docker:images\n");
+    EXPECT_EQ(itemIDs(document(demo.run("scan --json --category docker"))), "docker:images\n");
 }
 
 TEST(CleanCommand, emptiesTheTrashBeforeItMovesAnythingThere) {

@@ -1,5 +1,6 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Scanning/ScanSettings.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
@@ -179,6 +180,49 @@ TEST(ScanCommand, saysThatItDoesNotKnowTheApplicationsOfAHomeWithoutItsDisk) {
     tree.add({"disk/Applications", directory()});
     EXPECT_THAT(scan("--disk disk"),
                 AllOf(Not(HasSubstr("not known")), HasSubstr("com.example.gone")));
+}
+
+TEST(ScanCommand, keepsBackWhatTheSettingsExcludeAndSaysHowMuch) {
+    const auto excluding = [](const std::vector<std::string> &entries) {
+        ScanSettings settings;
+        settings.excludedPaths = entries;
+        return text(settings.encoded());
+    };
+    const std::string caches = "Library/Caches/com.example.";
+    const TemporaryTree home{
+        {caches + "a/deep/kept.db", bytes(2'000'000)},
+        {caches + "b/x", bytes(2'000'000)},
+        {caches + "small/x", bytes(2000)},
+        {"link", link("Library")},
+        {"file.json", excluding({"~/**/kept.db"})},
+        {"by-link.json", excluding({"~/link/Caches/com.example.b"})},
+        {"category.json", excluding({"category:user-caches"})},
+        {"all.json", excluding({"/"})},
+        {"slip.json", excluding({"category:caches"})},
+    };
+    const struct {
+        const char *settings;
+        const char *found;
+        const char *told;
+    } cases[] = {
+        {"file", "user-caches:com.example.b\n",
+         "Kept back: 1 finding by the exclusions in your "
+         "settings, 1 finding smaller than 1.0 MB"},
+        {"by-link", "user-caches:com.example.a\n", "Kept back: 1 finding by"},
+        {"category", "", "Kept back: 3 findings by"},
+        {"all", "", "Kept back: 2 findings by"},
+    };
+    for (const auto &[settings, found, told] : cases) {
+        const auto options = fmt::format("--category user-caches --settings {}.json", settings);
+        EXPECT_EQ(itemIDs(document(runKlarbox(home.root(), "scan --json " + options))), found);
+        EXPECT_THAT(runKlarbox(home.root(), "scan " + options).out, HasSubstr(told)) << settings;
+        // What is offered is not refused afterwards.
+        const auto clean = "clean --yes --dry-run --default-selection " + options;
+        EXPECT_EQ(runKlarbox(home.root(), clean).exitCode, 0);
+    }
+    const auto slip = runKlarbox(home.root(), "scan --settings slip.json");
+    EXPECT_EQ(slip.exitCode, 2);
+    EXPECT_THAT(slip.err, HasSubstr("'category:caches' names no category"));
 }
 
 TEST(ScanCommand, takesNoOtherFolderForACurrentOneThatIsGone) {

@@ -30,17 +30,24 @@ TEST(SettingsCommand, keepsWhatIsSetAndShowsIt) {
     for (const auto *action :
          {"set staleProjectDays 45", "set includeNodeModules false", "set projectRoots '~/a' /b",
           "add excludedPaths '~/Library/Caches/x y' '~/keep'", "add excludedPaths '~/keep'",
+          "add excludedPaths category:docker '~/d*/**/settings.json'",
           "remove projectRoots '~/a'"}) {
         EXPECT_EQ(settings(action).exitCode, 0) << action;
     }
-    EXPECT_EQ(settings("get excludedPaths").out, "~/Library/Caches/x y\n~/keep\n");
+    EXPECT_EQ(settings("get excludedPaths").out,
+              "~/Library/Caches/x y\n~/keep\ncategory:docker\n~/d*/**/settings.json\n");
     EXPECT_EQ(settings("path").out, file.path() + "\n");
-    EXPECT_THAT(settings("check").out, HasSubstr("sound"));
+    EXPECT_EQ(settings("check").out, file.path() +
+                                         " is sound.\n"
+                                         "excludedPaths: '~/Library/Caches/x y' matches "
+                                         "nothing here.\n"
+                                         "excludedPaths: '~/keep' matches nothing here.\n");
     EXPECT_EQ(ScanSettings::decode(FileManager::contents(file)),
               (ScanSettings{.projectRoots = {"/b"},
                             .includeNodeModules = false,
                             .staleProjectDays = 45,
-                            .excludedPaths = {"~/Library/Caches/x y", "~/keep"}}));
+                            .excludedPaths = {"~/Library/Caches/x y", "~/keep", "category:docker",
+                                              "~/d*/**/settings.json"}}));
     // Written aside and renamed: nothing is left beside it.
     EXPECT_THAT(FileManager::contentsOfDirectory(file.parent()), ElementsAre("settings.json"));
 }
@@ -115,6 +122,10 @@ TEST(SettingsCommand, refusesNonsenseAndLeavesTheFileAsItWas) {
         {"sound.json", "add excludedPaths relative/path", "relative/path"},
         {"sound.json", "add excludedPaths \"$(printf '/a\\377')\"", "UTF-8"},
         {"relative.json", "check", "relative.json: excludedPaths: 'a/b'"},
+        {"sound.json", "add excludedPaths /", "'/' would exclude the whole disk"},
+        {"sound.json", "add excludedPaths '//./**'", "the whole disk"},
+        {"sound.json", "add excludedPaths category:cats", "docker, homebrew"},
+        {"sound.json", "add projectRoots category:docker", "category:docker"},
         {"sound.json", "remove projectRoots /b", "/b"},
         {"sound.json", "frobnicate", "frobnicate"},
     };

@@ -152,6 +152,34 @@ TEST(FileSystemRemover, movesWholeItemsAndReplacesNothing) {
     renamesPlainly = false;
 }
 
+TEST(FileSystemRemover, goesOnWithTheNumbersOfAName) {
+    const TemporaryTree tree{{"home/.Trash/x 11", text("somebody's")}};
+    const auto home = tree / "home";
+    const FileSystemRemover remover(home);
+    const auto trash = [&](const std::string &folder) {
+        tree.add({folder + "/x", text(folder)});
+        remover.moveToTrash(PinnedEntry::open(tree / (folder + "/x")));
+    };
+    for (int i = 1; i <= 12; ++i) {
+        trash(fmt::format("home/{}", i));
+    }
+    const std::pair<const char *, int> expected[] = {
+        {"x", 1}, {"x 10", 10}, {"x 12", 11}, {"x 13", 12}};
+    for (const auto &[name, from] : expected) {
+        EXPECT_EQ(FileManager::contents(home.appending(".Trash").appending(name)),
+                  fmt::format("home/{}", from));
+    }
+    EXPECT_EQ(FileManager::contents(home.appending(".Trash/x 11")), "somebody's");
+    // Emptied or taken away in between, it is found or made again.
+    const auto folder = PinnedFolder::resolving(home);
+    for (const auto *name : {"a", "b"}) {
+        tree.add({fmt::format("home/{}", name), text(name)});
+        remover.moveToTrash({.folder = folder, .name = name});
+        EXPECT_EQ(FileManager::contents(home.appending(".Trash").appending(name)), name);
+        std::filesystem::remove_all(home.appending(".Trash").path());
+    }
+}
+
 TEST(FileSystemRemover, saysWhyAnItemStaysAndLeavesItWhole) {
     inIsolatedProcess([] {
         becomeOrdinaryUser();
