@@ -83,6 +83,10 @@ bool isWhiteSpace(utf8proc_int32_t scalar) {
            utf8proc_category(scalar) == UTF8PROC_CATEGORY_ZS;
 }
 
+bool isASCII(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return static_cast<signed char>(c) >= 0; });
+}
+
 char lowercasedASCII(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -155,8 +159,7 @@ std::string shown(std::string_view text, std::string_view backslash) {
 std::string lowercased(std::string_view text) {
     std::string lowered(text.size(), '\0');
     std::ranges::transform(text, lowered.begin(), lowercasedASCII);
-    if (std::ranges::all_of(text, [](char c) { return static_cast<signed char>(c) >= 0; }) ||
-        !isValidUTF8(text)) {
+    if (isASCII(text) || !isValidUTF8(text)) {
         return lowered;
     }
     const auto decomposed = mapped(text, UTF8PROC_DECOMPOSE);
@@ -172,6 +175,15 @@ std::string lowercased(std::string_view text) {
         append(lowered, utf8proc_tolower(scalar.value));
     }
     return mapped(lowered, UTF8PROC_COMPOSE).value_or(lowered);
+}
+
+std::string caseFolded(std::string_view text) {
+    auto lowered = lowercased(text);
+    constexpr int folding = UTF8PROC_DECOMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_IGNORE;
+    if (isASCII(lowered) || !isValidUTF8(lowered)) {
+        return lowered;
+    }
+    return mapped(lowered, static_cast<utf8proc_option_t>(folding)).value_or(lowered);
 }
 
 std::vector<std::string> foldedPathComponents(std::string_view path) {

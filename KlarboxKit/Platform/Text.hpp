@@ -15,6 +15,11 @@ namespace klarbox::Text {
 /// stay different.
 std::string lowercased(std::string_view text);
 
+/// `lowercased` and case-folded in full, without the characters that nobody sees: equal for all
+/// names that a file system blind to letter case could take for one ("ſ" and "s", "ß" and "SS",
+/// "ς" and "Σ"). For telling what to keep hands off, where more that is equal harms nobody.
+std::string caseFolded(std::string_view text);
+
 /// The components of a path, split at "/", empty ones dropped, each `lowercased`: what two paths
 /// are compared by wherever letter case does not count.
 std::vector<std::string> foldedPathComponents(std::string_view path);

@@ -111,6 +111,16 @@ std::vector<std::string> components(const FileURL &url) {
     throw SafetyRefusal(violation);
 }
 
+/// Equal for all spellings of a path that some file system takes for one: refusing one too many is
+/// better than removing a personal folder by an odd name.
+std::string protectionKey(std::string_view path) {
+    std::string key;
+    for (const auto &component : Text::foldedPathComponents(path)) {
+        key += "/" + Text::caseFolded(component);
+    }
+    return key.empty() ? "/" : key;
+}
+
 SafetyGuard::Root rootAt(const FileURL &root, std::string realPath) {
     auto components = Text::foldedPathComponents(realPath);
     return {.url = root, .path = std::move(realPath), .components = std::move(components)};
@@ -122,8 +132,8 @@ bool leadsThrough(std::string_view realPath, std::string_view place) {
            (realPath.size() == place.size() || realPath[place.size()] == '/');
 }
 
-bool isTopOfMountedVolume(std::string_view foldedPath) {
-    const auto pieces = Text::foldedPathComponents(foldedPath);
+bool isTopOfMountedVolume(std::string_view key) {
+    const auto pieces = Text::foldedPathComponents(key);
     return pieces.size() == 2 && pieces.front() == "volumes";
 }
 
@@ -145,13 +155,13 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> 
     }
     const auto trash = home + "/.Trash";
     for (const auto &path : listed) {
-        const auto folded = Text::foldedPath(path);
-        protectedPaths_.insert(folded);
+        const auto key = protectionKey(path);
+        protectedPaths_.insert(key);
         // A listed folder may be a link: then what it leads to is protected as well, by whichever
         // spelling this file system knows the link.
         auto &places = path == trash ? linkedTrash_ : protectedPaths_;
-        places.insert(Text::foldedPath(canonicalPath(folded)));
-        places.insert(Text::foldedPath(canonicalPath(path)));
+        places.insert(protectionKey(canonicalPath(Text::foldedPath(path))));
+        places.insert(protectionKey(canonicalPath(path)));
     }
     std::ranges::transform(enclosures, std::back_inserter(enclosures_), place);
 }
@@ -253,8 +263,8 @@ SafetyGuard::Siblings::Siblings(const SafetyGuard &guard, const FileURL &written
         std::ranges::equal(folder, std::span(root.components).first(root.components.size() - 1))) {
         nameOfRoot_ = root.components.back();
     }
-    isInGitDirectory_ = std::ranges::find(folder, ".git") != folder.end();
-    const auto prefix = folder.empty() ? "/" : Text::foldedPath(location.path()) + "/";
+    isInGitDirectory_ = std::ranges::find(folder, ".git", Text::caseFolded) != folder.end();
+    const auto prefix = folder.empty() ? "/" : protectionKey(location.path()) + "/";
     for (const auto *listed : {&guard.protectedPaths_, &guard.linkedTrash_}) {
         for (const auto &path : *listed) {
             if (path.starts_with(prefix)) {
@@ -273,10 +283,11 @@ void SafetyGuard::Siblings::judge(std::string_view name) const {
     if (common_) {
         refuse(*common_);
     }
-    if (isInGitDirectory_ || folded == ".git") {
+    const auto anySpelling = Text::caseFolded(name);
+    if (isInGitDirectory_ || anySpelling == ".git") {
         refuse(SafetyViolation::insideGitDirectory);
     }
-    if (std::ranges::find(protectedNames_, folded) != protectedNames_.end()) {
+    if (std::ranges::find(protectedNames_, anySpelling) != protectedNames_.end()) {
         refuse(SafetyViolation::protectedLocation);
     }
 }
@@ -296,17 +307,17 @@ bool SafetyGuard::leadOut(Components written, const Components &folder) const {
 }
 
 bool SafetyGuard::isProtected(const FileURL &url) const {
-    const auto path = Text::foldedPath(canonicalPath(url.standardized().path()));
+    const auto path = protectionKey(canonicalPath(url.standardized().path()));
     return isListed(path) || isTopOfMountedVolume(path);
 }
 
 bool SafetyGuard::mayBeEmptied(const FileURL &target) const {
-    const auto path = Text::foldedPath(canonicalPath(target.standardized().path()));
+    const auto path = protectionKey(canonicalPath(target.standardized().path()));
     return !protectedPaths_.contains(path) && !isTopOfMountedVolume(path);
 }
 
-bool SafetyGuard::isListed(const std::string &foldedPath) const {
-    return protectedPaths_.contains(foldedPath) || linkedTrash_.contains(foldedPath);
+bool SafetyGuard::isListed(const std::string &key) const {
+    return protectedPaths_.contains(key) || linkedTrash_.contains(key);
 }
 
 std::string SafetyGuard::canonicalPath(std::string_view path) {

@@ -72,7 +72,7 @@ public:
 
         std::shared_ptr<const PinnedFolder> folder_;
         std::optional<SafetyViolation> common_; ///< of every entry but the root
-        std::optional<std::string> nameOfRoot_; ///< lower-cased, like those below; if it is one
+        std::optional<std::string> nameOfRoot_; ///< lower-cased; if it is one
         bool isInGitDirectory_;
         std::vector<std::string> protectedNames_;
     };
@@ -105,10 +105,10 @@ private:
     };
 
     static Place place(const FileURL &folder);
-    bool isListed(const std::string &foldedPath) const;
+    bool isListed(const std::string &key) const;
     bool leadOut(Components written, const Components &folder) const;
 
-    /// By whatever spelling, `Text::foldedPath`s.
+    /// Folded so that every spelling of a path is one.
     using Paths = std::unordered_set<std::string>;
 
     Paths protectedPaths_;

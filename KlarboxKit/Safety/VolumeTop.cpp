@@ -42,7 +42,7 @@ bool isSystemsName(std::string_view name) {
         return false; // as nearly all of a large folder
     }
     // Many of these file systems do not know upper case from lower.
-    const auto folded = Text::lowercased(name);
+    const auto folded = Text::caseFolded(name);
     return std::ranges::count(systemsNames, folded) > 0 ||
            (folded.starts_with(trashOfUser) && folded.size() > trashOfUser.size() &&
             folded.find_first_not_of("0123456789", trashOfUser.size()) == std::string::npos);

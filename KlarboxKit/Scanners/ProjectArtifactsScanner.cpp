@@ -48,14 +48,14 @@ std::optional<FileManager::Date> latestChange(const FileURL &project) {
     };
     for (const auto &entry : FS::children(project)) {
         const auto name = entry.lastComponent();
-        if (name == ".git") {
-            // The folder itself changes with every look that tools take; these two with work.
-            consider(entry.appending("logs/HEAD"));
-            consider(entry.appending("index"));
-        } else if (!ArtifactRule::isArtifactName(name)) {
+        if (name != ".git" && !ArtifactRule::isArtifactName(name)) {
             consider(entry);
         }
     }
+    // A repository changes itself with every look that tools take; these two with work. Asked for
+    // by name, because a disk that does not know letter case may list it as ".GIT".
+    consider(project.appending(".git/logs/HEAD"));
+    consider(project.appending(".git/index"));
     if (!latest) {
         consider(project);
     }

@@ -140,8 +140,9 @@ Exclusions::Exclusions(const FileURL &home, std::span<const std::string> entries
 void Exclusions::insert(const FileURL &base, std::span<const std::string> pattern) {
     std::size_t at = 0;
     nodes_[at].leadsToPlain |= pattern.empty();
-    for (const auto &name : Text::foldedPathComponents(base.path())) {
-        const auto [child, isNew] = nodes_[at].names.try_emplace(name, nodes_.size());
+    for (const auto &name : split(base.path())) {
+        const auto [child, isNew] =
+            nodes_[at].names.try_emplace(Text::caseFolded(name), nodes_.size());
         at = child->second;
         if (isNew) {
             nodes_.emplace_back();
@@ -166,7 +167,7 @@ std::size_t Exclusions::childFor(std::size_t node, const std::string &component)
         }
         from.anyDepth = place;
     } else if (isWild(component)) {
-        const auto glob = Text::lowercased(component);
+        const auto glob = Text::caseFolded(component);
         for (const auto &[known, child] : from.globs) {
             if (known == glob) {
                 return child;
@@ -175,7 +176,7 @@ std::size_t Exclusions::childFor(std::size_t node, const std::string &component)
         from.globs.emplace_back(glob, place);
     } else {
         const auto [child, isNew] =
-            from.names.try_emplace(Text::lowercased(unescaped(component)), place);
+            from.names.try_emplace(Text::caseFolded(unescaped(component)), place);
         if (!isNew) {
             return child->second;
         }
@@ -211,7 +212,7 @@ Exclusions::Cursor Exclusions::Cursor::child(std::string_view name) const {
     if (isCovered_ || states_.empty()) {
         return below;
     }
-    const auto folded = Text::lowercased(name);
+    const auto folded = Text::caseFolded(name);
     for (const auto state : states_) {
         const auto &node = owner_->nodes_[state];
         if (node.loops) {

@@ -25,6 +25,14 @@ TEST(Text, foldsLetterCaseAndComposition) {
         EXPECT_EQ(Text::lowercased(text), folded);
         EXPECT_EQ(Text::lowercased(folded), folded);
     }
+    for (const auto &[name, another] : {std::pair("Deſktop", "DESKTOP"),
+                                        {"straße", "STRASSE"},
+                                        {"ὁδός", "ὉΔΌΣ"},
+                                        {"Cafe\u0301", "CAFÉ"},
+                                        {".g\u200cit", ".git"}}) {
+        EXPECT_EQ(Text::caseFolded(name), Text::caseFolded(another));
+    }
+    EXPECT_NE(Text::caseFolded("\xE9"), Text::caseFolded("\xE8"));
     EXPECT_NE(Text::lowercased("\xE9"), Text::lowercased("\xE8"));
     EXPECT_THAT(Text::foldedPathComponents("//Users/ÄNN/./x"),
                 ElementsAre("users", "änn", ".", "x"));

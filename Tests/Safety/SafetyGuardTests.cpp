@@ -133,6 +133,38 @@ TEST(SafetyGuard, protectsWhatAProtectedFolderThatIsALinkLeadsTo) {
     EXPECT_EQ(violation(guard, tree / "Disk/Pictures/cat.jpg", tree.root()), std::nullopt);
 }
 
+TEST(SafetyGuard, knowsPlacesByEverySpellingThatTheirDiskTakesForOne) {
+    using V = SafetyViolation;
+    const TemporaryTree tree{
+        {"Änn/Desktop/x", bytes(1)},
+        {"Änn/Library/Caches/App/x", bytes(1)},
+        {"Änn/Library/Caches/Work/.GIT/config", bytes(1)},
+        {"Änn/Library/Caches/Out", link("../../Desktop")},
+    };
+    if (!FileManager::exists(tree / "A\u0308NN")) {
+        GTEST_SKIP() << "this file system tells letter cases apart";
+    }
+    const SafetyGuard guard(tree / "Änn");
+    const struct {
+        const char *root;
+        const char *path;
+        std::optional<V> expected;
+    } cases[] = {
+        {"Änn", "A\u0308nn/DESKTOP", V::protectedLocation},
+        {"ÄNN", "Änn/Deſktop", V::protectedLocation},
+        {"", "ÄNN", V::protectedLocation},
+        {"Änn/Library/Caches", "A\u0308NN/LIBRARY/caches", V::isRoot},
+        {"Änn/library/caches", "Änn/Library/Caches/Work/.git", V::insideGitDirectory},
+        {"Änn/Library/Caches", "Änn/desktop/x", V::notInsideRoot},
+        {"Änn/Library/Caches", "ÄNN/library/caches/OUT/x", V::symlinkEscape},
+        {"A\u0308nn/library/CACHES", "Änn/Library/Caches/APP", std::nullopt},
+        {"Änn/Library/Caches", "ÄNN/library/caches/OUT", std::nullopt},
+    };
+    for (const auto &[root, path, expected] : cases) {
+        EXPECT_EQ(violation(guard, tree / path, tree / root), expected) << path;
+    }
+}
+
 TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
     const TemporaryTree tree{
         {"disk/home/Caches", link("../../outside")},
@@ -188,6 +220,7 @@ TEST(SafetyGuard, knowsProtectedPlacesThatDoNotExist) {
         {"/Users/A\u0308nn/Library/Mobile Documents/com~apple~CloudDocs", true},
         {"/Users/Änn/Library/Mobile Documents/com~apple~CloudDocs/x", false},
         {"/Users/Änn/Library/../.ssh", true},
+        {"/Users/Änn/.ſSH", true}, // one name with the above, where letter case does not count
         {"/Volumes/Backup", true},
         {"/volumes/Backup/.", true},
         {"/Volumes/Backup/old", false},
