@@ -95,6 +95,23 @@ TEST(CompanionFiles, knowEveryCommandAndOption) {
     }
 }
 
+TEST(CompanionFiles, areOfOneVersion) {
+    std::string version;
+    ASSERT_TRUE(
+        RE2::PartialMatch(shell(klarbox + " --version").out, R"((\d+\.\d+\.\d+))", &version));
+    const std::pair<const char *, const char *> places[] = {
+        {"../CHANGELOG.md", R"(\n## \[(\d[^]]*)\])"},
+        {"debian/changelog", R"(^klarbox \(([^-]+)-)"},
+        {"man/klarbox.1", R"-("Klarbox ([^"]+)")-"},
+        {"man/KlarboxHelper.8", R"-("Klarbox ([^"]+)")-"},
+    };
+    for (const auto &[file, expression] : places) {
+        std::string newest;
+        RE2::PartialMatch(contents(file), expression, &newest);
+        EXPECT_EQ(newest, version) << file;
+    }
+}
+
 TEST(CompanionFiles, completeInBash) {
     for (const std::string command : {"", "scan ", "clean --yes ", "settings "}) {
         EXPECT_EQ(bashCompletions(command + "--"), options(command)) << command;
