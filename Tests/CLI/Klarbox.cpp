@@ -1,14 +1,25 @@
 #include "Tests/CLI/Klarbox.hpp"
 
 #include <array>
+#include <fcntl.h>
 #include <pty.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 namespace klarbox::test {
+
+namespace {
+
+/// Opened at the start: an ordinary user may not get to where it was built.
+const int program = ::open(KLARBOX_PROGRAM, O_PATH);
+
+} // namespace
 
 Launch klarboxIn(const FileURL &home, const std::string &arguments) {
     return {.arguments = {"/bin/sh", "-c",
-                          "cd " + home.path() + " && exec " KLARBOX_PROGRAM " " + arguments},
+                          fmt::format("cd {} && exec /proc/self/fd/{} {}", home.path(), program,
+                                      arguments)},
             .environment = {"HOME=" + home.path(), "TERM=xterm-256color"}};
 }
 
