@@ -46,7 +46,7 @@ struct ScanContext {
     FileURL home; ///< the person's home folder; every user location is built from it
     ScanSettings settings;
     ScanEnvironment environment;
-    std::int64_t minimumSize; ///< bytes; most scanners offer nothing smaller
+    std::int64_t minimumSize;                     ///< bytes; most scanners offer nothing smaller
     std::shared_ptr<KeptBack> keptBack = nullptr; ///< where to count; null: nowhere
 
     /// Whether a finding of this size is to be offered; one that is too small is counted.

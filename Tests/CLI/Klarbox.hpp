@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Tests/Support/DemoWorld.hpp"
+#include "Demo/DemoWorld.hpp"
 #include "Tests/Support/Programs.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
@@ -26,7 +26,7 @@ Outcome runKlarboxOnTerminal(const FileURL &home, const std::string &arguments,
 /// A demo world of its own.
 struct TemporaryDemoWorld {
     TemporaryTree folder{TemporaryTree::Medium::memoryIfPossible, {}};
-    DemoWorld world = makeDemoWorld(folder / "world");
+    demo::DemoWorld world = demo::makeDemoWorld(folder / "world");
     /// What makes klarbox look at this world.
     std::string options = " --home world/disk/Users/ann --disk world/disk --settings "
                           "world/settings.json --environment world/environment.json ";

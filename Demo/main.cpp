@@ -1,6 +1,6 @@
 // demo-world DIR: fills an empty folder with the demo world.
 
-#include "Tests/Support/DemoWorld.hpp"
+#include "Demo/DemoWorld.hpp"
 
 #include <cstdio>
 #include <exception>
@@ -13,7 +13,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     try {
-        klarbox::test::makeDemoWorld(klarbox::FileURL(argv[1], true));
+        klarbox::demo::makeDemoWorld(klarbox::FileURL(argv[1], true));
     } catch (const std::exception &error) {
         fmt::print(stderr, "demo-world: {}\n", error.what());
         return 1;

@@ -2,7 +2,7 @@
 
 #include "KlarboxKit/Platform/FileURL.hpp"
 
-namespace klarbox::test {
+namespace klarbox::demo {
 
 /// A small Mac in a folder: a home of some thousand entries, system folders, a second volume, fake
 /// tools, and the settings and environment that make a scan of it the same everywhere.
@@ -21,4 +21,4 @@ struct DemoWorld {
 /// something already or cannot be written.
 DemoWorld makeDemoWorld(const FileURL &root);
 
-} // namespace klarbox::test
+} // namespace klarbox::demo

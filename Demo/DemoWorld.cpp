@@ -1,4 +1,4 @@
-#include "Tests/Support/DemoWorld.hpp"
+#include "Demo/DemoWorld.hpp"
 
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
@@ -11,9 +11,10 @@
 
 #include <fmt/format.h>
 
-namespace klarbox::test {
+namespace klarbox::demo {
 
 namespace fs = std::filesystem;
+using namespace test;
 
 namespace {
 
@@ -245,4 +246,4 @@ DemoWorld makeDemoWorld(const FileURL &root) {
     return world;
 }
 
-} // namespace klarbox::test
+} // namespace klarbox::demo
