@@ -33,8 +33,6 @@ using testing::Not;
 using enum RemovalMode;
 using enum SafetyViolation;
 
-constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
-
 /// Keeps what it is asked and touches nothing. Entries named "busy" and "readOnly" fail with their
 /// name as the message; one named "vanishing" is refused.
 class RecordingRemover : public ItemRemover {

@@ -1,13 +1,9 @@
 #include "KlarboxKit/Helper/PrivilegedRemovalResult.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/EndToEnd/World.hpp"
 
-#include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
 #include <tuple>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 
@@ -101,49 +97,6 @@ TEST_F(Requests, areWorkedOnNoLongerThanSomebodyWaits) {
     }
     EXPECT_THAT(journal_->messages("requests", 1), ElementsAre(Not(HasSubstr("failed 0"))));
     EXPECT_GT(left(), 0);
-}
-
-TEST_F(Requests, neverReachBeyondAFolderThatTakesTurnsWithALink) {
-    // Far more entries and bytes than there ever are inside.
-    const std::string outside = "/Users/ann/outside/";
-    const std::string canary(1'000'000, 'k');
-    for (const char *name : {"a", "b", "c", "d", "e", "f", "g", "canary"}) {
-        writeFile(outside + name, canary);
-    }
-    const std::string evil = "/Library/Caches/evil";
-    std::filesystem::create_directory(evil);
-    std::filesystem::create_directory_symlink(outside, "/Library/Caches/link");
-    startHelper();
-    std::vector<std::string> questions;
-    for (int i = 0; i < 2000; ++i) {
-        questions.insert(questions.end(), {removeContents, evil, removeItem, evil + "/canary"});
-    }
-    std::jthread exchanger([&](const std::stop_token &stop) {
-        for (int exchanges = 0; !stop.stop_requested(); ++exchanges) {
-            ::renameat2(AT_FDCWD, evil.c_str(), AT_FDCWD, "/Library/Caches/link", RENAME_EXCHANGE);
-            // Exclusive: through the link this would write to the canary.
-            ::close(::open((evil + "/canary").c_str(), O_CREAT | O_EXCL, 0600));
-            // Long enough for a request to get anywhere between two exchanges.
-            std::this_thread::sleep_for(std::chrono::microseconds(exchanges % 97));
-        }
-    });
-    const auto outcome = ask(questions);
-    exchanger = {};
-    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
-    int removals = 0;
-    int refusals = 0;
-    for (const auto line : Text::lines(outcome.out)) {
-        const auto result = Result::decode(line);
-        EXPECT_LE(result.removedCount + result.failedCount, 1) << line;
-        EXPECT_LT(result.bytes, 100'000) << line;
-        removals += result.removedCount > 0 ? 1 : 0;
-        refusals += result.refusal == symlinkEscape ? 1 : 0;
-    }
-    EXPECT_GT(removals, 20);
-    EXPECT_GT(refusals, 20);
-    for (const char *name : {"a", "canary"}) {
-        EXPECT_EQ(readFile(outside + name), canary);
-    }
 }
 
 } // namespace

@@ -28,8 +28,6 @@ namespace {
 using Result = PrivilegedRemovalResult;
 using enum SafetyViolation;
 
-constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
-
 /// Deletes for real, but for the second item of all.
 struct SecondIsBusy final : ItemRemover {
     mutable int deletions = 0;

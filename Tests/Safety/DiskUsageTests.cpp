@@ -42,7 +42,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
 constexpr std::int64_t interval = 2048;
 
 /// What a file-tree walk on one thread counts, entry by entry in the order of the listings.

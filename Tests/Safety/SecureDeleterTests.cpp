@@ -65,8 +65,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
-
 /// The POSIX code that deleting ends with, 0 for none.
 int deleted(const FileURL &url) {
     try {

@@ -86,6 +86,8 @@ private:
     FileURL root_;
 };
 
+inline constexpr auto inMemory = TemporaryTree::Medium::memoryIfPossible;
+
 /// Every entry below a folder as one line each (path, type, mode, size, modification time, link
 /// target, hash of the content), sorted: two equal manifests mean that nothing changed.
 std::string manifest(const FileURL &folder);
