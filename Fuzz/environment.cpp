@@ -1,4 +1,4 @@
-#include "KlarboxCLI/EnvironmentFile.hpp"
+#include "KlarboxApp/Environment/EnvironmentFile.hpp"
 
 #include "Fuzz/Target.hpp"
 

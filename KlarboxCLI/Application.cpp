@@ -1,6 +1,8 @@
 #include "KlarboxCLI/Application.hpp"
 
+#include "KlarboxApp/InputError.hpp"
 #include "KlarboxCLI/CleanCommand.hpp"
+#include "KlarboxCLI/ExitCode.hpp"
 #include "KlarboxCLI/HelpFormatter.hpp"
 #include "KlarboxCLI/HelperCommand.hpp"
 #include "KlarboxCLI/Interrupt.hpp"
@@ -232,10 +234,28 @@ int run(int argc, char **argv, Interrupt &interrupt) {
     return ExitCode::done;
 }
 
+/// Around what is wrong with input: how it is given here.
+std::pair<std::string_view, std::string_view> context(InputError::Input input) {
+    switch (input) {
+    case InputError::Input::disk:
+        return {"--disk: ", ""};
+    case InputError::Input::home:
+        return {"--home: ", ""};
+    case InputError::Input::whichHome:
+        return {"--disk: ", "; name one with --home"};
+    case InputError::Input::item:
+        return {"--item: ", ""};
+    case InputError::Input::other:
+        break;
+    }
+    return {};
+}
+
 /// Says why nothing was done, on one line.
-void tellWhy(const std::exception &error) noexcept {
+void tellWhy(const std::exception &error, InputError::Input input) noexcept {
     try {
-        tell(fmt::format("klarbox: {}\n", Text::visible(error.what())));
+        const auto [before, behind] = context(input);
+        tell(fmt::format("klarbox: {}{}{}\n", before, Text::visible(error.what()), behind));
     } catch (const std::bad_alloc &) {
         tell("klarbox: out of memory\n");
     }
@@ -252,8 +272,10 @@ int runApplication(int argc, char **argv) {
         return run(argc, argv, interrupt);
     } catch (const std::bad_alloc &) {
         tell("klarbox: out of memory\n");
+    } catch (const InputError &error) {
+        tellWhy(error, error.input());
     } catch (const std::exception &error) {
-        tellWhy(error);
+        tellWhy(error, InputError::Input::other);
     }
     return ExitCode::usage;
 }

@@ -1,21 +1,20 @@
 #include "KlarboxCLI/CleanCommand.hpp"
 
-#include "KlarboxCLI/CleanObstacles.hpp"
+#include "KlarboxApp/Clean/CleanSession.hpp"
+#include "KlarboxApp/Clean/Selection.hpp"
+#include "KlarboxApp/Documents.hpp"
+#include "KlarboxApp/Scan/ScanSession.hpp"
 #include "KlarboxCLI/DisplayText.hpp"
+#include "KlarboxCLI/ExitCode.hpp"
 #include "KlarboxCLI/Interrupt.hpp"
-#include "KlarboxCLI/PrivilegedAccess.hpp"
+#include "KlarboxCLI/NumberedChoice.hpp"
 #include "KlarboxCLI/ProgressLine.hpp"
 #include "KlarboxCLI/ReportTable.hpp"
-#include "KlarboxCLI/ScanDocument.hpp"
-#include "KlarboxCLI/ScanSession.hpp"
+#include "KlarboxCLI/ScanRemarks.hpp"
 #include "KlarboxCLI/ScanTable.hpp"
-#include "KlarboxCLI/Selection.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
-#include "KlarboxKit/Cleaning/Cleaner.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
-#include "KlarboxKit/Safety/FileSystemRemover.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -34,17 +33,35 @@ bool canAsk() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
 }
 
+/// Refuses what could never be done: there must be a selection and a yes, or somebody to ask.
+void expectSelectionOrPerson(const CleanOptions &options) {
+    if (options.trash && options.permanent) {
+        throw UsageError("clean: --trash and --permanent exclude each other");
+    }
+    if (canAsk()) {
+        return;
+    }
+    if (!options.hasSelection()) {
+        throw UsageError("clean: nothing is selected; give --default-selection or --item, or "
+                         "run it on a terminal to choose");
+    }
+    if (!options.yes && !options.dryRun) {
+        throw UsageError("clean: there is no terminal to ask on; give --yes to clean without "
+                         "being asked");
+    }
+}
+
 /// Lets the person choose from a numbered list.
-std::vector<CategoryScan> askForSelection(const std::vector<CategoryScan> &scans,
-                                          const ScanSession &session, const OutputStyle &style) {
+Selection::Choice askForSelection(const std::vector<CategoryScan> &scans,
+                                  const ScanSession &session, const OutputStyle &style) {
     const auto obstacles = session.obstacles();
     write(stderr, scanTable(scans, {.style = style,
                                     .numbered = true,
                                     .obstacles = &obstacles,
-                                    .remarks = session.remarks(scans)}));
+                                    .remarks = scanRemarks(session, scans)}));
     const auto numbered = numberedItems(scans);
     if (numbered.empty()) {
-        return scans;
+        return {.scans = scans, .notCleanable = {}};
     }
     std::vector<std::size_t> byDefault;
     for (std::size_t i = 0; i < numbered.size(); ++i) {
@@ -61,83 +78,49 @@ std::vector<CategoryScan> askForSelection(const std::vector<CategoryScan> &scans
     }
     for (;;) {
         const auto answer = ask(instruction + "Clean [none]: ");
-        if (const auto numbers = Selection::parseAnswer(answer, numbered.size(), byDefault)) {
-            return Selection::selectNumbers(scans, *numbers);
+        if (const auto numbers = NumberedChoice::parseAnswer(answer, numbered.size(), byDefault)) {
+            auto chosen = NumberedChoice::selectNumbers(scans, *numbers);
+            auto notCleanable = obstacles.sums(Selection::items(chosen));
+            return {.scans = std::move(chosen), .notCleanable = std::move(notCleanable)};
         }
         write(stderr, fmt::format("That is no choice among 1 to {}.\n", numbered.size()));
         instruction.clear();
     }
 }
 
-/// What is about to happen to a selection, counted.
-struct Plan {
-    std::size_t count = 0;
-    std::int64_t bytes = 0;
-    std::size_t permanent = 0;
-    std::size_t trashed = 0;
-    /// What goes at once, by a command too, and is not made anew.
-    std::size_t irreplaceable = 0;
-    std::size_t ofTheSystem = 0;
-    std::vector<std::string> commands;
-    std::vector<std::string> remarks; ///< about what cannot be cleaned here
-
-    Plan(const std::vector<KlarboxItem> &items, RemovalMode mode, const CleanObstacles &obstacles,
-         std::vector<std::string> hints)
-        : count(items.size()),
-          remarks(std::move(hints)) {
-        for (const auto &item : items) {
-            if (obstacles.of(item)) {
-                continue; // tried, but it promises nothing
-            }
-            const std::size_t lasting = item.tier == SafetyTier::safe ? 0 : 1;
-            bytes = saturatingAdd(bytes, item.size);
-            ofTheSystem += item.requiresPrivileges ? 1 : 0;
-            if (const auto *command = std::get_if<KlarboxTarget::Command>(&item.target.value())) {
-                commands.push_back(Text::visible(command->action.displayString()));
-                irreplaceable += lasting;
-            } else if (item.requiresPrivileges || mode == RemovalMode::deletePermanently ||
-                       item.removalPolicy == RemovalPolicy::permanentOnly) {
-                ++permanent;
-                irreplaceable += lasting;
-            } else {
-                ++trashed;
-            }
+/// A plan in sentences that fit so many columns (0: any number), and what to know about it.
+std::string description(const CleanPlan &plan, const std::vector<std::string> &remarks,
+                        std::size_t width) {
+    auto text = fmt::format("{}, {}, selected.\n", DisplayText::count(plan.items.size(), "item"),
+                            DisplayText::size(plan.bytes));
+    const auto add = [&](const std::string &sentence) {
+        std::string_view lead = "  ";
+        const auto room = width == 0 ? 0 : std::max(width, DisplayText::narrowest) - 4;
+        for (const auto &line : DisplayText::wrapped(sentence, room)) {
+            text += fmt::format("{}{}\n", lead, line);
+            lead = "    ";
         }
+    };
+    if (plan.trashed > 0) {
+        add(DisplayText::count(plan.trashed, "item") + " will be moved to the Trash.");
     }
-
-    /// In sentences that fit so many columns (0: any number).
-    std::string description(std::size_t width) const {
-        auto text = fmt::format("{}, {}, selected.\n", DisplayText::count(count, "item"),
-                                DisplayText::size(bytes));
-        const auto add = [&](const std::string &sentence) {
-            std::string_view lead = "  ";
-            const auto room = width == 0 ? 0 : std::max(width, DisplayText::narrowest) - 4;
-            for (const auto &line : DisplayText::wrapped(sentence, room)) {
-                text += fmt::format("{}{}\n", lead, line);
-                lead = "    ";
-            }
-        };
-        if (trashed > 0) {
-            add(DisplayText::count(trashed, "item") + " will be moved to the Trash.");
-        }
-        if (permanent > 0) {
-            add(DisplayText::count(permanent, "item") +
-                " will be deleted permanently. This can't be undone.");
-        }
-        if (ofTheSystem > 0) {
-            add("Of the system: " + DisplayText::count(ofTheSystem, "item") + ".");
-        }
-        if (irreplaceable > 0) {
-            add("What goes and does not come back by itself: " +
-                DisplayText::count(irreplaceable, "item") + ".");
-        }
-        for (const auto &command : commands) {
-            add("This command will be run: " + command);
-        }
-        std::ranges::for_each(remarks, add);
-        return text;
+    if (plan.permanent > 0) {
+        add(DisplayText::count(plan.permanent, "item") +
+            " will be deleted permanently. This can't be undone.");
     }
-};
+    if (plan.ofTheSystem > 0) {
+        add("Of the system: " + DisplayText::count(plan.ofTheSystem, "item") + ".");
+    }
+    if (plan.irreplaceable > 0) {
+        add("What goes and does not come back by itself: " +
+            DisplayText::count(plan.irreplaceable, "item") + ".");
+    }
+    for (const auto &command : plan.commands) {
+        add("This command will be run: " + Text::visible(command.displayString()));
+    }
+    std::ranges::for_each(remarks, add);
+    return text;
+}
 
 /// What the progress line says while the helper works on one request; nothing while that takes no
 /// longer than people expect.
@@ -151,11 +134,11 @@ std::string helperRemark(std::chrono::seconds elapsed) {
 }
 
 /// Asks. A habit must not be enough for what nobody can bring back.
-bool confirmed(const Plan &plan, std::size_t width) {
+bool confirmed(const CleanPlan &plan, const std::vector<std::string> &remarks, std::size_t width) {
     const bool isGrave = plan.irreplaceable > 0;
     const auto answer = ask(fmt::format(
-        "{}Clean {} ({}){}? {} ", plan.description(width), DisplayText::count(plan.count, "item"),
-        DisplayText::size(plan.bytes),
+        "{}Clean {} ({}){}? {} ", description(plan, remarks, width),
+        DisplayText::count(plan.items.size(), "item"), DisplayText::size(plan.bytes),
         plan.permanent > 0 ? fmt::format(", {} of them permanently", plan.permanent) : "",
         isGrave ? "Type \"delete\" to go on [no]:" : "[y/N]"));
     const auto word = Text::lowercased(Text::trimmed(answer));
@@ -192,6 +175,20 @@ void tellLeft(std::size_t count) noexcept {
     }
 }
 
+/// Names the item in hand.
+Cleaner::Progress shownOn(ProgressLine &line) {
+    return [&line](std::int64_t index, std::int64_t total, const std::string &title) {
+        try {
+            if (index < total) {
+                line.show(
+                    fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
+            }
+        } catch (const std::bad_alloc &) {
+            line.clear(); // no line rather than a wrong one
+        }
+    };
+}
+
 /// Memory for the report, held while others use up the rest: as much as its document takes, of
 /// which its text is a part.
 std::vector<char> roomForReport(const std::vector<KlarboxItem> &items) {
@@ -208,22 +205,8 @@ std::vector<char> roomForReport(const std::vector<KlarboxItem> &items) {
 } // namespace
 
 int runClean(const CleanOptions &options, Interrupt &interrupt) {
-    if (options.trash && options.permanent) {
-        throw UsageError("clean: --trash and --permanent exclude each other");
-    }
-    const bool hasSelection = options.defaultSelection || !options.items.empty();
-    if (!canAsk()) {
-        if (!hasSelection) {
-            throw UsageError("clean: nothing is selected; give --default-selection or --item, or "
-                             "run it on a terminal to choose");
-        }
-        if (!options.yes && !options.dryRun) {
-            throw UsageError("clean: there is no terminal to ask on; give --yes to clean without "
-                             "being asked");
-        }
-    }
-
-    const ScanSession session(options.scan);
+    expectSelectionOrPerson(options);
+    const ScanSession session(options.scan.request());
     const auto mode = options.permanent ? RemovalMode::deletePermanently : RemovalMode::moveToTrash;
     const auto errorStyle = OutputStyle::of(stderr, options.scan.color);
     const auto outputStyle = OutputStyle::of(stdout, options.scan.color);
@@ -231,59 +214,44 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto progress =
         std::make_shared<ProgressLine>(errorStyle, errorStyle.canErase && !options.scan.noProgress);
     Interrupt::Hook hook(interrupt, [&] { progress->close(); });
-    auto scans = session.scan(*progress, interrupt.token());
+    auto scans = session.scan([&](const ScanActivity &activity) { progress->show(activity); },
+                              interrupt.token());
+    progress->clear();
     if (interrupt.wasRequested()) {
         return interrupt.exitCode();
     }
 
     // The shell's prompt shall not stand in the line of a question that was not answered.
     hook.replace([] { tell("\n"); });
-    const auto obstacles = session.obstacles();
-    std::vector<std::string> remarks;
-    if (hasSelection) {
-        // Told is also what the default would take but cannot.
-        remarks = obstacles.remarks(Selection::items(Selection::select(
-            scans,
-            [&](const auto &item) { return options.defaultSelection && item.isSelectedByDefault; },
-            options.items)));
-        scans = Selection::select(
-            std::move(scans),
-            [&](const auto &item) {
-                return options.defaultSelection && obstacles.startsOutSelected(item);
-            },
-            options.items);
-    } else {
-        scans = askForSelection(scans, session, errorStyle);
-        remarks = obstacles.remarks(Selection::items(scans));
-    }
-    auto items = Selection::items(scans);
-    // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
-    std::stable_partition(items.begin(), items.end(), [](const KlarboxItem &item) {
-        return item.removalPolicy == RemovalPolicy::permanentOnly && !item.requiresPrivileges;
-    });
-    const auto guard = std::make_shared<SafetyGuard>(session.context().home, session.enclosures());
-    const PrivilegedAccess access(session.roots(), guard, [progress](std::chrono::seconds elapsed) {
-        progress->remark(helperRemark(elapsed));
-    });
-    const Plan plan(items, mode, obstacles, std::move(remarks));
+    const auto selection = options.hasSelection()
+                               ? Selection::choose(std::move(scans), options.defaultSelection,
+                                                   options.items, session.obstacles())
+                               : askForSelection(scans, session, errorStyle);
+    const CleanSession clean(
+        session, CleanPlan(Selection::items(selection.scans), mode, session.obstacles()),
+        [progress](std::chrono::seconds elapsed) { progress->remark(helperRemark(elapsed)); });
+    const auto &plan = clean.plan();
+    const auto remarks = obstacleRemarks(selection.notCleanable);
 
     if (options.dryRun) {
-        write(stdout, options.scan.json
-                          ? encodeJSON(scanDocument(scans), 2) + "\n"
-                          : scanTable(scans, {.style = outputStyle, .isSelection = true}) +
-                                plan.description(outputStyle.width) + "Nothing was touched.\n");
+        write(stdout,
+              options.scan.json
+                  ? encodeJSON(scanDocument(selection.scans), 2) + "\n"
+                  : scanTable(selection.scans, {.style = outputStyle, .isSelection = true}) +
+                        description(plan, remarks, outputStyle.width) + "Nothing was touched.\n");
         return ExitCode::done;
     }
-    if (!items.empty() && !options.yes) {
+    if (!plan.items.empty() && !options.yes) {
         // Whoever chose from the table has seen it.
-        write(stderr,
-              hasSelection ? scanTable(scans, {.style = errorStyle, .isSelection = true}) : "\n");
-        if (!confirmed(plan, errorStyle.width)) {
+        write(stderr, options.hasSelection()
+                          ? scanTable(selection.scans, {.style = errorStyle, .isSelection = true})
+                          : "\n");
+        if (!confirmed(plan, remarks, errorStyle.width)) {
             write(stderr, "Nothing was touched.\n");
             return ExitCode::done;
         }
     } else { // nobody has seen the plan
-        for (const auto &remark : plan.remarks) {
+        for (const auto &remark : remarks) {
             tell(remark + "\n");
         }
     }
@@ -296,33 +264,14 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
             "is running goes on.\n");
     });
     interrupt.finishWorkFirst();
-    const Cleaner cleaner(
-        guard, std::make_shared<FileSystemRemover>(session.context().home),
-        session.context().environment.runner, access.remover(),
-        Exclusions(session.context().home, session.context().settings.excludedPaths));
-    const auto show = [&](std::int64_t index, std::int64_t total, const std::string &title) {
-        if (index < total) {
-            progress->show(
-                fmt::format("Cleaning {} of {}: {}", index + 1, total, Text::visible(title)));
-        }
-    };
-    auto room = roomForReport(items);
-    const auto report = cleaner.clean(
-        items, mode,
-        [&](std::int64_t index, std::int64_t total, const std::string &title) {
-            try {
-                show(index, total, title);
-            } catch (const std::bad_alloc &) {
-                progress->clear(); // no line rather than a wrong one
-            }
-        },
-        interrupt.token());
+    auto room = roomForReport(plan.items);
+    const auto report = clean.run(shownOn(*progress), interrupt.token());
     // From here on something may be gone: nothing ends as if nothing had been touched.
     progress->clear();
     room = {};
-    const bool isTold = isReported(items, report, options.scan.json, outputStyle);
+    const bool isTold = isReported(plan.items, report, options.scan.json, outputStyle);
     if (interrupt.wasRequested()) {
-        if (const auto left = items.size() - report.outcomes.size(); left > 0) {
+        if (const auto left = plan.items.size() - report.outcomes.size(); left > 0) {
             tellLeft(left);
         }
         return interrupt.exitCode();

@@ -18,6 +18,9 @@ struct CleanOptions {
     std::vector<std::string> items; ///< select these identifiers
     bool yes = false;               ///< do not ask
     bool dryRun = false;            ///< touch nothing
+
+    /// Whether it is said what to clean; else the person is asked.
+    bool hasSelection() const { return defaultSelection || !items.empty(); }
 };
 
 /// `klarbox clean`: scans, takes a selection, cleans it, prints the report. Returns the exit code;

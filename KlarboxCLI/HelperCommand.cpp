@@ -1,6 +1,6 @@
 #include "KlarboxCLI/HelperCommand.hpp"
 
-#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxApp/Privileged/HelperClient.hpp"
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"

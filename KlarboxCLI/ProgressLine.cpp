@@ -1,6 +1,10 @@
 #include "KlarboxCLI/ProgressLine.hpp"
 
+#include "KlarboxCLI/DisplayText.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace klarbox {
 
@@ -19,6 +23,12 @@ void ProgressLine::show(std::string_view text) {
     remark_.clear();
     draw();
     isShown_ = true;
+}
+
+void ProgressLine::show(const ScanActivity &activity) {
+    show(fmt::format("Scanning: {} of {} done, {} found{}{}", activity.completed, activity.total,
+                     DisplayText::size(activity.bytesFound), activity.running.empty() ? "" : " · ",
+                     fmt::join(activity.running, ", ")));
 }
 
 void ProgressLine::remark(std::string_view text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KlarboxApp/Scan/ScanMeter.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 
 #include <mutex>
@@ -19,6 +20,9 @@ public:
 
     /// Replaces what the line shows, cut to the terminal's width.
     void show(std::string_view text);
+
+    /// Shows what is going on during a scan.
+    void show(const ScanActivity &activity);
 
     /// Puts a remark behind what the line shows, in the place of an earlier one; an empty one takes
     /// it away. Nothing when the line shows nothing.

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "KlarboxApp/Scan/ScanRequest.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,10 +19,10 @@ struct ScanOptions {
     bool json = false;
     bool noProgress = false;
     ColorChoice color = ColorChoice::automatic;
-};
 
-/// Bytes of a size as people write it: "0", "500kB", "1MB" (base 1000), or a plain number of bytes.
-/// Throws `UsageError`.
-std::int64_t parseMinimumSize(const std::string &text);
+    /// What they ask for. Throws `UsageError` for a minimum size that is none: people write "0",
+    /// "500kB", "1MB" (base 1000), or a plain number of bytes.
+    ScanRequest request() const;
+};
 
 } // namespace klarbox

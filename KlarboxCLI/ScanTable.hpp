@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxCLI/CleanObstacles.hpp"
+#include "KlarboxApp/Clean/CleanObstacles.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxKit/Model/CategoryScan.hpp"
 

@@ -1,6 +1,7 @@
 #include "KlarboxCLI/SettingsCommand.hpp"
 
-#include "KlarboxCLI/SettingsStore.hpp"
+#include "KlarboxApp/Settings/SettingsStore.hpp"
+#include "KlarboxCLI/ExitCode.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"

@@ -91,6 +91,8 @@ CategoryScan failed(const CategoryScanner &scanner, const char *why) {
     return {.info = scanner.info(), .issues = {ScanIssue::failed(why)}};
 }
 
+using Watch = std::function<void(const ScanEvent &)>;
+
 /// Where the scanners' threads leave what they found for the coordinator's own. Its room is taken
 /// before they start, so that one without memory can still end in order.
 class Results {
@@ -103,10 +105,16 @@ public:
     }
 
     /// Runs the scanner at a position.
-    void fill(std::size_t position, const CategoryScanner &scanner, const ScanContext &context,
-              const std::stop_token &stop) noexcept {
+    void fill(std::size_t position, const CategoryScanner &scanner, const Watch &watch,
+              const ScanContext &context, const std::stop_token &stop) noexcept {
         try {
+            if (watch) {
+                watch({.category = scanner.info(), .found = nullptr});
+            }
             scans_[position] = scanned(scanner, context, stop);
+            if (watch) {
+                watch({.category = scanner.info(), .found = &scans_[position]});
+            }
         } catch (const std::bad_alloc &) {
             // Its place says so already.
         }
@@ -146,10 +154,9 @@ private:
 
 } // namespace
 
-std::vector<CategoryScan>
-ScanCoordinator::scan(const ScanContext &context,
-                      const std::function<void(const ScanProgress &)> &progress,
-                      std::stop_token stop) const {
+std::vector<CategoryScan> ScanCoordinator::scan(
+    const ScanContext &context, const std::function<void(const ScanProgress &)> &progress,
+    std::stop_token stop, const std::function<void(const ScanEvent &)> &watch) const {
     ScannerList relevant;
     for (const auto &scanner : scanners_) {
         if (scanner->isRelevant(context)) {
@@ -170,7 +177,7 @@ ScanCoordinator::scan(const ScanContext &context,
     for (std::size_t position = 0; position < relevant.size(); ++position) {
         const auto run = [&, position] {
             const auto &scanner = *relevant[position];
-            results.fill(position, scanner,
+            results.fill(position, scanner, watch,
                          judge.excludesCategory(scanner.info().id) ? withdrawing : context, stop);
         };
         try {

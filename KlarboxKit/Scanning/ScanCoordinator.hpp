@@ -10,6 +10,12 @@
 
 namespace klarbox {
 
+/// What happens to one scanner.
+struct ScanEvent {
+    const CategoryInfo &category;
+    const CategoryScan *found; ///< null when it begins; what it found, untidied, when it ended
+};
+
 /// Runs scanners side by side and tidies what they found: items that touch an excluded path, and
 /// items equal to or inside one that an earlier item already claims, are dropped.
 class ScanCoordinator {
@@ -19,11 +25,13 @@ public:
     /// Blocks until every relevant scanner has returned; one entry per relevant scanner, in the
     /// order of the list. `progress` is called on the calling thread, one call at a time: once
     /// before any scanner starts and once after each. A requested `stop` is passed on to the
-    /// scanners, which then return early. Throws `PlatformError` only when an excluded path is
-    /// relative and there is no current folder.
+    /// scanners, which then return early. `watch` is called on the scanners' own threads, several
+    /// calls at a time, when each begins and ends. Throws `PlatformError` only when an excluded
+    /// path is relative and there is no current folder.
     std::vector<CategoryScan> scan(const ScanContext &context,
                                    const std::function<void(const ScanProgress &)> &progress,
-                                   std::stop_token stop = {}) const;
+                                   std::stop_token stop = {},
+                                   const std::function<void(const ScanEvent &)> &watch = {}) const;
 
 private:
     ScannerList scanners_;

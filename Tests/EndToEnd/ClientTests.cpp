@@ -1,4 +1,4 @@
-#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxApp/Privileged/HelperClient.hpp"
 #include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
 
 #include "Tests/EndToEnd/World.hpp"

@@ -4,7 +4,7 @@
 // The paths to remove come in lines from standard input, and each result goes out before the next
 // is read.
 
-#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxApp/Privileged/HelperClient.hpp"
 #include "KlarboxCLI/HelperCommand.hpp"
 #include "KlarboxKit/Platform/ProcessSecurity.hpp"
 

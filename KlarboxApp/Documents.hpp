@@ -8,10 +8,10 @@
 
 namespace klarbox {
 
-/// The document of `scan --json`.
+/// What a scan found, for other programs.
 JSON scanDocument(const std::vector<CategoryScan> &scans);
 
-/// The document of `clean --json`.
+/// What became of a selection, likewise.
 JSON cleanDocument(const CleanReport &report);
 
 } // namespace klarbox

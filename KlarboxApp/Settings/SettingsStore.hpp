@@ -13,7 +13,7 @@ FileURL defaultLocation();
 /// What applies until settings are saved.
 ScanSettings firstRunSettings();
 
-/// Reads a settings file. Throws `UsageError` that names the file and what is wrong with it.
+/// Reads a settings file. Throws `InputError` that names the file and what is wrong with it.
 ScanSettings load(const FileURL &file);
 
 /// The settings saved at `file`, or the first-run settings when there is none. A damaged file is

@@ -1,4 +1,4 @@
-#include "KlarboxCLI/EnvironmentFile.hpp"
+#include "KlarboxApp/Environment/EnvironmentFile.hpp"
 
 #include "KlarboxKit/Platform/JSON.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"

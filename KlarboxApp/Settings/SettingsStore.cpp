@@ -1,6 +1,6 @@
-#include "KlarboxCLI/SettingsStore.hpp"
+#include "KlarboxApp/Settings/SettingsStore.hpp"
 
-#include "KlarboxCLI/UsageError.hpp"
+#include "KlarboxApp/InputError.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
@@ -42,7 +42,7 @@ ScanSettings load(const FileURL &file) {
     try {
         return ScanSettings::decode(FileManager::contents(file, largestFile));
     } catch (const PlatformError &error) {
-        throw UsageError(fmt::format("settings file {}: {}", Text::visible(file.path()),
+        throw InputError(fmt::format("settings file {}: {}", Text::visible(file.path()),
                                      Text::visible(error.message())));
     }
 }

@@ -1,4 +1,4 @@
-#include "KlarboxCLI/ApplicationBundle.hpp"
+#include "KlarboxApp/Environment/ApplicationBundle.hpp"
 
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"

@@ -1,4 +1,4 @@
-#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxApp/Privileged/HelperClient.hpp"
 
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Helper/KlarboxHelperXPC.hpp"

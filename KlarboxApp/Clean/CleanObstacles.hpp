@@ -1,12 +1,13 @@
 #pragma once
 
-#include "KlarboxCLI/PrivilegedAccess.hpp"
+#include "KlarboxApp/Privileged/PrivilegedAccess.hpp"
 #include "KlarboxKit/Model/KlarboxItem.hpp"
 
+#include <cstddef>
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
-#include <string>
-#include <vector>
 
 namespace klarbox {
 
@@ -31,9 +32,14 @@ public:
         return item.isSelectedByDefault && !of(item);
     }
 
-    /// For each obstacle that any of the items has: how many and how large they are, and how to get
-    /// them cleaned.
-    std::vector<std::string> remarks(std::span<const KlarboxItem> items) const;
+    /// Of several items.
+    struct Sum {
+        std::size_t count = 0;
+        std::int64_t bytes = 0;
+    };
+
+    /// For each obstacle that any of the items has, those that have it.
+    std::map<Kind, Sum> sums(std::span<const KlarboxItem> items) const;
 
 private:
     PrivilegedAccess::Way way_;

@@ -1,4 +1,4 @@
-#include "KlarboxCLI/ScanDocument.hpp"
+#include "KlarboxApp/Documents.hpp"
 
 #include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Platform/Text.hpp"

@@ -3,20 +3,12 @@
 #include "KlarboxKit/Model/CategoryScan.hpp"
 
 #include <cstddef>
-#include <functional>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
-namespace klarbox::Selection {
-
-/// The scans with nothing but the items that are `wanted` or whose identifiers, byte for byte or as
-/// they are shown, are listed. Throws `UsageError` for an identifier that the scan did not find, or
-/// that more than one item shows.
-std::vector<CategoryScan> select(std::vector<CategoryScan> scans,
-                                 const std::function<bool(const KlarboxItem &)> &wanted,
-                                 const std::vector<std::string> &identifiers);
+/// Choosing among the findings of a numbered table.
+namespace klarbox::NumberedChoice {
 
 /// The scans with nothing but the items whose numbers (of `numberedItems`) are given.
 std::vector<CategoryScan> selectNumbers(const std::vector<CategoryScan> &scans,
@@ -28,7 +20,4 @@ std::vector<CategoryScan> selectNumbers(const std::vector<CategoryScan> &scans,
 std::optional<std::vector<std::size_t>> parseAnswer(std::string_view answer, std::size_t count,
                                                     const std::vector<std::size_t> &byDefault);
 
-/// All items, in order.
-std::vector<KlarboxItem> items(const std::vector<CategoryScan> &scans);
-
-} // namespace klarbox::Selection
+} // namespace klarbox::NumberedChoice

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxCLI/InstalledApplications.hpp"
+#include "KlarboxApp/Environment/InstalledApplications.hpp"
 #include "KlarboxKit/Scanning/ScanContext.hpp"
 
 namespace klarbox {

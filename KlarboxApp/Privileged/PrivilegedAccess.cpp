@@ -1,6 +1,6 @@
-#include "KlarboxCLI/PrivilegedAccess.hpp"
+#include "KlarboxApp/Privileged/PrivilegedAccess.hpp"
 
-#include "KlarboxCLI/HelperClient.hpp"
+#include "KlarboxApp/Privileged/HelperClient.hpp"
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 #include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"

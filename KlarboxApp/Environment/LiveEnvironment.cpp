@@ -1,7 +1,7 @@
-#include "KlarboxCLI/LiveEnvironment.hpp"
+#include "KlarboxApp/Environment/LiveEnvironment.hpp"
 
-#include "KlarboxCLI/ApplicationBundle.hpp"
-#include "KlarboxCLI/InstalledApplications.hpp"
+#include "KlarboxApp/Environment/ApplicationBundle.hpp"
+#include "KlarboxApp/Environment/InstalledApplications.hpp"
 #include "KlarboxKit/Commands/ProcessCommandRunner.hpp"
 #include "KlarboxKit/Commands/ToolLocator.hpp"
 #include "KlarboxKit/Platform/DesktopEntries.hpp"

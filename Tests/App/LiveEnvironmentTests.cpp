@@ -1,4 +1,4 @@
-#include "KlarboxCLI/LiveEnvironment.hpp"
+#include "KlarboxApp/Environment/LiveEnvironment.hpp"
 
 #include "Tests/Support/IsolatedProcess.hpp"
 #include "Tests/Support/Programs.hpp"

@@ -1,17 +1,14 @@
-#include "KlarboxCLI/Selection.hpp"
+#include "KlarboxCLI/NumberedChoice.hpp"
 
 #include "KlarboxCLI/ScanTable.hpp"
-#include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <charconv>
-#include <map>
+#include <iterator>
 #include <set>
 
-#include <fmt/format.h>
-
-namespace klarbox::Selection {
+namespace klarbox::NumberedChoice {
 
 namespace {
 
@@ -23,39 +20,6 @@ std::optional<std::size_t> parseNumber(std::string_view text, std::size_t count)
 }
 
 } // namespace
-
-std::vector<CategoryScan> select(std::vector<CategoryScan> scans,
-                                 const std::function<bool(const KlarboxItem &)> &wanted,
-                                 const std::vector<std::string> &identifiers) {
-    // Names on disk may differ only in bytes that cannot be shown; then the text names neither.
-    std::map<std::string, std::set<std::string>> shownAs;
-    for (const auto &scan : scans) {
-        for (const auto &item : scan.items) {
-            shownAs[Text::repairedUTF8(item.id)].insert(item.id);
-        }
-    }
-    std::set<std::string> named;
-    for (const auto &identifier : identifiers) {
-        auto meant = shownAs[Text::repairedUTF8(identifier)];
-        if (!Text::isValidUTF8(identifier)) {
-            // The very bytes, not what stands for them.
-            std::erase_if(meant, [&](const std::string &id) { return id != identifier; });
-        }
-        if (meant.size() != 1) {
-            throw UsageError(fmt::format("--item: {} '{}'; nothing was cleaned",
-                                         meant.empty() ? "the scan found no item"
-                                                       : "more than one item is shown as",
-                                         Text::visible(identifier)));
-        }
-        named.merge(meant);
-    }
-    for (auto &scan : scans) {
-        std::erase_if(scan.items, [&](const KlarboxItem &item) {
-            return !wanted(item) && !named.contains(item.id);
-        });
-    }
-    return scans;
-}
 
 std::vector<CategoryScan> selectNumbers(const std::vector<CategoryScan> &scans,
                                         const std::vector<std::size_t> &numbers) {
@@ -111,12 +75,4 @@ std::optional<std::vector<std::size_t>> parseAnswer(std::string_view answer, std
     return std::vector(numbers.begin(), numbers.end());
 }
 
-std::vector<KlarboxItem> items(const std::vector<CategoryScan> &scans) {
-    std::vector<KlarboxItem> all;
-    for (const auto &scan : scans) {
-        all.insert(all.end(), scan.items.begin(), scan.items.end());
-    }
-    return all;
-}
-
-} // namespace klarbox::Selection
+} // namespace klarbox::NumberedChoice

@@ -1,6 +1,6 @@
-#include "KlarboxCLI/InstalledApplications.hpp"
+#include "KlarboxApp/Environment/InstalledApplications.hpp"
 
-#include "KlarboxCLI/ApplicationBundle.hpp"
+#include "KlarboxApp/Environment/ApplicationBundle.hpp"
 #include "KlarboxKit/Platform/DesktopEntries.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/PlatformError.hpp"
