@@ -145,14 +145,44 @@ bool confirmed(const CleanPlan &plan, const std::vector<std::string> &remarks, s
     return isGrave ? word == "delete" : word == "y" || word == "yes";
 }
 
+/// What a dry run shows: the document, or the table and the plan.
+std::string preview(const CleanOptions &options, const Selection::Choice &selection,
+                    const CleanPlan &plan, const std::vector<std::string> &remarks) {
+    if (options.scan.json) {
+        return encodeJSON(scanDocument(selection.scans), 2) + "\n";
+    }
+    const auto style = OutputStyle::of(stdout, options.scan.color);
+    return scanTable(selection.scans, {.style = style, .isSelection = true}) +
+           description(plan, remarks, style.width) + "Nothing was touched.\n";
+}
+
+/// Whether the plan may be carried out: whoever is to be asked is asked, and whoever is not is told
+/// what cannot be cleaned.
+bool isAgreed(const CleanOptions &options, const Selection::Choice &selection,
+              const CleanPlan &plan, const std::vector<std::string> &remarks,
+              const OutputStyle &style) {
+    if (plan.items.empty() || options.yes) {
+        for (const auto &remark : remarks) {
+            tell(remark + "\n");
+        }
+        return true;
+    }
+    // Whoever chose from the table has seen it.
+    write(stderr, options.hasSelection()
+                      ? scanTable(selection.scans, {.style = style, .isSelection = true})
+                      : "\n");
+    return confirmed(plan, remarks, style.width);
+}
+
 /// The report as text. What was cleaned stays cleaned when there is no report, so that this must
 /// not look like wrong usage, after which nothing was touched: false then, and nothing is thrown.
-bool isReported(const std::vector<KlarboxItem> &items, const CleanReport &report, bool asJSON,
-                const OutputStyle &style) noexcept {
+bool isReported(const std::vector<KlarboxItem> &items, const CleanReport &report,
+                const ScanOptions &options) noexcept {
     constexpr std::string_view lost = "klarbox: clean: the report of what was done is lost: ";
     try {
-        write(stdout, asJSON ? encodeJSON(cleanDocument(report), 2) + "\n"
-                             : reportTable(items, report, style));
+        write(stdout, options.json
+                          ? encodeJSON(cleanDocument(report), 2) + "\n"
+                          : reportTable(items, report, OutputStyle::of(stdout, options.color)));
         return true;
     } catch (const std::bad_alloc &) {
         tell(lost);
@@ -167,6 +197,9 @@ bool isReported(const std::vector<KlarboxItem> &items, const CleanReport &report
 
 /// Says how many items a stop left alone.
 void tellLeft(std::size_t count) noexcept {
+    if (count == 0) {
+        return;
+    }
     try {
         tell(fmt::format("Stopped; {} left as found.\n",
                          DisplayText::count(count, "selected item")));
@@ -209,7 +242,6 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const ScanSession session(options.scan.request());
     const auto mode = options.permanent ? RemovalMode::deletePermanently : RemovalMode::moveToTrash;
     const auto errorStyle = OutputStyle::of(stderr, options.scan.color);
-    const auto outputStyle = OutputStyle::of(stdout, options.scan.color);
     // Shared, as a request that ran out of time may be heard of once more after this command's end.
     const auto progress =
         std::make_shared<ProgressLine>(errorStyle, errorStyle.canErase && !options.scan.noProgress);
@@ -234,26 +266,12 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     const auto remarks = obstacleRemarks(selection.notCleanable);
 
     if (options.dryRun) {
-        write(stdout,
-              options.scan.json
-                  ? encodeJSON(scanDocument(selection.scans), 2) + "\n"
-                  : scanTable(selection.scans, {.style = outputStyle, .isSelection = true}) +
-                        description(plan, remarks, outputStyle.width) + "Nothing was touched.\n");
+        write(stdout, preview(options, selection, plan, remarks));
         return ExitCode::done;
     }
-    if (!plan.items.empty() && !options.yes) {
-        // Whoever chose from the table has seen it.
-        write(stderr, options.hasSelection()
-                          ? scanTable(selection.scans, {.style = errorStyle, .isSelection = true})
-                          : "\n");
-        if (!confirmed(plan, remarks, errorStyle.width)) {
-            write(stderr, "Nothing was touched.\n");
-            return ExitCode::done;
-        }
-    } else { // nobody has seen the plan
-        for (const auto &remark : remarks) {
-            tell(remark + "\n");
-        }
+    if (!isAgreed(options, selection, plan, remarks, errorStyle)) {
+        write(stderr, "Nothing was touched.\n");
+        return ExitCode::done;
     }
 
     // From here on Ctrl-C lets the item in hand be finished and reported.
@@ -269,11 +287,9 @@ int runClean(const CleanOptions &options, Interrupt &interrupt) {
     // From here on something may be gone: nothing ends as if nothing had been touched.
     progress->clear();
     room = {};
-    const bool isTold = isReported(plan.items, report, options.scan.json, outputStyle);
+    const bool isTold = isReported(plan.items, report, options.scan);
     if (interrupt.wasRequested()) {
-        if (const auto left = plan.items.size() - report.outcomes.size(); left > 0) {
-            tellLeft(left);
-        }
+        tellLeft(plan.items.size() - report.outcomes.size());
         return interrupt.exitCode();
     }
     const bool isClean = std::ranges::none_of(
