@@ -1,8 +1,8 @@
 // The pieces of the engine that run once per item or request, measured one by one.
 
 #include "KlarboxKit/Commands/SizeText.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 #include "KlarboxKit/Helper/PrivilegedRemovalResult.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 #include "KlarboxKit/Scanning/ScanCoordinator.hpp"

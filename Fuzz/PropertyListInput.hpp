@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 
 #include <vector>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <cstdio>
 #include <cstdlib>

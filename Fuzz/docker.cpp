@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Scanners/DockerScanner.hpp"
 
 #include "Fuzz/Target.hpp"

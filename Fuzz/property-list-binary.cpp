@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/PropertyListFormats.hpp"
+#include "KlarboxKit/Foundation/PropertyListFormats.hpp"
 
 #include "Fuzz/PropertyListInput.hpp"
 

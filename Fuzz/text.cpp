@@ -1,5 +1,5 @@
 // Names from disk and outputs of tools, on their way to the screen or into a comparison.
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "KlarboxApp/Documents.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 namespace klarbox {
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/JSON.hpp"
 #include "KlarboxKit/Model/CategoryScan.hpp"
 #include "KlarboxKit/Model/CleanReport.hpp"
-#include "KlarboxKit/Platform/JSON.hpp"
 
 #include <vector>
 

@@ -10,8 +10,8 @@
 #include "KlarboxCLI/SettingsCommand.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/ProcessSecurity.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 
 #include <clocale>

@@ -14,7 +14,7 @@
 #include "KlarboxCLI/ScanTable.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <chrono>

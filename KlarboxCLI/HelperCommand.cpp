@@ -1,11 +1,11 @@
 #include "KlarboxCLI/HelperCommand.hpp"
 
 #include "KlarboxApp/Privileged/HelperClient.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <fcntl.h>
 #include <ostream>

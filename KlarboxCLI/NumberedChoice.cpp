@@ -1,7 +1,7 @@
 #include "KlarboxCLI/NumberedChoice.hpp"
 
 #include "KlarboxCLI/ScanTable.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 #include "KlarboxCLI/ProgressLine.hpp"
 
 #include "KlarboxCLI/DisplayText.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

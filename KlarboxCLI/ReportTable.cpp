@@ -1,7 +1,7 @@
 #include "KlarboxCLI/ReportTable.hpp"
 
 #include "KlarboxCLI/DisplayText.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <map>

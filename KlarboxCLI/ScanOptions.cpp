@@ -2,7 +2,7 @@
 
 #include "KlarboxCLI/UsageError.hpp"
 #include "KlarboxKit/Commands/SizeText.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <charconv>
 #include <cstdint>

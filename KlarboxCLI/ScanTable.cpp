@@ -1,8 +1,8 @@
 #include "KlarboxCLI/ScanTable.hpp"
 
 #include "KlarboxCLI/DisplayText.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <optional>

@@ -4,10 +4,10 @@
 #include "KlarboxCLI/ExitCode.hpp"
 #include "KlarboxCLI/Terminal.hpp"
 #include "KlarboxCLI/UsageError.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 #include "KlarboxKit/Scanning/Exclusions.hpp"
 

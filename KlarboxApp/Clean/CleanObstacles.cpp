@@ -1,7 +1,7 @@
 #include "KlarboxApp/Clean/CleanObstacles.hpp"
 
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "KlarboxApp/Clean/CleanPlan.hpp"
 
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 
 #include <algorithm>
 #include <utility>

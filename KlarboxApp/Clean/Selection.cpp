@@ -1,7 +1,7 @@
 #include "KlarboxApp/Clean/Selection.hpp"
 
 #include "KlarboxApp/InputError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <map>

@@ -1,8 +1,8 @@
 #include "KlarboxApp/Environment/ApplicationBundle.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
 
 #include <array>
 #include <cerrno>

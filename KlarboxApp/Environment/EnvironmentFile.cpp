@@ -1,8 +1,8 @@
 #include "KlarboxApp/Environment/EnvironmentFile.hpp"
 
-#include "KlarboxKit/Platform/JSON.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <array>
@@ -56,7 +56,7 @@ class DateReader {
 public:
     explicit DateReader(std::string_view text) : rest_(text) {}
 
-    std::optional<FileManager::Date> read() {
+    std::optional<Date> read() {
         const auto year = number(4);
         const bool hasDate = year && take('-') && readInto(month_, 2, 1, 12) && take('-') &&
                              readInto(day_, 2, 1, 31) && take('T');

@@ -1,10 +1,10 @@
 #include "KlarboxApp/Environment/InstalledApplications.hpp"
 
 #include "KlarboxApp/Environment/ApplicationBundle.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/DesktopEntries.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <utility>
 

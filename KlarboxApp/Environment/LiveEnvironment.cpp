@@ -4,8 +4,8 @@
 #include "KlarboxApp/Environment/InstalledApplications.hpp"
 #include "KlarboxKit/Commands/ProcessCommandRunner.hpp"
 #include "KlarboxKit/Commands/ToolLocator.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/DesktopEntries.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/Processes.hpp"
 
 #include <algorithm>
@@ -122,7 +122,7 @@ ScanEnvironment liveEnvironment(const FileURL &home,
         .installedAppName = [applications = std::move(applications)](
                                 std::string_view bundleID) { return applications->name(bundleID); },
         .hasFullDiskAccess = canListGuardedFolders(home),
-        .now = std::chrono::floor<FileManager::Date::duration>(std::chrono::system_clock::now()),
+        .now = std::chrono::floor<Date::duration>(std::chrono::system_clock::now()),
         .locateTool = [](std::string_view name) { return ToolLocator::find(name); },
         .runner = std::make_shared<ProcessCommandRunner>(),
     };

@@ -1,8 +1,8 @@
 #include "KlarboxApp/Privileged/HelperClient.hpp"
 
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 #include "KlarboxKit/Helper/KlarboxHelperXPC.hpp"
-#include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Platform/XPC.hpp"
 
 #include <string>

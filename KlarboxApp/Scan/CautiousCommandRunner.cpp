@@ -1,7 +1,7 @@
 #include "KlarboxApp/Scan/CautiousCommandRunner.hpp"
 
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/PlacesOnTheWay.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 
 #include <algorithm>

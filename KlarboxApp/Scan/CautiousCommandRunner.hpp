@@ -1,7 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Commands/CommandRunning.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Scanning/ScanContext.hpp"
 
 #include <chrono>

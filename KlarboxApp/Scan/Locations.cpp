@@ -1,8 +1,8 @@
 #include "KlarboxApp/Scan/Locations.hpp"
 
 #include "KlarboxApp/InputError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 
 #include <string_view>

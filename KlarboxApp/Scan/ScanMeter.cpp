@@ -1,6 +1,6 @@
 #include "KlarboxApp/Scan/ScanMeter.hpp"
 
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 
 namespace klarbox {
 

@@ -1,9 +1,9 @@
 #include "KlarboxApp/Settings/SettingsStore.hpp"
 
 #include "KlarboxApp/InputError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <cstdlib>
 

@@ -1,10 +1,10 @@
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 
+#include "KlarboxKit/Foundation/Overloaded.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequest.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Scanners/HomebrewScanner.hpp"
 

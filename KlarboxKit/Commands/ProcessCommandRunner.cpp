@@ -1,9 +1,9 @@
 #include "KlarboxKit/Commands/ProcessCommandRunner.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/ChildProcess.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <optional>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Commands/SizeText.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Helper/HelperService.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 
 #include <variant>
 

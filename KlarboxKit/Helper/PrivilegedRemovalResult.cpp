@@ -1,7 +1,7 @@
 #include "KlarboxKit/Helper/PrivilegedRemovalResult.hpp"
 
-#include "KlarboxKit/Platform/JSON.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 
 #include <algorithm>

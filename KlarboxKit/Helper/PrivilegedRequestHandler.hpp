@@ -1,7 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Helper/PrivilegedRemoving.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Safety/ItemRemover.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/PinnedFolder.hpp"

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Helper/TimeLimitedPrivilegedRemover.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 
 #include <condition_variable>
 #include <optional>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Model/CategoryScan.hpp"
 
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 
 namespace klarbox {
 

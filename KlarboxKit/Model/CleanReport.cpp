@@ -1,7 +1,7 @@
 #include "KlarboxKit/Model/CleanReport.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 
 #include <algorithm>
 #include <iterator>

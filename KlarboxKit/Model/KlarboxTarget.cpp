@@ -1,6 +1,6 @@
 #include "KlarboxKit/Model/KlarboxTarget.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 
 namespace klarbox {
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Commands/CommandAction.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 
 #include <utility>
 #include <variant>

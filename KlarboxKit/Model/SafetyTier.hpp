@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/RawValue.hpp"
+#include "KlarboxKit/Foundation/RawValue.hpp"
 
 namespace klarbox {
 

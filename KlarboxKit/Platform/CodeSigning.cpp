@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <algorithm>
 

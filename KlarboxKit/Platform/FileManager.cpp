@@ -1,11 +1,11 @@
 #include "KlarboxKit/Platform/FileManager.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/DirectoryReader.hpp"
 #include "KlarboxKit/Platform/LinkFreePath.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
 #include "KlarboxKit/Platform/OpenForReading.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <array>
@@ -73,7 +73,7 @@ FileType typeOf(const struct stat &st) {
 }
 
 Date dateOf(const struct stat &st) {
-    return date(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    return dateAt(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
 }
 
 [[noreturn]] void throwReadError(const FileURL &url, int code, std::string_view kind) {
@@ -238,15 +238,6 @@ bool takeOver(const UniqueFD &file, const struct stat &old) {
 }
 
 } // namespace
-
-Date date(std::int64_t seconds, std::int64_t nanoseconds) {
-    // A second less than half of what the type holds, for the nanoseconds that come on top.
-    constexpr std::int64_t furthest =
-        std::chrono::duration_cast<std::chrono::seconds>(Date::duration::max()).count() / 2 - 1;
-    return Date(
-        std::chrono::seconds(std::clamp(seconds, -furthest, furthest)) +
-        std::chrono::floor<std::chrono::microseconds>(std::chrono::nanoseconds(nanoseconds)));
-}
 
 bool exists(const FileURL &url) {
     struct stat st {};

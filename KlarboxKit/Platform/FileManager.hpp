@@ -1,7 +1,8 @@
 #pragma once
 
-#include "KlarboxKit/Platform/FileURL.hpp"
-#include "KlarboxKit/Platform/NameList.hpp"
+#include "KlarboxKit/Foundation/Date.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
+#include "KlarboxKit/Foundation/NameList.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>
@@ -16,13 +17,6 @@
 /// the Cocoa domain that name the file and carry the POSIX error as their cause. Stateless; safe
 /// from any thread.
 namespace klarbox::FileManager {
-
-/// A wall-clock time. Times more than 146,000 years away (some file systems store them) are held as
-/// the nearest one within, so that the distance of two dates never overflows.
-using Date = std::chrono::sys_time<std::chrono::microseconds>;
-
-/// The date of a time in whole seconds and nanoseconds since 1970.
-Date date(std::int64_t seconds, std::int64_t nanoseconds);
 
 enum class FileType { regular, directory, symbolicLink, other };
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>

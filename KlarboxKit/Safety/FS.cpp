@@ -1,7 +1,7 @@
 #include "KlarboxKit/Safety/FS.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <algorithm>
@@ -68,7 +68,7 @@ std::vector<FileURL> realDirectories(const FileURL &folder) {
     return sortedURLs(folder, std::move(names));
 }
 
-std::optional<FileManager::Date> modificationDate(const FileURL &url) {
+std::optional<Date> modificationDate(const FileURL &url) {
     return FileManager::modificationDate(url);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 
 #include <exception>
 #include <optional>
@@ -25,7 +25,7 @@ std::vector<FileURL> systemsOwn(const FileURL &folder);
 std::vector<FileURL> realDirectories(const FileURL &folder);
 
 /// When the entry itself (not what a link leads to) was last modified; nothing when unknown.
-std::optional<FileManager::Date> modificationDate(const FileURL &url);
+std::optional<Date> modificationDate(const FileURL &url);
 
 /// Whether the entry itself is a directory; a symbolic link to one is not.
 bool isRealDirectory(const FileURL &url);

@@ -1,9 +1,9 @@
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 #include "KlarboxKit/Safety/TrashFolder.hpp"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Safety/ItemRemover.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <cerrno>
 #include <string_view>

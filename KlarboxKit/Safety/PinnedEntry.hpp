@@ -1,7 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Safety/PinnedFolder.hpp"
 
 #include <memory>

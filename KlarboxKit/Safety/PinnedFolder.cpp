@@ -1,10 +1,10 @@
 #include "KlarboxKit/Safety/PinnedFolder.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/LinkFreePath.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/VolumeTop.hpp"
 

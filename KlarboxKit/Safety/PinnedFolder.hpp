@@ -1,7 +1,7 @@
 #pragma once
 
-#include "KlarboxKit/Platform/FileURL.hpp"
-#include "KlarboxKit/Platform/NameList.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
+#include "KlarboxKit/Foundation/NameList.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <memory>

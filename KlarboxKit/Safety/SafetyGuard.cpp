@@ -1,7 +1,7 @@
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <array>

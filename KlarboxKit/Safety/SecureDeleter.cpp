@@ -1,6 +1,6 @@
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/TreeRemoval.hpp"
 

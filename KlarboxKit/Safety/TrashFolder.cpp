@@ -1,10 +1,10 @@
 #include "KlarboxKit/Safety/TrashFolder.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/DirectoryReader.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/RenameExclusively.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Safety/PinnedFolder.hpp"
 #include "KlarboxKit/Safety/VolumeTop.hpp"
 

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Safety/TreeWalk.hpp"
 
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
 #include "KlarboxKit/Platform/ThreadWaits.hpp"
 #include "KlarboxKit/Safety/DescriptorGrant.hpp"
 #include "KlarboxKit/Safety/WalkerPool.hpp"

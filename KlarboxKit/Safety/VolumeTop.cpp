@@ -1,9 +1,9 @@
 #include "KlarboxKit/Safety/VolumeTop.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileStatus.hpp"
 #include "KlarboxKit/Platform/OpenFolder.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <array>

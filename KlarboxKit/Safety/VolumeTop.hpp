@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/NameList.hpp"
+#include "KlarboxKit/Foundation/NameList.hpp"
 
 #include <string>
 #include <string_view>

@@ -28,8 +28,7 @@ constexpr std::chrono::days ageLimit{60};
 constexpr int deepestSearched = 7;
 
 /// Appends what below `folder` is no folder itself and was last modified before `cutoff`.
-void collect(const FileURL &folder, FileManager::Date cutoff, int depth,
-             std::vector<FileURL> &files) {
+void collect(const FileURL &folder, Date cutoff, int depth, std::vector<FileURL> &files) {
     if (depth > deepestSearched) {
         return;
     }

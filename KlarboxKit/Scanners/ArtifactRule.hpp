@@ -1,7 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Model/SafetyTier.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 
 #include <optional>
 #include <string_view>

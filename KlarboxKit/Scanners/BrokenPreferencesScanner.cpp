@@ -1,7 +1,7 @@
 #include "KlarboxKit/Scanners/BrokenPreferencesScanner.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"

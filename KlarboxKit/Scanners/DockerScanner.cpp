@@ -1,10 +1,10 @@
 #include "KlarboxKit/Scanners/DockerScanner.hpp"
 
 #include "KlarboxKit/Commands/SizeText.hpp"
-#include "KlarboxKit/Platform/JSON.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/SaturatingAdd.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/SaturatingAdd.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Scanners/HomebrewScanner.hpp"
 
 #include "KlarboxKit/Commands/SizeText.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Scanners/ProjectArtifactsScanner.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Scanners/ArtifactRule.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
@@ -39,8 +39,8 @@ struct Activity {
 
 /// When someone last worked on a project; nothing when nothing in it tells. Throws when something
 /// that would tell cannot be looked at.
-std::optional<FileManager::Date> latestChange(const FileURL &project) {
-    std::optional<FileManager::Date> latest;
+std::optional<Date> latestChange(const FileURL &project) {
+    std::optional<Date> latest;
     const auto consider = [&](const FileURL &url) {
         if (const auto facts = FileManager::facts(url)) {
             latest = std::max(latest, std::optional(facts->modified));

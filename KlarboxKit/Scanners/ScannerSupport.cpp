@@ -1,6 +1,6 @@
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "KlarboxKit/Platform/FileURL.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 #include "KlarboxKit/Scanning/CategoryScanner.hpp"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Scanners/SimulatorsScanner.hpp"
 
-#include "KlarboxKit/Platform/JSON.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Safety/SafetyGuard.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Scanners/XcodeScanner.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Scanners/ScannerSupport.hpp"
 #include "KlarboxKit/Scanning/CategoryCatalog.hpp"

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Scanning/PathTree.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 namespace klarbox {
 

@@ -20,7 +20,7 @@ FileURL ScanContext::expand(std::string_view path) const {
     return FileURL(path);
 }
 
-std::int64_t ScanContext::daysSince(FileManager::Date date) const {
+std::int64_t ScanContext::daysSince(Date date) const {
     if (date >= environment.now) {
         return 0;
     }

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "KlarboxKit/Commands/CommandRunning.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 #include "KlarboxKit/Scanning/ScanSettings.hpp"
 
 #include <atomic>
@@ -25,7 +25,7 @@ struct ScanEnvironment {
     /// The name of the installed application with a bundle identifier; nothing when there is none.
     std::function<std::optional<std::string>(std::string_view bundleID)> installedAppName;
     bool hasFullDiskAccess;
-    FileManager::Date now; ///< every age is measured from here, never from the clock
+    Date now; ///< every age is measured from here, never from the clock
     /// The executable of a command-line tool by its name; nothing when it cannot be found.
     std::function<std::optional<FileURL>(std::string_view name)> locateTool;
     std::shared_ptr<const CommandRunning> runner;
@@ -60,7 +60,7 @@ struct ScanContext {
     FileURL homePath(std::string_view relative) const { return home.appending(relative); }
 
     /// Whole periods of 86400 seconds from `date` to the scan's `now`; 0 for a date after it.
-    std::int64_t daysSince(FileManager::Date date) const;
+    std::int64_t daysSince(Date date) const;
 };
 
 } // namespace klarbox

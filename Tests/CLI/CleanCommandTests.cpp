@@ -1,6 +1,6 @@
 #include "KlarboxCLI/Application.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"

@@ -1,5 +1,5 @@
 #include "KlarboxCLI/ReportTable.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

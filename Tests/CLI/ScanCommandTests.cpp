@@ -1,5 +1,5 @@
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Scanning/ScanSettings.hpp"
 
 #include "Tests/CLI/Klarbox.hpp"

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequest.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/Overloaded.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"

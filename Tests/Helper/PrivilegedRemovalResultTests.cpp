@@ -1,5 +1,5 @@
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Helper/PrivilegedRemovalResult.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <gtest/gtest.h>
 

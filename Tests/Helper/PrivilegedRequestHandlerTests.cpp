@@ -1,9 +1,9 @@
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Helper/HelperService.hpp"
 #include "KlarboxKit/Helper/KlarboxHelperXPC.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequestHandler.hpp"
 #include "KlarboxKit/Helper/PrivilegedRoots.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 

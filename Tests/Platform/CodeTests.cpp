@@ -1,8 +1,8 @@
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Linux/DERReader.hpp"
 #include "KlarboxKit/Platform/Linux/SignatureShape.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include "Tests/Platform/SampleProgram.hpp"
 #include "Tests/Support/Programs.hpp"

@@ -1,6 +1,6 @@
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/PeerProcess.hpp"
 #include "KlarboxKit/Platform/Linux/RunningProgram.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include "Tests/Support/TemporaryTree.hpp"
 

@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Safety/FS.hpp"
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Safety/TrashFolder.hpp"

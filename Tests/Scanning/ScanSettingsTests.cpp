@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Scanning/ScanSettings.hpp"
 
 #include <gmock/gmock.h>

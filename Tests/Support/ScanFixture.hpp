@@ -12,11 +12,11 @@
 namespace klarbox::test {
 
 /// The moment at which the scans of tests take place.
-inline constexpr FileManager::Date scanTime =
+inline constexpr Date scanTime =
     std::chrono::sys_days(std::chrono::year(2026) / 11 / 22) + std::chrono::hours(12);
 
 /// `days` whole days before `scanTime`.
-inline FileManager::Date daysAgo(int days) {
+inline Date daysAgo(int days) {
     return scanTime - std::chrono::days(days);
 }
 

@@ -1,6 +1,6 @@
 #include "Tests/Support/TemporaryTree.hpp"
 
-#include "KlarboxKit/Platform/Overloaded.hpp"
+#include "KlarboxKit/Foundation/Overloaded.hpp"
 
 #include <chrono>
 #include <cstdlib>
@@ -77,7 +77,7 @@ void check(bool holds, const std::string &what) {
     }
 }
 
-void setModified(const FileURL &url, FileManager::Date date) {
+void setModified(const FileURL &url, Date date) {
     const auto since = date.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
     const timespec time{seconds.count(), std::chrono::nanoseconds(since - seconds).count()};

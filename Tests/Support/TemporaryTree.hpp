@@ -1,7 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
 
 #include <cstddef>
 #include <initializer_list>
@@ -31,7 +31,7 @@ struct Entry {
 
     std::string path; ///< relative to the tree's root; parents are made as needed
     std::variant<Bytes, Text, Directory, SymbolicLink, HardLink> what;
-    std::optional<FileManager::Date> modified = std::nullopt;
+    std::optional<Date> modified = std::nullopt;
     std::optional<mode_t> mode = std::nullopt;
 };
 
@@ -58,7 +58,7 @@ void check(bool holds, const std::string &what);
 void makeEntry(const FileURL &root, const Entry &entry);
 
 /// Sets when an entry itself (not what a link leads to) was last modified. Throws.
-void setModified(const FileURL &url, FileManager::Date date);
+void setModified(const FileURL &url, Date date);
 
 /// A folder of its own below the system's temporary folder (symbolic links resolved), filled as
 /// declared and removed at the end, whatever modes its folders have by then.

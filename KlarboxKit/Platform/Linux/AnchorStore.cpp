@@ -1,8 +1,8 @@
 #include "KlarboxKit/Platform/Linux/AnchorStore.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/DecodedCertificates.hpp"
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <cerrno>
 #include <cstddef>

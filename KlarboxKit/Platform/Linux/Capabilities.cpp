@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/Linux/Capabilities.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <algorithm>
 #include <array>

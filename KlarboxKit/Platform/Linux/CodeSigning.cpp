@@ -1,14 +1,14 @@
 #include "KlarboxKit/Platform/CodeSigning.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/Linux/AnchorStore.hpp"
 #include "KlarboxKit/Platform/Linux/DetachedSignature.hpp"
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
 #include "KlarboxKit/Platform/Linux/Excerpts.hpp"
 #include "KlarboxKit/Platform/Linux/LibCrypto.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Platform/DesktopEntries.hpp"
 
+#include "KlarboxKit/Foundation/KeyFile.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/KeyFile.hpp"
 
 #include <cstdlib>
 

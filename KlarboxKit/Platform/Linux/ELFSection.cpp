@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <bit>
 #include <cerrno>

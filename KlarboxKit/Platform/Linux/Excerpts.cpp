@@ -1,7 +1,7 @@
 #include "KlarboxKit/Platform/Linux/Excerpts.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/Linux/LibCrypto.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <openssl/err.h>
 

@@ -1,8 +1,8 @@
 #include "KlarboxKit/Platform/MainBundle.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 #include "KlarboxKit/Platform/Linux/ELFSection.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
 
 #include <fcntl.h>
 

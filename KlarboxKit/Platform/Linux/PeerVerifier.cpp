@@ -1,9 +1,9 @@
 #include "KlarboxKit/Platform/Linux/PeerVerifier.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/Verification.hpp"
 #include "KlarboxKit/Platform/Linux/VerifierProcess.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <array>

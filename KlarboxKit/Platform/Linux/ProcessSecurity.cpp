@@ -1,8 +1,8 @@
 #include "KlarboxKit/Platform/ProcessSecurity.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/Capabilities.hpp"
 #include "KlarboxKit/Platform/Linux/SystemCallFilter.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <cerrno>

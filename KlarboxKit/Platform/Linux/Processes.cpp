@@ -1,8 +1,8 @@
 #include "KlarboxKit/Platform/Processes.hpp"
 
+#include "KlarboxKit/Foundation/KeyFile.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
-#include "KlarboxKit/Platform/KeyFile.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <array>

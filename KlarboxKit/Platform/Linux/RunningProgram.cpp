@@ -1,7 +1,7 @@
 #include "KlarboxKit/Platform/Linux/RunningProgram.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/PeerProcess.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <cerrno>
 #include <fcntl.h>

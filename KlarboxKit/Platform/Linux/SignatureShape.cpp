@@ -1,7 +1,7 @@
 #include "KlarboxKit/Platform/Linux/SignatureShape.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/DERReader.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/SystemLog.hpp"
 
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <array>
 #include <exception>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/Linux/Verification.hpp"
 
-#include "KlarboxKit/Platform/JSON.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 
 #include <cerrno>

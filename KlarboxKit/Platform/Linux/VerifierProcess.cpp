@@ -1,11 +1,11 @@
 #include "KlarboxKit/Platform/Linux/VerifierProcess.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/Capabilities.hpp"
 #include "KlarboxKit/Platform/Linux/RunningProgram.hpp"
 #include "KlarboxKit/Platform/Linux/SystemCallFilter.hpp"
 #include "KlarboxKit/Platform/Linux/Verification.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <cerrno>
 #include <charconv>

@@ -1,8 +1,8 @@
 #include "KlarboxKit/Platform/XPCConnection.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
 #include "KlarboxKit/Platform/XPC.hpp"
 
 #include <algorithm>

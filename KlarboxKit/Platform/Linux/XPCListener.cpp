@@ -1,9 +1,9 @@
 #include "KlarboxKit/Platform/XPCListener.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/XPCListenerState.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 #include "KlarboxKit/Platform/Linux/XPCServedConnection.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <array>
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Platform/Linux/XPCServedConnection.hpp"
 
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Platform/Linux/XPCPacket.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
-#include "KlarboxKit/Platform/CurrentDirectory.hpp"
-#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Foundation/CurrentDirectory.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 
 #include <gtest/gtest.h>
 

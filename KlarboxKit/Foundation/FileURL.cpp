@@ -1,6 +1,6 @@
-#include "KlarboxKit/Platform/FileURL.hpp"
+#include "KlarboxKit/Foundation/FileURL.hpp"
 
-#include "KlarboxKit/Platform/CurrentDirectory.hpp"
+#include "KlarboxKit/Foundation/CurrentDirectory.hpp"
 
 #include <vector>
 

@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/KeyFile.hpp"
+#include "KlarboxKit/Foundation/KeyFile.hpp"
 
 namespace klarbox {
 

@@ -1,7 +1,7 @@
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyListBuilder.hpp"
-#include "KlarboxKit/Platform/PropertyListFormats.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyListBuilder.hpp"
+#include "KlarboxKit/Foundation/PropertyListFormats.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <algorithm>
 #include <array>

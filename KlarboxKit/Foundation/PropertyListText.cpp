@@ -1,7 +1,7 @@
-#include "KlarboxKit/Platform/PropertyListBuilder.hpp"
-#include "KlarboxKit/Platform/PropertyListFormats.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
-#include "KlarboxKit/Platform/UTF16.hpp"
+#include "KlarboxKit/Foundation/PropertyListBuilder.hpp"
+#include "KlarboxKit/Foundation/PropertyListFormats.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
+#include "KlarboxKit/Foundation/UTF16.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,9 +1,9 @@
-#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyListBuilder.hpp"
-#include "KlarboxKit/Platform/PropertyListFormats.hpp"
-#include "KlarboxKit/Platform/UTF16.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyListBuilder.hpp"
+#include "KlarboxKit/Foundation/PropertyListFormats.hpp"
+#include "KlarboxKit/Foundation/UTF16.hpp"
 
 #include <algorithm>
 #include <bit>
@@ -165,7 +165,7 @@ std::optional<bool> PropertyList::asBoolean() const {
     return self.kind == Kind::boolean ? std::optional(self.value != 0) : std::nullopt;
 }
 
-std::optional<FileManager::Date> PropertyList::asDate() const {
+std::optional<Date> PropertyList::asDate() const {
     const auto &self = node(*document_, index_);
     const auto seconds = std::bit_cast<double>(self.value) + epochOf2001;
     if (self.kind != Kind::date || std::isnan(seconds)) {
@@ -175,8 +175,7 @@ std::optional<FileManager::Date> PropertyList::asDate() const {
     constexpr double furthest = 1e18;
     const auto whole = std::floor(std::clamp(seconds, -furthest, furthest));
     const auto fraction = std::clamp(seconds - whole, 0.0, 1.0);
-    return FileManager::date(static_cast<std::int64_t>(whole),
-                             static_cast<std::int64_t>(fraction * 1e9));
+    return dateAt(static_cast<std::int64_t>(whole), static_cast<std::int64_t>(fraction * 1e9));
 }
 
 std::optional<std::uint64_t> PropertyList::asUID() const {

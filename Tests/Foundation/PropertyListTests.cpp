@@ -1,7 +1,7 @@
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/PropertyList.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PropertyList.hpp"
 
-#include "Tests/Platform/PropertyListSamples.hpp"
+#include "Tests/Foundation/PropertyListSamples.hpp"
 
 #include <sstream>
 

@@ -1,6 +1,6 @@
-#include "KlarboxKit/Platform/PropertyListBuilder.hpp"
-#include "KlarboxKit/Platform/PropertyListFormats.hpp"
-#include "KlarboxKit/Platform/UTF16.hpp"
+#include "KlarboxKit/Foundation/PropertyListBuilder.hpp"
+#include "KlarboxKit/Foundation/PropertyListFormats.hpp"
+#include "KlarboxKit/Foundation/UTF16.hpp"
 
 #include <algorithm>
 #include <bit>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/FileManager.hpp"
+#include "KlarboxKit/Foundation/Date.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -73,7 +73,7 @@ public:
     std::optional<double> asReal() const;
     std::optional<bool> asBoolean() const;
     /// Also nothing for a date that is no number.
-    std::optional<FileManager::Date> asDate() const;
+    std::optional<Date> asDate() const;
     std::optional<std::uint64_t> asUID() const;
 
 private:

@@ -1,6 +1,6 @@
-#include "KlarboxKit/Platform/CurrentDirectory.hpp"
+#include "KlarboxKit/Foundation/CurrentDirectory.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-#include "KlarboxKit/Platform/JSON.hpp"
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <ctime>
 #include <functional>

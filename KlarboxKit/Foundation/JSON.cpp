@@ -1,7 +1,7 @@
-#include "KlarboxKit/Platform/JSON.hpp"
+#include "KlarboxKit/Foundation/JSON.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
-#include "KlarboxKit/Platform/Text.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
+#include "KlarboxKit/Foundation/Text.hpp"
 
 #include <fmt/format.h>
 

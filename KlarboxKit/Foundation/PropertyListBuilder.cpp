@@ -1,6 +1,6 @@
-#include "KlarboxKit/Platform/PropertyListBuilder.hpp"
+#include "KlarboxKit/Foundation/PropertyListBuilder.hpp"
 
-#include "KlarboxKit/Platform/PlatformError.hpp"
+#include "KlarboxKit/Foundation/PlatformError.hpp"
 
 #include <bit>
 #include <utility>

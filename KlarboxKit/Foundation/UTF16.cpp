@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/UTF16.hpp"
+#include "KlarboxKit/Foundation/UTF16.hpp"
 
 #include <array>
 #include <cstddef>
