@@ -1,12 +1,12 @@
 #include "KlarboxKit/Cleaning/Cleaner.hpp"
 
+#include "KlarboxKit/Commands/HomebrewOutput.hpp"
 #include "KlarboxKit/Foundation/Overloaded.hpp"
 #include "KlarboxKit/Foundation/SaturatingAdd.hpp"
 #include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Helper/PrivilegedRequest.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
-#include "KlarboxKit/Scanners/HomebrewScanner.hpp"
 
 #include <algorithm>
 #include <new>
@@ -270,13 +270,13 @@ Cleaner::Fate Cleaner::runCommand(const KlarboxItem &item, const CommandAction &
     if (result.succeeded()) {
         return {.result = CleanResult::ranCommand(), .bytes = item.size};
     }
-    const auto stuckKegs = HomebrewScanner::unremovableKegs(result.output);
+    const auto stuckKegs = HomebrewOutput::unremovableKegs(result.output);
     return stuckKegs.empty() ? Fate{.result = CleanResult::failed(lastLines(result.output))}
                              : homebrewFate(result.output, stuckKegs);
 }
 
 Cleaner::Fate Cleaner::homebrewFate(std::string_view output, std::span<const FileURL> stuckKegs) {
-    const auto freed = HomebrewScanner::parseKlarboxEstimate(output).value_or(0) -
+    const auto freed = HomebrewOutput::parseKlarboxEstimate(output).value_or(0) -
                        DiskUsage::allocatedSize(stuckKegs);
     std::vector<std::string> names;
     for (const auto &keg : stuckKegs) {

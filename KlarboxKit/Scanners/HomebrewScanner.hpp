@@ -1,11 +1,7 @@
 #pragma once
 
+#include "KlarboxKit/Commands/HomebrewOutput.hpp"
 #include "KlarboxKit/Scanning/CategoryScanner.hpp"
-
-#include <cstdint>
-#include <optional>
-#include <string_view>
-#include <vector>
 
 namespace klarbox {
 
@@ -17,11 +13,9 @@ public:
     bool isRelevant(const ScanContext &context) const override;
     CategoryScan scan(const ScanContext &context, std::stop_token stop) const override;
 
-    /// The bytes that Homebrew's output says it would free or has freed; nothing when it says none.
-    static std::optional<std::int64_t> parseKlarboxEstimate(std::string_view output);
-
-    /// The folders of old versions that Homebrew's output says it could not remove, in its order.
-    static std::vector<FileURL> unremovableKegs(std::string_view output);
+    /// See `HomebrewOutput`.
+    static constexpr auto parseKlarboxEstimate = HomebrewOutput::parseKlarboxEstimate;
+    static constexpr auto unremovableKegs = HomebrewOutput::unremovableKegs;
 };
 
 } // namespace klarbox
