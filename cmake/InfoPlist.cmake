@@ -5,7 +5,7 @@ function(klarbox_info_plist target identifier name)
   set(IDENTIFIER ${identifier})
   set(NAME ${name})
   set(plist ${CMAKE_CURRENT_BINARY_DIR}/${target}-Info.plist)
-  configure_file(${CMAKE_SOURCE_DIR}/cmake/Info.plist.in ${plist} @ONLY)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/Info.plist.in ${plist} @ONLY)
   set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}-InfoPlist.cpp)
   # "R": the linker drops sections that nothing refers to, and must keep this one.
   file(CONFIGURE OUTPUT ${source} @ONLY CONTENT [[

@@ -8,7 +8,7 @@ function(klarbox_tests folder)
     return()
   endif()
   add_executable(${folder}Tests ${sources})
-  target_link_libraries(${folder}Tests PRIVATE klarbox_options TestSupport KlarboxKit ${ARGN}
+  target_link_libraries(${folder}Tests PRIVATE TestSupport KlarboxKit ${ARGN}
     GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${folder}Tests TEST_PREFIX ${folder}/ DISCOVERY_MODE PRE_TEST
     PROPERTIES TIMEOUT 300)

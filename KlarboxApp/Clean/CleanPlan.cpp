@@ -13,7 +13,7 @@ CleanPlan::CleanPlan(std::vector<KlarboxItem> selection, RemovalMode removalMode
     : items(std::move(selection)),
       mode(removalMode) {
     // The Trash is emptied before anything is moved there: nobody was asked about what comes anew.
-    std::ranges::stable_partition(items, [](const KlarboxItem &item) {
+    std::stable_partition(items.begin(), items.end(), [](const KlarboxItem &item) {
         return item.removalPolicy == RemovalPolicy::permanentOnly && !item.requiresPrivileges;
     });
     for (const auto &item : items) {

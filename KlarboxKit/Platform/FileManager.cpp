@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,7 +22,6 @@
 #include <system_error>
 #include <unistd.h>
 
-#include <climits>
 #include <fmt/format.h>
 
 namespace klarbox::FileManager {

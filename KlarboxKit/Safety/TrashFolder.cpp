@@ -9,11 +9,11 @@
 #include "KlarboxKit/Safety/VolumeTop.hpp"
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <fmt/format.h>
 
 namespace klarbox {

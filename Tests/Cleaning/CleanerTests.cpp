@@ -11,6 +11,7 @@
 #include "Tests/Support/ScanFixture.hpp"
 #include "Tests/Support/TemporaryTree.hpp"
 
+#include <climits>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,7 +19,6 @@
 #include <stdexcept>
 #include <variant>
 
-#include <climits>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

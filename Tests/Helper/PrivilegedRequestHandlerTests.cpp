@@ -11,6 +11,7 @@
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,7 +19,6 @@
 #include <iterator>
 #include <unistd.h>
 
-#include <climits>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 

@@ -5,6 +5,7 @@
 #include "Tests/Support/TemporaryTree.hpp"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -15,7 +16,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <gmock/gmock.h>
 
 namespace klarbox::test {

@@ -12,13 +12,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <fmt/format.h>
 
 namespace klarbox {

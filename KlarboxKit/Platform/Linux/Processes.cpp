@@ -7,12 +7,11 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <climits>
 
 namespace klarbox {
 
