@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Foundation/CodeRequirement.hpp"
 
 #include "Fuzz/Target.hpp"
 

@@ -4,7 +4,7 @@
 #include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Foundation/Text.hpp"
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
 
 #include "KlarboxKit/Foundation/PlatformError.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 
 namespace klarbox::HelperIdentity {
 

@@ -2,7 +2,7 @@
 
 #include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Foundation/PlatformError.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <chrono>

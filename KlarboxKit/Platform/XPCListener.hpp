@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 #include "KlarboxKit/Platform/XPC.hpp"
 

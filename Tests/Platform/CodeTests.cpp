@@ -1,5 +1,5 @@
 #include "KlarboxKit/Foundation/PlatformError.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/FileManager.hpp"
 #include "KlarboxKit/Platform/Linux/DERReader.hpp"
 #include "KlarboxKit/Platform/Linux/SignatureShape.hpp"

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "KlarboxKit/Foundation/PlatformError.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <cstddef>

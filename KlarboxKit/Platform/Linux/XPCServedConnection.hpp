@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 #include "KlarboxKit/Platform/Linux/PeerProcess.hpp"
 #include "KlarboxKit/Platform/Linux/RunningProgram.hpp"
 #include "KlarboxKit/Platform/Linux/XPCListenerState.hpp"

@@ -1,56 +1,25 @@
 #pragma once
 
+#include "KlarboxKit/Foundation/CodeRequirement.hpp"
 #include "KlarboxKit/Foundation/FileURL.hpp"
 #include "KlarboxKit/Platform/UniqueFD.hpp"
 
 #include <cstddef>
 #include <functional>
-#include <optional>
-#include <string>
-#include <string_view>
 #include <sys/types.h>
-#include <vector>
+#include <utility>
 
 namespace klarbox {
-
-/// What a verified signature says about a program. Only `Code::signingInformation` makes it from
-/// real files, and only after everything was checked.
-struct SigningInformation {
-    bool endsInAnchor = false; ///< the certificates lead to one of this machine's anchors
-    std::string identifier;    ///< CFBundleIdentifier of the embedded information property list
-    std::string teamID;        ///< organisational unit of the signing certificate's subject
-    std::string version;       ///< CFBundleShortVersionString; empty without one
-    bool isXPCClient = false;  ///< declares itself a client (see `XPCListener`)
-
-    bool operator==(const SigningInformation &) const = default;
-};
-
-/// A code-signing requirement: clauses that must all hold.
-///
-/// Immutable value, safe from any thread.
-class CodeRequirement {
-public:
-    /// Reads `anchor apple generic`, `identifier "…"` and `certificate leaf[subject.OU] = "…"`,
-    /// joined by `and`. Nothing for any other text: a clause that was ignored because it was not
-    /// understood would let in whom it was written to keep out.
-    static std::optional<CodeRequirement> parse(std::string_view text);
-
-    bool isSatisfiedBy(const SigningInformation &information) const;
-
-private:
-    struct Clause {
-        enum class Kind { anchor, identifier, teamID } kind;
-        std::string value;
-    };
-    std::vector<Clause> clauses_;
-};
 
 /// Where the certificates are that a chain of signing certificates must end in.
 struct CodeAnchors {
     /// Every `*.pem` in it counts. The folder, the folders above it and the files must belong to
     /// `owner` (or root) and be writable by nobody else.
-    FileURL folder = FileURL("/etc/klarbox/anchors", true);
+    FileURL folder = installed();
     uid_t owner = 0;
+
+    /// Where an installation of ours has them.
+    static FileURL installed();
 };
 
 /// A program's executable, open, and its signature.

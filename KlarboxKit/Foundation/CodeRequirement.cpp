@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Foundation/CodeRequirement.hpp"
 
 #include "KlarboxKit/Foundation/PlatformError.hpp"
 
@@ -109,14 +109,6 @@ bool CodeRequirement::isSatisfiedBy(const SigningInformation &information) const
         }
         return false;
     });
-}
-
-bool Code::satisfies(const CodeRequirement &requirement, const CodeAnchors &anchors) const {
-    try {
-        return requirement.isSatisfiedBy(signingInformation(anchors));
-    } catch (const PlatformError &) {
-        return false;
-    }
 }
 
 } // namespace klarbox

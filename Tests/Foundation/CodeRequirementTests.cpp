@@ -1,5 +1,5 @@
+#include "KlarboxKit/Foundation/CodeRequirement.hpp"
 #include "KlarboxKit/Helper/HelperIdentity.hpp"
-#include "KlarboxKit/Platform/CodeSigning.hpp"
 
 #include <sstream>
 

@@ -1,4 +1,4 @@
-#include "KlarboxKit/Platform/CodeSigning.hpp"
+#include "KlarboxKit/Platform/Code.hpp"
 
 #include "KlarboxKit/Foundation/PlatformError.hpp"
 #include "KlarboxKit/Foundation/PropertyList.hpp"
@@ -138,6 +138,10 @@ void verifyBytes(const UniqueFD &executable, DetachedSignature &signature, Excer
 
 } // namespace
 
+FileURL CodeAnchors::installed() {
+    return FileURL("/etc/klarbox/anchors", true);
+}
+
 Code Code::ofCurrentProcess() {
     return at(FileURL("/proc/self/exe"));
 }
@@ -213,6 +217,14 @@ SigningInformation Code::signingInformation(const CodeAnchors &anchors,
             .teamID = signature.organisationalUnit(),
             .version = string("CFBundleShortVersionString"),
             .isXPCClient = isXPCClient};
+}
+
+bool Code::satisfies(const CodeRequirement &requirement, const CodeAnchors &anchors) const {
+    try {
+        return requirement.isSatisfiedBy(signingInformation(anchors));
+    } catch (const PlatformError &) {
+        return false;
+    }
 }
 
 } // namespace klarbox
