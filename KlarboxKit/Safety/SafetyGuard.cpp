@@ -8,6 +8,9 @@
 #include <iterator>
 #include <utility>
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 namespace klarbox {
 
 namespace {
@@ -113,12 +116,15 @@ std::vector<std::string> components(const FileURL &url) {
 
 /// Equal for all spellings of a path that some file system takes for one: refusing one too many is
 /// better than removing a personal folder by an odd name.
+std::vector<std::string> inAnySpelling(std::string_view path) {
+    auto components = Text::foldedPathComponents(path);
+    std::ranges::transform(components, components.begin(), Text::caseFolded);
+    return components;
+}
+
+/// The same as one text.
 std::string protectionKey(std::string_view path) {
-    std::string key;
-    for (const auto &component : Text::foldedPathComponents(path)) {
-        key += "/" + Text::caseFolded(component);
-    }
-    return key.empty() ? "/" : key;
+    return fmt::format("/{}", fmt::join(inAnySpelling(path), "/"));
 }
 
 SafetyGuard::Root rootAt(const FileURL &root, std::string realPath) {
@@ -167,8 +173,8 @@ SafetyGuard::SafetyGuard(const FileURL &homeDirectory, std::span<const FileURL> 
 }
 
 SafetyGuard::Place SafetyGuard::place(const FileURL &folder) {
-    return {.written = components(folder.standardized()),
-            .real = Text::foldedPathComponents(canonicalPath(folder.path()))};
+    return {.written = inAnySpelling(folder.standardized().path()),
+            .real = inAnySpelling(canonicalPath(folder.path()))};
 }
 
 std::optional<SafetyGuard::Root> SafetyGuard::resolved(const FileURL &root) {
@@ -256,7 +262,8 @@ SafetyGuard::Siblings::Siblings(const SafetyGuard &guard, const FileURL &written
         const bool claimsInside = isAtOrInside(asked, components(root.url.standardized())) ||
                                   isAtOrInside(asked, root.components);
         common_ = claimsInside ? SafetyViolation::symlinkEscape : SafetyViolation::notInsideRoot;
-    } else if (!guard.enclosures_.empty() && guard.leadOut(asked, folder)) {
+    } else if (!guard.enclosures_.empty() &&
+               guard.leadOut(inAnySpelling(written.path()), inAnySpelling(location.path()))) {
         common_ = SafetyViolation::symlinkEscape;
     }
     if (!root.components.empty() &&

@@ -96,7 +96,8 @@ public:
     static bool isInside(std::string_view candidate, std::string_view parent);
 
 private:
-    using Components = std::vector<std::string>; ///< of a path, lower-cased
+    using Components =
+        std::vector<std::string>; ///< of a path, folded so that every spelling is one
 
     /// A folder by the path it was given as, and by the one with links resolved.
     struct Place {

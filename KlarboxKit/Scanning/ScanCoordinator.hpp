@@ -26,8 +26,8 @@ public:
     /// order of the list. `progress` is called on the calling thread, one call at a time: once
     /// before any scanner starts and once after each. A requested `stop` is passed on to the
     /// scanners, which then return early. `watch` is called on the scanners' own threads, several
-    /// calls at a time, when each begins and ends. Throws `PlatformError` only when an excluded
-    /// path is relative and there is no current folder.
+    /// calls at a time, when each begins and ends, and may throw `std::bad_alloc` only. Throws
+    /// `PlatformError` only when an excluded path is relative and there is no current folder.
     std::vector<CategoryScan> scan(const ScanContext &context,
                                    const std::function<void(const ScanProgress &)> &progress,
                                    std::stop_token stop = {},

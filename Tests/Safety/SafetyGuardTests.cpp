@@ -194,6 +194,13 @@ TEST(SafetyGuard, letsNoLinkLeadOutOfAnEnclosure) {
     tree.add({"disk/volume", link("../outside/far/down/here")});
     const SafetyGuard nested(tree / "disk/home", std::vector{tree / "disk", tree / "disk/volume"});
     EXPECT_EQ(violation(nested, tree / "disk/volume/x", tree / "disk/volume"), escape);
+    // Nor when it is spelled as its disk may spell it, too.
+    tree.add({"straße/out", link("../outside")});
+    if (!FileManager::exists(tree / "STRASSE")) {
+        tree.add({"STRASSE", link("straße")});
+    }
+    const SafetyGuard spelled(tree / "disk/home", std::vector{tree / "straße"});
+    EXPECT_EQ(violation(spelled, tree / "STRASSE/out/x", tree / "STRASSE/out"), escape);
     // Nor when the way to the home begins elsewhere.
     tree.add({"elsewhere/home", link("../disk/home")});
     const SafetyGuard linking(tree / "elsewhere/home", std::vector{tree / "disk"});
