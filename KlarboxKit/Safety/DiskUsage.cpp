@@ -1,56 +1,24 @@
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 
-#include "KlarboxKit/Safety/DescriptorGrant.hpp"
-#include "KlarboxKit/Safety/TreeWalk.hpp"
-#include "KlarboxKit/Safety/WalkerPool.hpp"
+#include "KlarboxKit/Safety/TreeMeasurement.hpp"
 
-#include <exception>
 #include <fcntl.h>
 #include <string>
 #include <utility>
 
 namespace klarbox::DiskUsage {
 
-namespace {
-
-/// Measures what was given: absolute paths, or names in the open folder `givenIn`.
-std::int64_t measured(FolderEntries given, int givenIn, const CancellationTest &isCancelled) {
-    const auto grant = DescriptorGrant::wait();
-    TreeWalk walk(isCancelled);
-    walk.descriptorsPerWalker = grant.descriptors();
-    walk.givenIn = givenIn;
-    TreeWalker owner(walk, TreeWalker::Role::owner);
-    std::exception_ptr failure;
-    try {
-        owner.run(std::move(given));
-    } catch (...) {
-        // Helpers use what stands in this frame: they are waited for in any case.
-        failure = std::current_exception();
-        walk.isStopped = true;
-    }
-    if (owner.isShared()) {
-        WalkerPool::shared().finish(walk, owner);
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
-    owner.checkCancellation(); // what was visited last is asked about too
-    return walk.total;
-}
-
-} // namespace
-
 std::int64_t allocatedSize(std::span<const FileURL> urls, const CancellationTest &isCancelled) {
     if (urls.empty()) {
         return 0;
     }
-    FolderEntries given;
+    EntryList given;
     for (const auto &url : urls) {
         // No file has a NUL in its path: it must not be taken for one whose path ends there.
         const auto &path = url.path();
-        given.entries.append(path.find('\0') == std::string::npos ? path : "", 0, false);
+        given.append(path.find('\0') == std::string::npos ? path : "", 0, false);
     }
-    return measured(std::move(given), AT_FDCWD, isCancelled);
+    return TreeMeasurement(AT_FDCWD, isCancelled).run(std::move(given));
 }
 
 std::int64_t allocatedSize(const FileURL &url, const CancellationTest &isCancelled) {
@@ -61,9 +29,9 @@ std::int64_t allocatedSize(const PinnedEntry &entry, const CancellationTest &isC
     if (entry.isKnownNoFolder()) {
         return entry.status->allocatedBytes;
     }
-    FolderEntries given;
-    given.entries.append(entry.name, 0, false);
-    return measured(std::move(given), entry.parent(), isCancelled);
+    EntryList given;
+    given.append(entry.name, 0, false);
+    return TreeMeasurement(entry.parent(), isCancelled).run(std::move(given));
 }
 
 } // namespace klarbox::DiskUsage

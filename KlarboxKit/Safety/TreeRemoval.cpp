@@ -1,14 +1,16 @@
 #include "KlarboxKit/Safety/TreeRemoval.hpp"
 
 #include "KlarboxKit/Platform/FileStatus.hpp"
-#include "KlarboxKit/Safety/ProcessorCount.hpp"
+#include "KlarboxKit/Walking/ProcessorCount.hpp"
+#include "KlarboxKit/Walking/TreeVisitor.hpp"
+#include "KlarboxKit/Walking/Walker.hpp"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <cstring>
 #include <fcntl.h>
 #include <new>
-#include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace klarbox {
@@ -17,156 +19,161 @@ namespace {
 
 /// Twice the cores: while one waits for the disk to bring what says which blocks are free, another
 /// goes on. More only wait for each other, because a file system orders the changes to it.
-constexpr unsigned threadsPerCore = 2;
-constexpr unsigned mostThreads = 4;
+std::size_t threadsThatPay() {
+    constexpr unsigned threadsPerCore = 2;
+    constexpr unsigned most = 4;
+    return std::min(threadsPerCore * processorCount(), most);
+}
 
-/// Walks begun and not done, for each thread: a waiting one keeps two folders open.
-constexpr std::size_t walksPerThread = 2;
+/// Walkers begun and not done, for each thread: a waiting one keeps two folders open.
+constexpr std::size_t walkersPerThread = 2;
+
+/// Entries that one thread removes before others are asked to help: about what starting them costs.
+constexpr std::size_t entriesAlone = 256;
 
 /// Entries removed between two questions whether to stop: a question may cost as much as an entry.
 constexpr std::size_t entriesPerQuestion = 256;
 
-/// How often whoever may ask does so while others remove what is left.
-constexpr std::chrono::milliseconds idleQuestions{20};
+/// A damaged or hostile file system may list names that would lead elsewhere.
+bool staysInFolder(const char *name) {
+    return *name != '\0' && std::strchr(name, '/') == nullptr;
+}
+
+int unlink(int folder, const char *name, int flags) {
+    return ::unlinkat(folder, name, flags) == 0 ? 0 : errno;
+}
 
 } // namespace
 
-TreeRemoval::TreeRemoval(const PinnedEntry &entry, const ItemRemover::CancellationTest &isCancelled)
-    : entry_(entry),
-      grant_(DescriptorGrant::wait()),
-      threads_(std::min(threadsPerCore * processorCount(), mostThreads)),
-      isCancelled_(isCancelled),
-      untilAsked_(entriesPerQuestion) {}
+class TreeRemoval::Visitor final : public TreeVisitor {
+public:
+    explicit Visitor(TreeRemoval &removal) : removal_(removal), isOwner_(removal.isOwner()) {}
 
-std::size_t TreeRemoval::openFolders() const {
-    // Set aside: the first folder, one that is handed over, and two for looking upwards.
-    return grant_.descriptors() - 3;
+    bool isStopped() override { return removal_.isStopped(); }
+
+    std::optional<SeenFolder> visit(Walker &walker, WalkedFolder &folder,
+                                    const EntryList::Entry &entry) override {
+        countAndAsk();
+        std::optional<SeenFolder> toEnter;
+        const bool isStopped = removal_.isStopped();
+        folder.failure.note(
+            entry.tag, isStopped ? ECANCELED : remove(walker.descriptor(folder), entry, toEnter));
+        return toEnter;
+    }
+
+    /// All names before any is removed, so that no removal disturbs the listing. One that fails
+    /// ends there; the folder then turns out not to be empty.
+    void list(Walker &, WalkedFolder &folder, DirectoryReader &reader) override {
+        folder.isListed = true;
+        try {
+            std::uint64_t position = 0;
+            while (reader.fill(folder.descriptor.get())) {
+                for (DirectoryEntry entry; reader.next(entry);) {
+                    const bool mayBeFolder = entry.kind != DirectoryEntry::Kind::other;
+                    folder.entries.append(entry.name, position++, mayBeFolder);
+                }
+            }
+        } catch (const std::bad_alloc &) {
+            folder.entries.clear();
+            folder.failure.note(0, ENOMEM);
+        }
+    }
+
+    void refused(WalkedFolder &above, const EntryList::Entry &entry, int code) override {
+        above.failure.note(entry.tag, code);
+    }
+
+    /// It is empty but for what failed.
+    void leave(Walker &walker, WalkedFolder &above, const WalkedFolder &folder) override {
+        int code = folder.failure.code();
+        if (code == 0) {
+            const int descriptor = walker.descriptor(above);
+            code = descriptor < 0 ? ESTALE
+                                  : unlink(descriptor, above.entries.lastTaken(), AT_REMOVEDIR);
+        }
+        above.failure.note(folder.position, code);
+    }
+
+private:
+    void countAndAsk() {
+        if (isOwner_ && --removal_.untilAsked_ == 0) {
+            removal_.ask();
+        }
+        if (++visited_ == entriesAlone && !removal_.isShared()) {
+            removal_.getHelp(threadsThatPay() - 1);
+        }
+    }
+
+    /// Removes an entry, or answers that it is a folder to be entered. Answers an errno value, 0
+    /// for none.
+    int remove(int folder, const EntryList::Entry &entry, std::optional<SeenFolder> &toEnter) const;
+
+    TreeRemoval &removal_;
+    const bool isOwner_;
+    std::size_t visited_ = 0;
+};
+
+int TreeRemoval::Visitor::remove(int folder, const EntryList::Entry &entry,
+                                 std::optional<SeenFolder> &toEnter) const {
+    if (!staysInFolder(entry.name)) {
+        return EINVAL;
+    }
+    if (!entry.isMarked) {
+        const int code = unlink(folder, entry.name, 0);
+        // It may be a folder by now; that is what the system says of one.
+        if (code != EISDIR && code != EPERM) {
+            return code;
+        }
+    }
+    const auto status = FileStatus::of(folder, entry.name);
+    if (!status) {
+        return errno;
+    }
+    if (!status->isDirectory) {
+        return unlink(folder, entry.name, 0);
+    }
+    if (status->device != removal_.device_ || status->isMountRoot) {
+        return EXDEV;
+    }
+    toEnter = {status->device, status->inode, status->mayBeMountRoot};
+    return 0;
 }
+
+TreeRemoval::TreeRemoval(const PinnedEntry &entry, const ItemRemover::CancellationTest &isCancelled)
+    : Walk(Purpose::change, entry.parent(),
+           {.walkers = threadsThatPay(), .parts = threadsThatPay() * walkersPerThread},
+           isCancelled),
+      entry_(entry),
+      untilAsked_(entriesPerQuestion) {}
 
 int TreeRemoval::run() {
     const auto status = FileStatus::ofOpen(entry_.parent());
-    UniqueFD folder(status ? ::fcntl(entry_.parent(), F_DUPFD_CLOEXEC, 0) : -1);
-    if (!folder) {
+    if (!status) {
         return errno;
     }
     device_ = status->device;
     try {
-        EntryList entries;
-        entries.append(entry_.name, 0, true);
-        ready_.reserve(threads_ * (walksPerThread + 1)); // `room_` may be a moment old
-        ready_.push_back(
-            std::make_unique<RemovalWalk>(*this, std::move(folder), std::move(entries), nullptr));
-        walks_ = 1;
+        WalkedFolder start;
+        start.device = device_;
+        start.inode = status->inode;
+        start.entries.append(entry_.name, 0, true);
+        const int code = Walk::run(std::move(start)).code();
+        return code != 0 && isStopped() ? ECANCELED : code;
     } catch (const std::bad_alloc &) {
         return ENOMEM;
     }
-    work();
-    const int code = failure_.code();
-    return code != 0 && isStopped_ ? ECANCELED : code;
 }
 
-void TreeRemoval::ask() noexcept {
+void TreeRemoval::advance(Walker &walker) {
+    Visitor visitor(*this);
+    walker.run(visitor);
+}
+
+void TreeRemoval::ask() {
     untilAsked_ = entriesPerQuestion;
-    if (!isStopped_ && isCancelled_()) {
-        isStopped_ = true;
+    if (isCancelled_ && !isStopped() && isCancelled_()) {
+        stop();
     }
-}
-
-void TreeRemoval::getHelp() noexcept {
-    const std::lock_guard lock(mutex_);
-    if (!helpers_.empty()) {
-        return;
-    }
-    try {
-        helpers_.reserve(threads_);
-        while (helpers_.size() + 1 < threads_) {
-            auto grant = DescriptorGrant::ifAmple();
-            if (!grant) {
-                break;
-            }
-            helpers_.emplace_back([this, held = std::move(*grant)] { work(); });
-        }
-    } catch (const std::exception &) {
-        // Fewer hands take longer and come to the same end.
-    }
-}
-
-void TreeRemoval::handOver(std::unique_ptr<RemovalWalk> walk) noexcept {
-    const std::lock_guard lock(mutex_);
-    ++walk->partOf()->pending;
-    ++walks_;
-    ready_.push_back(std::move(walk));
-    updateRoom();
-    changed_.notify_one();
-}
-
-bool TreeRemoval::isDone(const HandedOver &handedOver) const {
-    const std::lock_guard lock(mutex_);
-    return handedOver.pending == 0;
-}
-
-/// Runs walks until the whole tree's is done.
-void TreeRemoval::work() noexcept {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        ++idle_;
-        updateRoom();
-        awaitWalk(lock);
-        --idle_;
-        if (walks_ == 0) {
-            return;
-        }
-        auto walk = std::move(ready_.back());
-        ready_.pop_back();
-        updateRoom();
-        lock.unlock();
-        walk->run();
-        lock.lock();
-        settle(std::move(walk));
-    }
-}
-
-/// Until there is something to run, or nothing more to wait for.
-void TreeRemoval::awaitWalk(std::unique_lock<std::mutex> &lock) noexcept {
-    const auto isOver = [&] { return walks_ == 0 || !ready_.empty(); };
-    if (!mayAsk()) {
-        changed_.wait(lock, isOver);
-        return;
-    }
-    while (!changed_.wait_for(lock, idleQuestions, isOver)) {
-        lock.unlock();
-        ask();
-        lock.lock();
-    }
-}
-
-/// Under the lock: puts a walk that ran where it belongs now.
-void TreeRemoval::settle(std::unique_ptr<RemovalWalk> walk) {
-    if (auto *awaited = walk->awaited()) {
-        if (awaited->pending > 0) {
-            awaited->waiting = std::move(walk);
-        } else {
-            ready_.push_back(std::move(walk)); // the last of them was done in the meantime
-        }
-        return;
-    }
-    --walks_;
-    auto *whole = walk->partOf();
-    if (whole == nullptr) {
-        failure_ = walk->failure();
-        changed_.notify_all();
-        return;
-    }
-    whole->failure.note(walk->failure());
-    if (--whole->pending == 0 && whole->waiting != nullptr) {
-        ready_.push_back(std::move(whole->waiting));
-    }
-}
-
-void TreeRemoval::updateRoom() {
-    const auto mostWalks = threads_ * walksPerThread;
-    const auto room = static_cast<int>(idle_) - static_cast<int>(ready_.size());
-    room_.store(walks_ < mostWalks ? room : 0, std::memory_order_relaxed);
 }
 
 } // namespace klarbox

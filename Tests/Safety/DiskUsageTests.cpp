@@ -1,6 +1,6 @@
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 
-#include "Tests/Safety/HardTrees.hpp"
+#include "Tests/Support/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 #include "Tests/Support/Sanitizers.hpp"
 

@@ -3,7 +3,7 @@
 #include "KlarboxKit/Safety/FileSystemRemover.hpp"
 #include "KlarboxKit/Safety/TrashFolder.hpp"
 
-#include "Tests/Safety/HardTrees.hpp"
+#include "Tests/Support/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
 #include <atomic>

@@ -2,7 +2,7 @@
 #include "KlarboxKit/Safety/PinnedEntry.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
 
-#include "Tests/Safety/HardTrees.hpp"
+#include "Tests/Support/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
 #include <atomic>

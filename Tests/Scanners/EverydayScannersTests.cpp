@@ -7,8 +7,8 @@
 #include "KlarboxKit/Scanners/TrashScanner.hpp"
 #include "KlarboxKit/Scanners/UserCachesScanner.hpp"
 
-#include "Tests/Safety/HardTrees.hpp"
 #include "Tests/Scanners/ScanResults.hpp"
+#include "Tests/Support/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 
 #include <unistd.h>

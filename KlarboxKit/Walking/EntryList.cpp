@@ -1,4 +1,4 @@
-#include "KlarboxKit/Safety/EntryList.hpp"
+#include "KlarboxKit/Walking/EntryList.hpp"
 
 #include <cstring>
 

@@ -1,8 +1,8 @@
-#include "KlarboxKit/Safety/DescriptorGrant.hpp"
 #include "KlarboxKit/Safety/DiskUsage.hpp"
 #include "KlarboxKit/Safety/SecureDeleter.hpp"
+#include "KlarboxKit/Walking/DescriptorGrant.hpp"
 
-#include "Tests/Safety/HardTrees.hpp"
+#include "Tests/Support/HardTrees.hpp"
 #include "Tests/Support/IsolatedProcess.hpp"
 #include "Tests/Support/Sanitizers.hpp"
 

@@ -1,4 +1,4 @@
-#include "KlarboxKit/Safety/DescriptorGrant.hpp"
+#include "KlarboxKit/Walking/DescriptorGrant.hpp"
 
 #include <algorithm>
 #include <condition_variable>
